@@ -1,0 +1,44 @@
+#pragma once
+// Helpers shared by the test suites: temporary directories, file bytes, and running the real
+// executables with captured output.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace korvex_test {
+
+// A fresh directory under the system's temporary directory, removed with its contents.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return m_path; }
+  std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+ private:
+  std::string m_path;
+};
+
+std::vector<uint8_t> ReadFileBytes(const std::string& path);
+bool WriteFileBytes(const std::string& path, const std::vector<uint8_t>& bytes);
+bool FileExists(const std::string& path);
+
+struct RunResult {
+  int exitStatus = -1;  // exit code, or 128 + signal number when killed by a signal
+  std::string out;
+  std::string err;
+};
+
+// Runs `program` with `args` in directory `cwd` (empty: the current one), capturing both streams.
+RunResult Run(const std::string& program, const std::vector<std::string>& args,
+              const std::string& cwd = "");
+
+// Paths of the built executables (set by the build).
+std::string KorvexExe();
+std::string BinDir();
+std::string SourceDir();
+
+}  // namespace korvex_test

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 
 #include "PODModel.h"
 #include "PODSceneBuilder.h"
@@ -189,6 +190,33 @@ TEST(PODEvaluation, BrokenParentChainsEndInsteadOfLooping) {
   // The cycle is walked for nNumNode steps: a, c, a, c (3 nodes, 3 steps) -> 2a + 2c.
   scene.GetWorldMatrixNoCache(m, scene.pNode[a]);
   ExpectNear(Transform(m, {0, 0, 0}), 2, 2, 0, 0);
+}
+
+// The frame-0 cache reuses parents' matrices; it must equal the from-scratch product bit for bit,
+// whatever order parents and children come in, and also for chains cut by a cycle.
+TEST(PODEvaluation, FrameZeroCacheIsBitIdenticalToUncachedWorld) {
+  const int count = 40;
+  PODSceneBuilder b;
+  for (int i = 0; i < count; ++i) {
+    // Parents before and after their children, a few roots, one parent out of range.
+    const int parent = i % 7 == 0 ? -1 : (i == 5 ? 1000 : (i * 13 + 3) % count);
+    const int n = b.AddNode("n", parent);
+    b.SetPosition(n, 0.1f * i, -0.3f * i, 1.7f);
+    b.SetScale(n, 1.1f, 0.9f + 0.01f * i, 1.3f);
+    const float c = 0.3f + 0.01f * i;
+    b.SetRotation(n, c, 0.2f, -0.1f, 0.9f);
+  }
+  b.SetParent(20, 21);
+  b.SetParent(21, 20);  // a cycle, with other nodes hanging from it
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+  for (int i = 0; i < count; ++i) {
+    PODMATRIXf expected;
+    scene.GetWorldMatrixNoCache(expected, scene.pNode[i]);
+    EXPECT_EQ(std::memcmp(&expected, &scene.m_pImpl->pmWorldFrameZero[i], sizeof(expected)), 0)
+        << "node " << i;
+    EXPECT_EQ(scene.m_pImpl->pfCachedFrame[i], 0.0f);
+  }
 }
 
 TEST(PODEvaluation, CacheIsKeyedByFrameAndFrameZeroUsesItsOwnCache) {

@@ -107,6 +107,11 @@ bool WriteMesh(FILE* f, const SPODMesh& m) {
       ((b.pnBatchBoneCnt || b.pnBatchOffset) && b.nBatchCnt < 0))
     return false;
 
+  // The interleaved block is sized by the vertex stride: with vertices but no stride it would
+  // be written empty, and read back the mesh would lose its layout and take each stream's
+  // 4-byte offset for that stream's data.
+  if (m.pInterleaved && m.nNumVertex != 0 && m.sVertex.nStride == 0) return false;
+
   const bool separate = m.pInterleaved == nullptr;
   const unsigned int nVtx = m.nNumVertex;
   bool ok = WriteMarker(f, PODTag::SceneMesh, false, 0) &&

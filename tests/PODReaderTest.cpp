@@ -367,12 +367,24 @@ TEST_F(PODReaderTest, ParentsOutsideTheArrayOrInCyclesFail) {
   EXPECT_FALSE(Load(chain({2, 0, 1, -1})));
   EXPECT_FALSE(Load(chain({-1, 0, 3, 4, 2})));  // a cycle that does not start at a root walk
   EXPECT_EQ(scene.m_pImpl, nullptr);  // refused before evaluation
+}
 
-  std::vector<int32_t> deep(kPODMaxParentDepth);
-  for (size_t i = 0; i < deep.size(); ++i) deep[i] = int32_t(i) - 1;
-  EXPECT_TRUE(Load(chain(deep)));
-  deep.push_back(int32_t(deep.size()) - 1);
-  EXPECT_FALSE(Load(chain(deep)));
+TEST(PODParents, ChainsDeeperThanTheLimitAreRefused) {
+  // Checked on nodes in memory: evaluating a chain this deep is slow and beside the point.
+  std::vector<SPODNode> nodes(kPODMaxParentDepth + 1);
+  for (size_t i = 0; i < nodes.size(); ++i) nodes[i].nIdxParent = int32_t(i) - 1;
+  SPODScene s{};
+  s.pNode = nodes.data();
+  s.nNumNode = kPODMaxParentDepth;
+  EXPECT_TRUE(PODCheckParents(s));
+  s.nNumNode = kPODMaxParentDepth + 1;
+  EXPECT_FALSE(PODCheckParents(s));
+  // The same nodes in reverse: every parent comes later in the array.
+  for (size_t i = 0; i < nodes.size(); ++i) nodes[i].nIdxParent = int32_t(i) + 1;
+  nodes.back().nIdxParent = -1;
+  EXPECT_FALSE(PODCheckParents(s));
+  nodes[0].nIdxParent = -1;
+  EXPECT_TRUE(PODCheckParents(s));
 }
 
 TEST_F(PODReaderTest, EveryPrefixOfAFileFailsAndHostileLengthsAreRefused) {

@@ -19,20 +19,10 @@ using korvex::PODSceneBuilder;
 using korvex::PODStream;
 using podtest::Block;
 using podtest::Bytes;
+using podtest::WriteBytes;
 
 namespace {
 
-std::vector<uint8_t> WriteBytes(const SPODScene& s, const char* options, bool* ok = nullptr) {
-  FILE* f = tmpfile();
-  EXPECT_NE(f, nullptr);
-  bool written = WritePOD(f, options, s);
-  if (ok) *ok = written;
-  std::vector<uint8_t> out(size_t(ftell(f)));
-  rewind(f);
-  EXPECT_EQ(fread(out.data(), 1, out.size(), f), out.size());
-  fclose(f);
-  return out;
-}
 
 std::vector<Block> Blocks(const std::vector<uint8_t>& file) {
   std::vector<Block> blocks;

@@ -210,6 +210,11 @@ TEST_F(PODReaderTest, FixedPointSceneIsConvertedOnce) {
   std::memcpy(&raw[1], n.pfAnimMatrix, 4);
   EXPECT_EQ(raw[0], 65536u);
   EXPECT_EQ(raw[1], 65536u);
+
+  // A stray scene end marker ends the file early: the scene is converted all the same.
+  ASSERT_TRUE(Load(f.close(1001).blockU32(7777, 0)));
+  EXPECT_EQ(scene.nFlags, 2u);
+  EXPECT_EQ(scene.pfColourBackground[1], float(int32_t(words[1])) / 65536.0f);
 }
 
 TEST(PODFixedPoint, ConvertsLastToFirstAndBothWays) {

@@ -54,7 +54,8 @@ bool HasEmptyDataBlock(const std::vector<uint8_t>& file) {
 }
 
 void CheckAllocation(size_t size) {
-  Check(PODReaderAllocatedBytes() <= kAllocPerByte * size + kAllocSlack, "reader allocated too much");
+  Check(PODReaderAllocatedBytes() <= kAllocPerByte * size + kAllocSlack,
+        "reader allocated too much");
 }
 
 }  // namespace

@@ -410,6 +410,7 @@ TEST_F(PODReaderTest, MissingFileFailsAndLeavesTheSceneAlone) {
   ASSERT_TRUE(Load(podtest::File(Counts(), Bytes())));
   SPODImpl* impl = scene.m_pImpl;
   EXPECT_FALSE(scene.ReadFromFile(dir.file("absent.pod").c_str()));
+  EXPECT_FALSE(scene.ReadFromFile(dir.path().c_str()));  // a directory
   EXPECT_EQ(scene.m_pImpl, impl);
   EXPECT_FLOAT_EQ(scene.pfColourBackground[0], 0.1f);
 }

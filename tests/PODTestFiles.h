@@ -160,21 +160,6 @@ inline std::vector<uint8_t> WriteBytes(const SPODScene& s, const char* options, 
 // Releases whatever a scene holds, also after a failed read (which keeps its arrays but has no
 // evaluation state, so Destroy alone would only forget them).
 inline void ReleaseScene(CPODScene& s) {
-  // Streams that an interleaved mesh read as arrays of their own (its block came after them)
-  // are not among what Destroy releases for that layout.
-  for (uint32_t i = 0; s.pMesh && i < s.nNumMesh; ++i) {
-    SPODMesh& m = s.pMesh[i];
-    if (!m.pInterleaved) continue;
-    CPODData* streams[] = {&m.sVertex,   &m.sNormals,    &m.sTangents, &m.sBinormals,
-                           &m.sVtxColours, &m.sBoneIdx, &m.sBoneWeight};
-    auto drop = [](CPODData& d) {
-      if (d.nDataSize) std::free(d.pData);
-      if (d.nDataSize) d.pData = nullptr;
-      d.nDataSize = 0;
-    };
-    for (CPODData* d : streams) drop(*d);
-    for (size_t k = 0; m.psUVW && k < m.nUVWCount; ++k) drop(m.psUVW[k]);
-  }
   if (!s.m_pImpl) s.InitImpl();
   s.Destroy();
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
@@ -66,7 +67,17 @@ void ReleaseMesh(SPODMesh& mesh) {
     ReleaseStream(mesh.sBoneIdx);
     ReleaseStream(mesh.sBoneWeight);
   } else {
-    // The stream descriptors hold offsets into the block and own nothing.
+    // The stream descriptors hold offsets into the block and own nothing, except a stream read
+    // as its own array before the block arrived: its size field says that it owns one.
+    for (CPODData* d : {&mesh.sVertex, &mesh.sNormals, &mesh.sTangents, &mesh.sBinormals,
+                        &mesh.sVtxColours, &mesh.sBoneIdx, &mesh.sBoneWeight}) {
+      if (d->nDataSize > 0) ReleaseStream(*d);
+    }
+    if (mesh.psUVW != nullptr) {
+      for (size_t i = 0; i < mesh.nUVWCount; ++i) {
+        if (mesh.psUVW[i].nDataSize > 0) ReleaseStream(mesh.psUVW[i]);
+      }
+    }
     Release(mesh.pInterleaved);
     mesh.nInterleavedSize = 0;
   }

@@ -14,6 +14,8 @@
 // SceneValidation, so these functions index the scene without checks of their own.
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <list>
 #include <map>
 #include <string>
@@ -85,6 +87,19 @@ class SceneGraphConverter {
   SSGQelSkeletalMeshNodeData* createSkeletalMeshNodeData(int nodeIndex);
   SSGQelAnimationMeshNodeData* createAnimationMeshNodeData(int nodeIndex);
   SSGQelAnimationCameraNodeData* createAnimationCameraNodeData(int nodeIndex);
+
+  // A zero-filled record or header the model can own. Sizes are fixed and small, so a failed
+  // allocation is plain exhaustion and ends the run.
+  template <class T>
+  static T* newRecord() {
+    T* record = static_cast<T*>(std::calloc(1, sizeof(T)));
+    if (record == nullptr) {
+      std::fflush(stdout);
+      std::fprintf(stderr, "Korvex: out of memory\n");
+      std::abort();
+    }
+    return record;
+  }
 
   QelSceneGraphModel* mModel;  // not owned
   CPODScene* mScene;           // not owned; set by convertFromPOD

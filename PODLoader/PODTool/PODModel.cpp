@@ -1,0 +1,181 @@
+// CPODScene lifetime (construction, adoption of an in-memory scene, release) and the element-type
+// lookups of the POD model.
+
+#include "PODModel.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+struct TypeInfo {
+  unsigned int size;
+  unsigned int components;
+};
+
+// Indexed by EPODDataType; values past the end have size 0 and no components.
+constexpr TypeInfo kTypeInfo[] = {
+    {0, 0},  // EPODDataUndefined
+    {4, 1},  // EPODDataFloat
+    {4, 1},  // EPODDataInt32
+    {2, 1},  // EPODDataUInt16
+    {4, 4},  // EPODDataColourRGBA
+    {4, 4},  // EPODDataColourARGB
+    {4, 4},  // EPODDataColourPacked32
+    {4, 4},  // EPODDataUByte4
+    {4, 3},  // EPODDataNormal101010
+    {4, 1},  // EPODDataFixed1616
+    {1, 1},  // EPODDataUInt8
+    {2, 1},  // EPODDataInt16
+    {2, 1},  // EPODDataInt16Norm
+    {1, 1},  // EPODDataInt8
+    {1, 1},  // EPODDataInt8Norm
+};
+constexpr unsigned int kTypeCount = sizeof(kTypeInfo) / sizeof(kTypeInfo[0]);
+
+// Counts computed from file data saturate instead of wrapping: a wrapped count could look
+// small enough to pass a later size check while meaning something else.
+unsigned int Saturate(uint64_t v) { return v > UINT32_MAX ? UINT32_MAX : static_cast<unsigned int>(v); }
+
+template <typename T>
+void Release(T*& p) {
+  std::free(p);
+  p = nullptr;
+}
+
+void ReleaseStream(CPODData& data) {
+  Release(data.pData);
+  data.nDataSize = 0;
+}
+
+void ReleaseMesh(SPODMesh& mesh) {
+  ReleaseStream(mesh.sFaces);
+  Release(mesh.pnStripLength);
+  mesh.nStripLengthSize = 0;
+  if (mesh.pInterleaved == nullptr) {
+    ReleaseStream(mesh.sVertex);
+    ReleaseStream(mesh.sNormals);
+    ReleaseStream(mesh.sTangents);
+    ReleaseStream(mesh.sBinormals);
+    // nUVWCount, not nNumUVW: only descriptors that really exist are visited.
+    if (mesh.psUVW != nullptr) {
+      for (size_t i = 0; i < mesh.nUVWCount; ++i) ReleaseStream(mesh.psUVW[i]);
+    }
+    ReleaseStream(mesh.sVtxColours);
+    ReleaseStream(mesh.sBoneIdx);
+    ReleaseStream(mesh.sBoneWeight);
+  } else {
+    // The stream descriptors hold offsets into the block and own nothing.
+    Release(mesh.pInterleaved);
+    mesh.nInterleavedSize = 0;
+  }
+  Release(mesh.psUVW);
+  mesh.nUVWCount = 0;
+  CPODBoneBatches& bb = mesh.sBoneBatches;
+  Release(bb.pnBatches);
+  bb.nBatchesSize = 0;
+  Release(bb.pnBatchBoneCnt);
+  bb.nBatchBoneCntSize = 0;
+  Release(bb.pnBatchOffset);
+  bb.nBatchOffsetSize = 0;
+  bb.nBatchCnt = 0;
+}
+
+void ReleaseImpl(SPODImpl*& impl) {
+  if (impl == nullptr) return;
+  std::free(impl->pfCachedFrame);
+  std::free(impl->pmWorldCache);
+  std::free(impl->pmWorldFrameZero);
+  std::free(impl);
+  impl = nullptr;
+}
+
+}  // namespace
+
+unsigned int PODModelDataTypeSize(EPODDataType type) {
+  return type < kTypeCount ? kTypeInfo[type].size : 0;
+}
+
+unsigned int PODModelDataTypeComponentCount(EPODDataType type) {
+  return type < kTypeCount ? kTypeInfo[type].components : 0;
+}
+
+unsigned int PODModelDataStride(const CPODData& data) {
+  return Saturate(uint64_t(data.n) * PODModelDataTypeSize(data.eType));
+}
+
+unsigned int PODModelCountIndices(const SPODMesh& mesh) {
+  if (mesh.nNumStrips == 0) return Saturate(uint64_t(mesh.nNumFaces) * 3);
+  // Only strip lengths that are really present are summed; a mesh that declares more strips
+  // than it stores counts the stored ones.
+  uint64_t stored = mesh.pnStripLength ? mesh.nStripLengthSize / sizeof(uint32_t) : 0;
+  uint64_t strips = mesh.nNumStrips < stored ? mesh.nNumStrips : stored;
+  uint64_t total = 0;
+  for (uint64_t i = 0; i < strips; ++i) total += uint64_t(mesh.pnStripLength[i]) + 2;
+  return Saturate(total);
+}
+
+CPODScene::CPODScene() : SPODScene(), m_pImpl(nullptr) {}
+
+CPODScene::~CPODScene() { Destroy(); }
+
+bool CPODScene::ReadFromMemory(const SPODScene& scene) {
+  // Copied first: the argument may be this very object. Any previous evaluation state is
+  // dropped without being released, exactly as a fresh read does; call Destroy before reuse.
+  const SPODScene copy = scene;
+  static_cast<SPODScene&>(*this) = SPODScene();
+  m_pImpl = nullptr;
+  static_cast<SPODScene&>(*this) = copy;
+  if (!InitImpl()) return false;
+  m_pImpl->bReadFromMemory = true;
+  return true;
+}
+
+void CPODScene::Destroy() {
+  if (m_pImpl != nullptr && !m_pImpl->bReadFromMemory) {
+    if (pCamera != nullptr) {
+      for (uint32_t i = 0; i < nNumCamera; ++i) {
+        Release(pCamera[i].pfAnimFOV);
+        pCamera[i].nAnimFOVSize = 0;
+      }
+    }
+    Release(pCamera);
+    Release(pLight);
+    if (pMaterial != nullptr) {
+      for (uint32_t i = 0; i < nNumMaterial; ++i) {
+        Release(pMaterial[i].pszName);
+        Release(pMaterial[i].pszEffectFile);
+        Release(pMaterial[i].pszEffectName);
+      }
+    }
+    Release(pMaterial);
+    if (pMesh != nullptr) {
+      for (uint32_t i = 0; i < nNumMesh; ++i) ReleaseMesh(pMesh[i]);
+    }
+    Release(pMesh);
+    if (pNode != nullptr) {
+      for (uint32_t i = 0; i < nNumNode; ++i) {
+        SPODNode& node = pNode[i];
+        Release(node.pszName);
+        Release(node.pfAnimPosition);
+        node.nAnimPositionSize = 0;
+        Release(node.pfAnimRotation);
+        node.nAnimRotationSize = 0;
+        Release(node.pfAnimScale);
+        node.nAnimScaleSize = 0;
+        // Released as well, although the file format's own release order leaves it out:
+        // keeping it would only leak, and nothing observable depends on it.
+        Release(node.pfAnimMatrix);
+        node.nAnimMatrixSize = 0;
+      }
+    }
+    Release(pNode);
+    if (pTexture != nullptr) {
+      for (uint32_t i = 0; i < nNumTexture; ++i) Release(pTexture[i].pszName);
+    }
+    Release(pTexture);
+  }
+  ReleaseImpl(m_pImpl);
+  static_cast<SPODScene&>(*this) = SPODScene();
+}

@@ -1,0 +1,136 @@
+#pragma once
+// Loading POD files: the byte source the parser reads through, the whole-file buffer behind it,
+// and one parse routine per record kind. Every routine returns false on any problem and prints
+// nothing; whatever a file holds, nothing is read or written outside an allocation.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "PODModel.h"
+
+// Abstract byte source of the parser. Reads are all-or-nothing.
+class CSource {
+ public:
+  virtual bool Read(void* pData, unsigned int nBytes) = 0;
+  virtual bool Skip(unsigned int nBytes) = 0;
+  virtual unsigned int GetReadLocation() const = 0;
+  virtual ~CSource() = default;
+  // Bytes between the read position and the end of the data: bounds what a count in the file
+  // may make the parser allocate.
+  virtual unsigned int GetRemaining() const = 0;
+
+  // Typed little-endian reads, each of the exact size of its type whatever the block's length.
+  bool Read(int& v);
+  bool Read(unsigned int& v);
+  bool Read(float& v);
+  bool Read(float (&v)[3]);
+  bool Read(float (&v)[4]);
+  bool Read(EPODDataType& v);
+  bool Read(EPODLight& v);
+  // The 4-byte offset of an interleaved stream, kept as a number in the stream's pointer slot.
+  bool ReadOffset(uint8_t*& pData);
+
+  bool ReadMarker(unsigned int& nName, unsigned int& nLen);
+
+  // A fresh zeroed array for a data block of nLen bytes, then the bytes. The array has nLen
+  // elements of T (over-allocated for wider elements, as the format has always done) and
+  // strings get one more zeroed byte so they end in a zero whatever the file holds. nSize
+  // receives nLen. A zero length changes nothing; a length beyond the data fails before
+  // allocating. An array the pointer already owned is released first.
+  bool ReadAfterAlloc(uint8_t*& p, unsigned int nLen, size_t& nSize);
+  bool ReadAfterAlloc(char*& p, unsigned int nLen);
+  bool ReadAfterAlloc(float*& p, unsigned int nLen, size_t& nSize);
+  bool ReadAfterAlloc(uint32_t*& p, unsigned int nLen, size_t& nSize);
+  bool ReadAfterAlloc(int32_t*& p, unsigned int nLen, size_t& nSize);
+};
+
+// One whole file (or a caller's bytes) in memory.
+class CResourceFile {
+ public:
+  // Loads the file named by the read path followed by pszName; stays closed when that fails.
+  explicit CResourceFile(const char* pszName);
+  // Wraps bytes that stay the caller's.
+  CResourceFile(const void* pData, unsigned int nSize);
+  virtual ~CResourceFile();
+  CResourceFile(const CResourceFile&) = delete;
+  CResourceFile& operator=(const CResourceFile&) = delete;
+
+  bool IsOpen() const { return m_bOpen; }
+  bool IsMemoryFile() const { return m_bMemoryFile; }
+  unsigned int Size() const { return m_Size; }
+  const void* DataPtr() const { return m_pData; }
+  const char* StringPtr() const { return m_pData; }
+  void Close();
+
+  static void SetReadPath(const char* pszPath);
+  static const std::string& GetReadPath();
+
+ private:
+  bool m_bOpen = false;
+  bool m_bMemoryFile = false;
+  unsigned int m_Size = 0;
+  // Owned (size + 1 bytes, the last one 0) unless m_bMemoryFile.
+  const char* m_pData = nullptr;
+  static std::string s_ReadPath;
+};
+
+class CSourceStream : public CSource {
+ public:
+  CSourceStream() = default;
+  ~CSourceStream() override;
+  CSourceStream(const CSourceStream&) = delete;
+  CSourceStream& operator=(const CSourceStream&) = delete;
+
+  bool Init(const char* pszFileName);
+  bool InitFromMemory(const void* pData, unsigned int nSize);
+
+  using CSource::Read;
+  bool Read(void* pData, unsigned int nBytes) override;
+  bool Skip(unsigned int nBytes) override;
+  unsigned int GetReadLocation() const override { return m_BytePosition; }
+  unsigned int GetRemaining() const override;
+
+ private:
+  CResourceFile* m_pFile = nullptr;
+  unsigned int m_BytePosition = 0;
+};
+
+// Every allocation the reader makes goes through here (zero-filled) and is counted, so a test
+// or a fuzzer can hold the reader to a small multiple of the file size.
+void* PODReaderCalloc(size_t count, size_t size);
+size_t PODReaderAllocatedBytes();
+void PODReaderResetAllocatedBytes();
+
+// A zeroed block of `count` elements of T; a zero count leaves the pointer as it is.
+template <typename T>
+bool SafeAlloc(T*& ptr, size_t count) {
+  if (count == 0) return true;
+  void* p = PODReaderCalloc(count, sizeof(T));
+  if (!p) return false;
+  ptr = static_cast<T*>(p);
+  return true;
+}
+
+// The parsers. pExpOpt non-null selects export-options mode: the scene is not read and up to
+// count bytes of the options text are copied.
+bool Read(SPODScene* pScene, CSource& src, char* pExpOpt, unsigned long count);
+bool ReadScene(SPODScene& s, CSource& src);
+bool ReadCamera(SPODCamera& s, CSource& src);
+bool ReadLight(SPODLight& s, CSource& src);
+bool ReadMesh(SPODMesh& s, CSource& src);
+bool ReadNode(SPODNode& s, CSource& src);
+bool ReadTexture(SPODTexture& s, CSource& src);
+bool ReadMaterial(SPODMaterial& s, CSource& src);
+bool ReadCPODData(CPODData& s, CSource& src, unsigned int nSpec, bool bValidData);
+
+// True when every parent index lies inside the node array (negative: a root) and every chain
+// of parents ends at a root within kPODMaxParentDepth steps. Frame evaluation walks these
+// chains recursively, so a cycle or an absurd depth must not reach it.
+constexpr unsigned int kPODMaxParentDepth = 4096;
+bool PODCheckParents(const SPODScene& scene);
+
+// What ReadFromFile does once the file's bytes are in memory: the same steps on bytes the
+// caller keeps (for tools and fuzzing).
+bool PODReadFromBytes(CPODScene& scene, const void* pData, size_t nSize, char* pExpOpt,
+                      unsigned long count);

@@ -1,0 +1,36 @@
+#pragma once
+// Writing POD files: the building blocks WritePOD (declared with the model) assembles a file
+// from. Every block is written through WriteFileSafe, numbers in little-endian order on any
+// host. All return false at the first short write and print nothing.
+
+#include <cstdint>
+#include <cstdio>
+
+#include "PODModel.h"
+
+// One write call of the whole size; a zero size succeeds without writing.
+bool WriteFileSafe(FILE* pFile, const void* lpBuffer, unsigned int nSize);
+
+// A marker: the tag (with bit 31 set for an end marker), then the length.
+bool WriteMarker(FILE* pFile, unsigned int nName, bool bEnd, unsigned int nLen);
+
+// A data block of raw bytes: start marker, the bytes, end marker. A null pointer writes nothing
+// and succeeds.
+bool WriteData(FILE* pFile, unsigned int nName, const void* pData, unsigned int nLen);
+// The same for an array of 32-bit words (turned to little-endian on a big-endian host).
+bool WriteDataWords(FILE* pFile, unsigned int nName, const void* pData, unsigned int nLen);
+
+// Blocks of one value: 4 bytes, or 12 for three floats. The interleaved offset of a stream is
+// written through the unsigned form.
+bool WriteData(FILE* pFile, unsigned int nName, int n);
+bool WriteData(FILE* pFile, unsigned int nName, unsigned int n);
+bool WriteData(FILE* pFile, unsigned int nName, float f);
+bool WriteData(FILE* pFile, unsigned int nName, const float (&pf)[3]);
+bool WriteData(FILE* pFile, unsigned int nName, EPODDataType e);
+bool WriteData(FILE* pFile, unsigned int nName, EPODLight e);
+
+// A stream container: 9000 to 9002, then 9003 with nStride * nCount bytes of data when
+// bValidData, or the 4-byte interleaved offset when not. False, before anything is written,
+// when the data is asked for beyond what the stream holds (nDataSize) or is no array at all.
+bool WriteCPODData(FILE* pFile, unsigned int nName, const CPODData& data, unsigned int nCount,
+                   bool bValidData);

@@ -1,0 +1,188 @@
+#include "QelSceneGraphModel.h"
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+#include "Assertion.h"
+
+namespace {
+
+const char* const kSource = "PODLoader/QelSceneGraphModel";
+
+// Frees every array a record owns.
+struct ArrayReleaser {
+  void array(SSGNodeData& buffer) {
+    std::free(buffer.data);
+    buffer.data = nullptr;
+    buffer.length = 0;
+  }
+};
+
+template <class L>
+void ReleaseRecord(typename L::Record* r) {
+  if (r == nullptr) return;
+  ArrayReleaser releaser;
+  L::arrays(*r, releaser);
+  std::free(r);
+}
+
+template <class L>
+void ReleaseSequence(std::vector<typename L::Record*>& records) {
+  for (auto* r : records) ReleaseRecord<L>(r);
+  records.clear();
+}
+
+// Size of the POD file, or 0 when it cannot be determined.
+uint64_t FileSize(FILE* file) {
+  struct stat st;
+  if (fstat(fileno(file), &st) != 0 || st.st_size < 0) return 0;
+  return static_cast<uint64_t>(st.st_size);
+}
+
+}  // namespace
+
+QelSceneGraphModel::QelSceneGraphModel() : PODFile(nullptr) {
+  // type, version and totalNodeNumber stay as they are; they are always overwritten before use.
+  std::memset(header.PODFilename, 0, sizeof header.PODFilename);
+}
+
+QelSceneGraphModel::~QelSceneGraphModel() {
+  closePODFile();
+  ReleaseSequence<korvex::SGLayout<ESGNode>>(node);
+  ReleaseSequence<korvex::SGLayout<ESGMeshNode>>(meshnode);
+  ReleaseSequence<korvex::SGLayout<ESGLightNode>>(lightnode);
+  ReleaseSequence<korvex::SGLayout<ESGCameraNode>>(cameranode);
+  ReleaseSequence<korvex::SGLayout<ESGMaterial>>(material);
+  ReleaseSequence<korvex::SGLayout<ESGCollisionBoxNode>>(collisionboxnode);
+  ReleaseSequence<korvex::SGLayout<ESGCollisionSphereNode>>(collisionspherenode);
+  ReleaseSequence<korvex::SGLayout<ESGBillboardNode>>(billboardnode);
+  ReleaseSequence<korvex::SGLayout<ESGSkyBoxNode>>(skyboxnode);
+  ReleaseSequence<korvex::SGLayout<ESGMarkerNode>>(markernode);
+  ReleaseSequence<korvex::SGLayout<ESGSkeletalMeshNode>>(skeletalmeshnode);
+  ReleaseSequence<korvex::SGLayout<ESGAnimationMeshNode>>(animationmeshnode);
+  ReleaseSequence<korvex::SGLayout<ESGAnimationCameraNode>>(animationcameranode);
+  for (SSGNodeHeader* h : nodeheader) std::free(h);
+  for (SSGFileHeader* h : m_fileHeaders) std::free(h);
+  for (uint8_t* p : m_loadedStreams) std::free(p);
+}
+
+void QelSceneGraphModel::destroyRecord(uint32_t kind, void* rec) {
+  korvex::SGDispatchKind(kind, [&](auto layout) {
+    using L = decltype(layout);
+    ReleaseRecord<L>(static_cast<typename L::Record*>(rec));
+  });
+}
+
+void QelSceneGraphModel::createNode(void* rec, ESGName kind) {
+  if (kind == ESGFileHeader) {
+    SSGFileHeader* fileHeader = static_cast<SSGFileHeader*>(rec);
+    std::memcpy(&header, fileHeader, sizeof header);
+    if (fileHeader != &header) m_fileHeaders.push_back(fileHeader);
+    return;
+  }
+  korvex::SGDispatchKind(kind, [&](auto layout) {
+    using L = decltype(layout);
+    sequence<L::kKind>().push_back(static_cast<typename L::Record*>(rec));
+  });
+}
+
+void QelSceneGraphModel::createNodeHeader(SSGNodeHeader* nodeHeader) { nodeheader.push_back(nodeHeader); }
+
+void* QelSceneGraphModel::record(uint32_t kind, int32_t index) {
+  void* found = nullptr;
+  const bool known = korvex::SGDispatchKind(kind, [&](auto layout) {
+    using L = decltype(layout);
+    auto& records = sequence<L::kKind>();
+    KX_ASSERT(index >= 0 && static_cast<size_t>(index) < records.size(), kSource);
+    found = records[static_cast<size_t>(index)];
+  });
+  KX_ASSERT(known, kSource);
+  return found;
+}
+
+size_t QelSceneGraphModel::recordCount(uint32_t kind) const {
+  size_t count = 0;
+  korvex::SGDispatchKind(kind, [&](auto layout) {
+    using L = decltype(layout);
+    count = sequence<L::kKind>().size();
+  });
+  return count;
+}
+
+bool QelSceneGraphModel::openPODFile(const std::string& path) {
+  closePODFile();
+  PODFile = std::fopen(path.c_str(), "rb");
+  return PODFile != nullptr;
+}
+
+bool QelSceneGraphModel::closePODFile() {
+  if (PODFile != nullptr) std::fclose(PODFile);
+  PODFile = nullptr;
+  return true;
+}
+
+bool QelSceneGraphModel::seekFile(uint32_t offset) {
+  if (PODFile == nullptr) return false;
+  return std::fseek(PODFile, static_cast<long>(offset), SEEK_SET) == 0;
+}
+
+bool QelSceneGraphModel::readPODData(uint8_t* buffer, int size, uint32_t offset) {
+  if (PODFile == nullptr || size < 0) return false;
+  if (!seekFile(offset)) return false;
+  return std::fread(buffer, 1, static_cast<size_t>(size), PODFile) == static_cast<size_t>(size);
+}
+
+bool QelSceneGraphModel::loadStream(CPODData& stream, uint64_t bytes, uint32_t offset) {
+  stream.pData = nullptr;
+  stream.nDataSize = 0;
+  if (bytes == 0) return true;
+  // A stream cannot be longer than the file that holds it; refusing here keeps a corrupt count
+  // from turning into an absurd allocation.
+  if (PODFile == nullptr || bytes > FileSize(PODFile) || bytes > INT32_MAX) return false;
+  uint8_t* array = static_cast<uint8_t*>(std::calloc(1, static_cast<size_t>(bytes)));
+  if (array == nullptr) return false;
+  m_loadedStreams.push_back(array);
+  stream.pData = array;
+  stream.nDataSize = static_cast<size_t>(bytes);
+  // A short read leaves the rest of the array zero.
+  return readPODData(array, static_cast<int>(bytes), offset);
+}
+
+bool QelSceneGraphModel::loadMeshData(SSGQelMeshNode* mesh) {
+  const uint64_t vertices = mesh->numVertex;
+  bool ok = loadStream(mesh->vertex, vertices * mesh->vertex.n * 4, mesh->vertexOffset);
+  ok = loadStream(mesh->face, uint64_t(mesh->numFace) * 6, mesh->faceOffset) && ok;
+  ok = loadStream(mesh->normal, vertices * mesh->normal.n * 4, mesh->normalOffset) && ok;
+  // Only eight sets exist in the record, whatever numUVW claims.
+  const uint32_t sets = mesh->numUVW < 8 ? mesh->numUVW : 8;
+  for (uint32_t i = 0; i < sets; ++i)
+    ok = loadStream(mesh->UVW[i], vertices * mesh->UVW[i].n * 4, mesh->UVWOffset[i]) && ok;
+  return ok;
+}
+
+void QelSceneGraphModel::loadNodeDataFromPOD(SSGNodeHeader* nodeHeader) {
+  // The check compares the field's address with a literal's, so it can never fail; an empty
+  // name is not caught here and the open below then tries PODDirectory alone.
+  const char* podFilename = this->header.PODFilename;
+  const char* empty = "";
+  KX_ASSERT_TEXT(podFilename != empty, "this->header.PODFilename!=\"\"", kSource, __LINE__);
+
+  // PODFilename may fill its 256 bytes without a terminator.
+  PODFilePath = PODDirectory + std::string(header.PODFilename, strnlen(header.PODFilename, 256));
+  openPODFile(PODFilePath);
+  // Kinds built on the mesh record load their streams; the others only open and close the file.
+  korvex::SGDispatchKind(nodeHeader->type, [&](auto layout) {
+    using L = decltype(layout);
+    using Record = typename L::Record;
+    if constexpr (std::is_base_of<SSGQelMeshNode, Record>::value)
+      loadMeshData(static_cast<Record*>(record(L::kKind, nodeHeader->index)));
+  });
+  closePODFile();
+}
+
+void QelSceneGraphModel::loadAllNodeDataFromPOD() {
+  for (SSGNodeHeader* h : nodeheader) loadNodeDataFromPOD(h);
+}

@@ -1,0 +1,155 @@
+#pragma once
+// The scene-graph model: one file header, the node headers in creation order, and one record
+// sequence per node kind. The converter and the loader fill it, the writer serialises it.
+//
+// Ownership: the model owns every node header and record handed to it (createNodeHeader,
+// createNode) and releases them in its destructor, together with their arrays. Records, headers
+// and arrays must therefore come from malloc/calloc (SGNewRecord below); each SSGNodeData.data is
+// a separately allocated block owned by the record that holds the descriptor. A copied
+// CPODData.pData never owns: it is zero, aims into one of the record's own arrays, or aims at an
+// array read by loadMeshData, which the model keeps and releases itself. A file header passed to
+// createNode with kind 1000 is copied into `header` and also kept until destruction, so its
+// creator may still read it. The tool's driver never destroys its model, so records live until
+// the process ends; tests and tools that destroy a model stay leak-free.
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "SceneGraphLayout.h"
+#include "SceneGraphRecords.h"
+
+// A zero-filled record, header or array the model can own (released with free).
+template <class T>
+T* SGNewRecord() {
+  return static_cast<T*>(std::calloc(1, sizeof(T)));
+}
+
+class QelSceneGraphModel {
+ public:
+  QelSceneGraphModel();
+  ~QelSceneGraphModel();
+  QelSceneGraphModel(const QelSceneGraphModel&) = delete;
+  QelSceneGraphModel& operator=(const QelSceneGraphModel&) = delete;
+
+  // Kind 1000 copies the 268-byte header; 2000..2012 append the pointer to that kind's
+  // sequence (the model takes it); any other kind is ignored.
+  void createNode(void* record, ESGName kind);
+  void createNodeHeader(SSGNodeHeader* nodeHeader);
+
+  // POD-file access for lazy loading of mesh streams.
+  bool openPODFile(const std::string& path);
+  bool closePODFile();
+  bool seekFile(uint32_t offset);
+  // Reads `size` bytes at `offset`; bytes the file does not hold are left as they were.
+  bool readPODData(uint8_t* buffer, int size, uint32_t offset);
+  // Reads the position, face, normal and texture-coordinate streams of a mesh into new arrays
+  // aimed at by its CPODData.pData members. False when a stream is too large for the file (its
+  // pData is then null) or could not be read in full (the rest of its array is zero).
+  bool loadMeshData(SSGQelMeshNode* mesh);
+  void loadNodeDataFromPOD(SSGNodeHeader* nodeHeader);
+  void loadAllNodeDataFromPOD();
+
+  // The record of kind `kind` at `index` of its sequence; an index outside the sequence or a
+  // kind outside 2000..2012 is a broken invariant and aborts.
+  void* record(uint32_t kind, int32_t index);
+  // Number of records in the sequence of `kind` (0 for a kind outside 2000..2012).
+  size_t recordCount(uint32_t kind) const;
+  // The sequence of a kind by its ESGName.
+  template <ESGName K>
+  std::vector<typename korvex::SGLayout<K>::Record*>& sequence();
+  template <ESGName K>
+  const std::vector<typename korvex::SGLayout<K>::Record*>& sequence() const {
+    return const_cast<QelSceneGraphModel*>(this)->sequence<K>();
+  }
+
+  // Frees a record of `kind` with all its arrays (for records never handed to a model).
+  static void destroyRecord(uint32_t kind, void* record);
+
+  // Model dump and consistency printout (defined in QelSceneGraphModelPrint.cpp).
+  void printModelInfo();
+  void printCheckModelInfo();
+  void printFileHeaderInfo(SSGFileHeader* fileHeader);
+  void printNodeHeaderInfo(SSGNodeHeader* nodeHeader);
+  void printNodeInfo(SSGQelNodeData* data);
+  void printMeshNodeInfo(SSGQelMeshNodeData* data);
+  void printMaterialNodeInfo(SSGQelMaterialData* data);
+  void printCameraNodeInfo(SSGQelCameraNodeData* data);
+  void printLightNodeInfo(SSGQelLightNodeData* data);
+  void printMarkerNodeInfo(SSGQelMarkerNodeData* data);
+  void printCollisionBoxNodeInfo(SSGQelCollisionBoxNodeData* data);
+  void printCollisionSphereNodeInfo(SSGQelCollisionSphereNodeData* data);
+  void printBillboardNodeInfo(SSGQelBillboardNodeData* data);
+  void printSkyboxNodeInfo(SSGQelSkyBoxNodeData* data);
+  void printSkeletonNodeInfo(SSGQelSkeletalMeshNodeData* data);
+  void printAnimationNodeInfo(SSGQelAnimationMeshNodeData* data);
+  void printAnimationCameraNodeInfo(SSGQelAnimationCameraNodeData* data);
+  void checkMeshNode(SSGNodeHeader* nodeHeader, SSGQelMeshNodeData* data);
+
+  SSGFileHeader header;
+  std::vector<SSGNodeHeader*> nodeheader;
+  std::vector<SSGQelNodeData*> node;
+  std::vector<SSGQelMeshNodeData*> meshnode;
+  std::vector<SSGQelLightNodeData*> lightnode;
+  std::vector<SSGQelCameraNodeData*> cameranode;
+  std::vector<SSGQelMaterialData*> material;
+  std::vector<SSGQelCollisionBoxNodeData*> collisionboxnode;
+  std::vector<SSGQelCollisionSphereNodeData*> collisionspherenode;
+  std::vector<SSGQelBillboardNodeData*> billboardnode;
+  std::vector<SSGQelSkyBoxNodeData*> skyboxnode;
+  std::vector<SSGQelMarkerNodeData*> markernode;
+  std::vector<SSGQelSkeletalMeshNodeData*> skeletalmeshnode;
+  std::vector<SSGQelAnimationMeshNodeData*> animationmeshnode;
+  std::vector<SSGQelAnimationCameraNodeData*> animationcameranode;
+  FILE* PODFile;
+  std::string PODDirectory;
+  std::string PODFilePath;
+
+ private:
+  // Reads one stream of `bytes` bytes at `offset` into a new zero-filled array kept by the model.
+  bool loadStream(CPODData& stream, uint64_t bytes, uint32_t offset);
+
+  std::vector<SSGFileHeader*> m_fileHeaders;  // handed over with kind 1000
+  std::vector<uint8_t*> m_loadedStreams;      // arrays made by loadMeshData
+};
+
+template <>
+inline std::vector<SSGQelNodeData*>& QelSceneGraphModel::sequence<ESGNode>() { return node; }
+template <>
+inline std::vector<SSGQelMeshNodeData*>& QelSceneGraphModel::sequence<ESGMeshNode>() { return meshnode; }
+template <>
+inline std::vector<SSGQelLightNodeData*>& QelSceneGraphModel::sequence<ESGLightNode>() { return lightnode; }
+template <>
+inline std::vector<SSGQelCameraNodeData*>& QelSceneGraphModel::sequence<ESGCameraNode>() { return cameranode; }
+template <>
+inline std::vector<SSGQelMaterialData*>& QelSceneGraphModel::sequence<ESGMaterial>() { return material; }
+template <>
+inline std::vector<SSGQelCollisionBoxNodeData*>& QelSceneGraphModel::sequence<ESGCollisionBoxNode>() {
+  return collisionboxnode;
+}
+template <>
+inline std::vector<SSGQelCollisionSphereNodeData*>& QelSceneGraphModel::sequence<ESGCollisionSphereNode>() {
+  return collisionspherenode;
+}
+template <>
+inline std::vector<SSGQelBillboardNodeData*>& QelSceneGraphModel::sequence<ESGBillboardNode>() {
+  return billboardnode;
+}
+template <>
+inline std::vector<SSGQelSkyBoxNodeData*>& QelSceneGraphModel::sequence<ESGSkyBoxNode>() { return skyboxnode; }
+template <>
+inline std::vector<SSGQelMarkerNodeData*>& QelSceneGraphModel::sequence<ESGMarkerNode>() { return markernode; }
+template <>
+inline std::vector<SSGQelSkeletalMeshNodeData*>& QelSceneGraphModel::sequence<ESGSkeletalMeshNode>() {
+  return skeletalmeshnode;
+}
+template <>
+inline std::vector<SSGQelAnimationMeshNodeData*>& QelSceneGraphModel::sequence<ESGAnimationMeshNode>() {
+  return animationmeshnode;
+}
+template <>
+inline std::vector<SSGQelAnimationCameraNodeData*>& QelSceneGraphModel::sequence<ESGAnimationCameraNode>() {
+  return animationcameranode;
+}

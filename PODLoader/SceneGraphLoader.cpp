@@ -1,0 +1,377 @@
+#include "SceneGraphLoader.h"
+
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <type_traits>
+
+#include "ByteIO.h"
+
+namespace {
+
+using korvex::ByteReader;
+
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string Format(const char* format, ...) {
+  char text[512];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  return text;
+}
+
+// Reads a description field by field from a range that holds exactly its fixed size. Pointer
+// slots carry no meaning in the file and come back null.
+class FieldReader {
+ public:
+  explicit FieldReader(ByteReader& in) : m_in(in) {}
+  template <class T>
+  void word(T& value) {
+    static_assert(sizeof(T) == 4, "a file word is 32 bits");
+    uint32_t u = 0;
+    m_in.u32(u);
+    std::memcpy(&value, &u, 4);
+  }
+  template <class T>
+  void words(T* values, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i) word(values[i]);
+  }
+  void text(char* field, uint32_t n) { m_in.raw(field, n); }
+  void podData(CPODData& d) {
+    uint32_t type = 0;
+    m_in.u32(type);
+    d.eType = static_cast<EPODDataType>(type);
+    m_in.u32(d.n);
+    m_in.u32(d.nStride);
+    m_in.skip(4);
+    d.pData = nullptr;
+    m_in.u32(d.nFileOffset);
+    d.nDataSize = 0;
+  }
+  void buffer(SSGNodeData& b) {
+    m_in.u32(b.type);
+    m_in.u32(b.length);
+    m_in.skip(4);
+    b.data = nullptr;
+  }
+
+ private:
+  ByteReader& m_in;
+};
+
+struct ArrayLengthSum {
+  uint64_t total = 0;
+  void array(const SSGNodeData& b) { total += b.length; }
+};
+
+// Largest fixed part of any kind: the buffer a block's fixed part is read into.
+constexpr uint32_t kLargestFixedPart = kSGSkeletalMeshSize;
+
+// Kinds other than the plain mesh re-aim their copied stream descriptors at their own arrays.
+// A texture-coordinate set that starts beyond the array (the counts disagree with the array's
+// length) is left null rather than aimed outside the allocation.
+void AimStreams(SSGQelMeshNodeData& m) {
+  m.vertex.pData = m.vertexBuffer.data;
+  m.vertex.nDataSize = m.vertexBuffer.length;
+  m.normal.pData = m.normalBuffer.data;
+  m.normal.nDataSize = m.normalBuffer.length;
+  m.face.pData = m.faceBuffer.data;
+  m.face.nDataSize = m.faceBuffer.length;
+  const uint32_t sets = m.numUVW < 8 ? m.numUVW : 8;
+  const uint64_t setBytes = uint64_t(m.numVertex) * 8;
+  for (uint32_t i = 0; i < sets; ++i) {
+    const uint64_t start = i * setBytes;
+    if (m.UVWBuffer.data != nullptr && start < m.UVWBuffer.length) {
+      const uint64_t left = m.UVWBuffer.length - start;
+      m.UVW[i].pData = m.UVWBuffer.data + start;
+      m.UVW[i].nDataSize = static_cast<size_t>(setBytes < left ? setBytes : left);
+    } else {
+      m.UVW[i].pData = nullptr;
+      m.UVW[i].nDataSize = 0;
+    }
+  }
+}
+
+}  // namespace
+
+SceneGraphLoader::SceneGraphLoader()
+    : m_model(nullptr),
+      m_file(nullptr),
+      m_bytesRead(0),
+      m_memory(nullptr),
+      m_size(0),
+      m_position(0),
+      m_blockBytes(0),
+      m_nodeNumber(0) {}
+
+SceneGraphLoader::~SceneGraphLoader() { closeFile(); }
+
+bool SceneGraphLoader::fail(const std::string& what) {
+  m_error = "\"" + m_path + "\": " + what;
+  return false;
+}
+
+bool SceneGraphLoader::failNode(const SSGNodeHeader* h, const std::string& what) {
+  return fail(Format("node %zu (%s, type %u): ", m_nodeNumber, korvex::SGKindName(h->type), h->type) + what);
+}
+
+bool SceneGraphLoader::readFromFile(const std::string& path, QelSceneGraphModel* model) {
+  m_model = model;
+  m_path = path;
+  m_memory = nullptr;
+  m_error.clear();
+  if (!openFile()) {
+    const int error = errno;
+    return fail(std::string("cannot open: ") + std::strerror(error));
+  }
+  const bool ok = load();
+  closeFile();
+  return ok;
+}
+
+bool SceneGraphLoader::readFromMemory(const uint8_t* bytes, size_t size, QelSceneGraphModel* model) {
+  closeFile();
+  m_model = model;
+  m_path = "<memory>";
+  m_memory = bytes;
+  m_size = bytes != nullptr ? size : 0;
+  m_position = 0;
+  m_error.clear();
+  const bool ok = load();
+  m_memory = nullptr;
+  return ok;
+}
+
+bool SceneGraphLoader::load() {
+  m_nodeHeaders.clear();
+  m_bytesRead = 0;
+  m_blockBytes = 0;
+  m_nodeNumber = 0;
+  if (!readFileFormat()) return false;
+  return buildSceneGraph();
+}
+
+bool SceneGraphLoader::openFile() {
+  closeFile();
+  m_file = std::fopen(m_path.c_str(), "rb");
+  if (m_file == nullptr) return false;
+  // Only a regular file has a size to check offsets against (a directory opens, then fails).
+  struct stat st;
+  int error = 0;
+  if (fstat(fileno(m_file), &st) != 0)
+    error = errno;
+  else if (!S_ISREG(st.st_mode))
+    error = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+  if (error != 0) {
+    closeFile();
+    errno = error;
+    return false;
+  }
+  m_size = static_cast<uint64_t>(st.st_size);
+  m_position = 0;
+  return true;
+}
+
+bool SceneGraphLoader::closeFile() {
+  if (m_file != nullptr) std::fclose(m_file);
+  m_file = nullptr;
+  return true;
+}
+
+bool SceneGraphLoader::seekFile(uint32_t offset) {
+  if (offset > m_size) return false;
+  if (m_file != nullptr && fseeko(m_file, static_cast<off_t>(offset), SEEK_SET) != 0) return false;
+  m_position = offset;
+  return true;
+}
+
+bool SceneGraphLoader::readFile(uint8_t* buffer, size_t size) {
+  m_bytesRead += size;
+  if (size > m_size - m_position) return false;
+  if (m_memory != nullptr) {
+    std::memcpy(buffer, m_memory + m_position, size);
+  } else if (m_file == nullptr || std::fread(buffer, 1, size, m_file) != size) {
+    return false;
+  }
+  m_position += size;
+  return true;
+}
+
+uint32_t SceneGraphLoader::calculateFileHeaderSize(const SSGFileHeader*) const { return kSGFileHeaderSize; }
+uint32_t SceneGraphLoader::calculateNodeHeaderSize(const SSGNodeHeader*) const { return kSGNodeHeaderSize; }
+
+bool SceneGraphLoader::readFileHeader(SGData* buffer) {
+  buffer->assign(kSGFileHeaderSize, 0);
+  return seekFile(0) && readFile(buffer->data(), buffer->size());
+}
+
+void SceneGraphLoader::createFileHeader(const SGData* buffer) {
+  ByteReader in(buffer->data(), buffer->size());
+  FieldReader fields(in);
+  korvex::SGFileHeaderLayout::fields(m_model->header, fields);
+}
+
+bool SceneGraphLoader::readNode(int count) {
+  m_nodeHeaders.reserve(static_cast<size_t>(count));
+  for (int i = 0; i < count; ++i) {
+    SGData buffer(kSGNodeHeaderSize, 0);
+    if (!readFile(buffer.data(), buffer.size()))
+      return fail(Format("node header %d could not be read", i));
+    m_nodeHeaders.push_back(std::move(buffer));
+  }
+  return true;
+}
+
+void SceneGraphLoader::createNodeHeader(const SGData* buffer, SSGNodeHeader* nodeHeader) {
+  ByteReader in(buffer->data(), buffer->size());
+  FieldReader fields(in);
+  korvex::SGNodeHeaderLayout::fields(*nodeHeader, fields);
+}
+
+bool SceneGraphLoader::readFileFormat() {
+  SGData buffer;
+  if (!readFileHeader(&buffer))
+    return fail(Format("file of %llu bytes is too short for the %u-byte file header",
+                       static_cast<unsigned long long>(m_size), kSGFileHeaderSize));
+  // The model's header is overwritten before any check.
+  createFileHeader(&buffer);
+  const SSGFileHeader& header = m_model->header;
+  if (header.type != ESGFileHeader)
+    return fail(Format("not a scene-graph file: header type %u, expected %u", header.type,
+                       static_cast<uint32_t>(ESGFileHeader)));
+  // Refused before anything is allocated for them: the headers must fit in the file.
+  const uint64_t room = (m_size - kSGFileHeaderSize) / kSGNodeHeaderSize;
+  if (header.totalNodeNumber > room)
+    return fail(Format("the file header announces %u node headers, the file has room for %llu",
+                       header.totalNodeNumber, static_cast<unsigned long long>(room)));
+  return readNode(static_cast<int>(header.totalNodeNumber));
+}
+
+bool SceneGraphLoader::buildSceneGraph() {
+  for (size_t i = 0; i < m_nodeHeaders.size(); ++i) {
+    m_nodeNumber = i;
+    SSGNodeHeader* h = SGNewRecord<SSGNodeHeader>();
+    if (h == nullptr) return fail("out of memory");
+    createNodeHeader(&m_nodeHeaders[i], h);
+    bool ok = true;
+    switch (h->type) {
+      case ESGMeshNode: ok = createMeshNode(h); break;
+      case ESGLightNode: ok = createLightNode(h); break;
+      case ESGCameraNode: ok = createCameraNode(h); break;
+      case ESGMaterial: ok = createMaterialNode(h); break;
+      case ESGCollisionBoxNode: ok = createCollisionBoxNode(h); break;
+      case ESGCollisionSphereNode: ok = createCollisionSphereNode(h); break;
+      case ESGBillboardNode: ok = createBillboardNode(h); break;
+      case ESGSkyBoxNode: ok = createSkyboxNode(h); break;
+      case ESGMarkerNode: ok = createMarkerNode(h); break;
+      case ESGSkeletalMeshNode: ok = createSkeletonNode(h); break;
+      case ESGAnimationMeshNode: ok = createAnimationMeshNode(h); break;
+      case ESGAnimationCameraNode: ok = createAnimationCameraNode(h); break;
+      default: break;  // any other type keeps only its header
+    }
+    if (!ok) {
+      std::free(h);
+      return false;
+    }
+    // Appended once its record is in place, so the model never holds a header without record.
+    m_model->createNodeHeader(h);
+  }
+  return true;
+}
+
+template <class L>
+bool SceneGraphLoader::createRecord(SSGNodeHeader* h) {
+  using Record = typename L::Record;
+  static_assert(L::kFixedSize <= kLargestFixedPart, "fixed part buffer too small");
+  const uint32_t fixed = L::kFixedSize;
+  auto& records = m_model->template sequence<L::kKind>();
+
+  // Readers find a record through its header's index, so it must be the record's position.
+  if (h->index < 0 || static_cast<uint64_t>(h->index) != records.size())
+    return failNode(h, Format("index %d is not the record's position %zu", h->index, records.size()));
+  if (h->offset > m_size || h->length > m_size - h->offset)
+    return failNode(h, Format("block at offset %u of %u bytes lies outside the file of %llu bytes",
+                              h->offset, h->length, static_cast<unsigned long long>(m_size)));
+  if (h->length < fixed)
+    return failNode(h, Format("block of %u bytes is shorter than the %u-byte fixed part", h->length, fixed));
+  // Blocks may not overlap so much that they add up to more than the file: this bounds what the
+  // records can allocate by the size of the file.
+  const uint64_t headerBytes = kSGFileHeaderSize + uint64_t(m_nodeHeaders.size()) * kSGNodeHeaderSize;
+  if (h->length > m_size - headerBytes - m_blockBytes)
+    return failNode(h, "the data blocks together are longer than the file");
+
+  std::array<uint8_t, kLargestFixedPart> bytes{};
+  if (!seekFile(h->offset) || !readFile(bytes.data(), fixed))
+    return failNode(h, Format("short read at offset %u", h->offset));
+  Record* r = SGNewRecord<Record>();
+  if (r == nullptr) return failNode(h, "out of memory");
+  {
+    ByteReader in(bytes.data(), fixed);
+    FieldReader fields(in);
+    L::fields(*r, fields);
+  }
+
+  ArrayLengthSum sum;
+  L::arrays(*r, sum);
+  if (uint64_t(fixed) + sum.total != h->length) {
+    std::free(r);  // no array allocated yet
+    if (sum.total == 0 && korvex::SGDescribedArrayCount<L>() == 0)
+      return failNode(h, Format("block of %u bytes is longer than the %u-byte %s record", h->length, fixed,
+                                korvex::SGKindName(h->type)));
+    return failNode(h, Format("the arrays add up to %llu bytes but the block holds %u after its fixed part",
+                              static_cast<unsigned long long>(sum.total), h->length - fixed));
+  }
+
+  // Each array is read straight into its own allocation, owned by the record.
+  bool ok = true;
+  struct ArrayReader {
+    SceneGraphLoader* loader;
+    bool* ok;
+    void array(SSGNodeData& b) {
+      if (!*ok || b.length == 0) return;
+      b.data = static_cast<uint8_t*>(std::malloc(b.length));
+      *ok = b.data != nullptr && loader->readFile(b.data, b.length);
+    }
+  } reader{this, &ok};
+  L::arrays(*r, reader);
+  if (!ok) {
+    QelSceneGraphModel::destroyRecord(L::kKind, r);
+    return failNode(h, "short read of the block's arrays");
+  }
+
+  if constexpr (std::is_base_of<SSGQelMeshNodeData, Record>::value && L::kKind != ESGMeshNode) AimStreams(*r);
+
+  records.push_back(r);
+  m_blockBytes += h->length;
+  return true;
+}
+
+bool SceneGraphLoader::createMeshNode(SSGNodeHeader* h) { return createRecord<korvex::SGLayout<ESGMeshNode>>(h); }
+bool SceneGraphLoader::createLightNode(SSGNodeHeader* h) { return createRecord<korvex::SGLayout<ESGLightNode>>(h); }
+bool SceneGraphLoader::createCameraNode(SSGNodeHeader* h) { return createRecord<korvex::SGLayout<ESGCameraNode>>(h); }
+bool SceneGraphLoader::createMaterialNode(SSGNodeHeader* h) { return createRecord<korvex::SGLayout<ESGMaterial>>(h); }
+bool SceneGraphLoader::createCollisionBoxNode(SSGNodeHeader* h) {
+  return createRecord<korvex::SGLayout<ESGCollisionBoxNode>>(h);
+}
+bool SceneGraphLoader::createCollisionSphereNode(SSGNodeHeader* h) {
+  return createRecord<korvex::SGLayout<ESGCollisionSphereNode>>(h);
+}
+bool SceneGraphLoader::createBillboardNode(SSGNodeHeader* h) {
+  return createRecord<korvex::SGLayout<ESGBillboardNode>>(h);
+}
+bool SceneGraphLoader::createSkyboxNode(SSGNodeHeader* h) { return createRecord<korvex::SGLayout<ESGSkyBoxNode>>(h); }
+bool SceneGraphLoader::createMarkerNode(SSGNodeHeader* h) { return createRecord<korvex::SGLayout<ESGMarkerNode>>(h); }
+bool SceneGraphLoader::createSkeletonNode(SSGNodeHeader* h) {
+  return createRecord<korvex::SGLayout<ESGSkeletalMeshNode>>(h);
+}
+bool SceneGraphLoader::createAnimationMeshNode(SSGNodeHeader* h) {
+  return createRecord<korvex::SGLayout<ESGAnimationMeshNode>>(h);
+}
+bool SceneGraphLoader::createAnimationCameraNode(SSGNodeHeader* h) {
+  return createRecord<korvex::SGLayout<ESGAnimationCameraNode>>(h);
+}

@@ -1,0 +1,327 @@
+#include "SceneGraphWritter.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+
+#include "ByteIO.h"
+
+namespace {
+
+using korvex::ByteWriter;
+using korvex::SGLayout;
+
+// Serialises a description field by field, little-endian; pointer slots are written as 0.
+class FieldWriter {
+ public:
+  explicit FieldWriter(ByteWriter& out) : m_out(out) {}
+  template <class T>
+  void word(const T& value) {
+    static_assert(sizeof(T) == 4, "a file word is 32 bits");
+    uint32_t u;
+    std::memcpy(&u, &value, 4);
+    m_out.u32(u);
+  }
+  template <class T>
+  void words(const T* values, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i) word(values[i]);
+  }
+  void text(const char* field, uint32_t n) { m_out.raw(field, n); }
+  void podData(const CPODData& d) {
+    m_out.u32(d.eType);
+    m_out.u32(d.n);
+    m_out.u32(d.nStride);
+    m_out.u32(0);
+    m_out.u32(d.nFileOffset);
+  }
+  void buffer(const SSGNodeData& b) {
+    m_out.u32(b.type);
+    m_out.u32(b.length);
+    m_out.u32(0);
+  }
+
+ private:
+  ByteWriter& m_out;
+};
+
+// Appends each array from its data pointer, exactly `length` bytes (zeros if data is null).
+class ArrayWriter {
+ public:
+  explicit ArrayWriter(ByteWriter& out) : m_out(out) {}
+  void array(const SSGNodeData& b) { m_out.raw(b.data, b.length); }
+
+ private:
+  ByteWriter& m_out;
+};
+
+struct ArrayLengthSum {
+  uint64_t total = 0;
+  void array(const SSGNodeData& b) { total += b.length; }
+};
+
+template <class L>
+uint64_t BlockSize(const typename L::Record& r) {
+  ArrayLengthSum sum;
+  L::arrays(r, sum);
+  return uint64_t(L::kFixedSize) + sum.total;
+}
+
+template <class L>
+SGData BuildBlock(const typename L::Record& r) {
+  ByteWriter out;
+  out.reserve(static_cast<size_t>(BlockSize<L>(r)));
+  FieldWriter fields(out);
+  L::fields(r, fields);
+  ArrayWriter arrays(out);
+  L::arrays(r, arrays);
+  return std::move(out.bytes());
+}
+
+template <class Layout>
+SGData BuildFixed(const typename Layout::Record& r) {
+  ByteWriter out;
+  out.reserve(Layout::kFixedSize);
+  FieldWriter fields(out);
+  Layout::fields(r, fields);
+  return std::move(out.bytes());
+}
+
+int g_tempCounter = 0;
+
+}  // namespace
+
+SceneGraphWritter::SceneGraphWritter()
+    : m_model(nullptr), m_file(nullptr), m_bytesWritten(0), m_writeError(0) {}
+
+SceneGraphWritter::~SceneGraphWritter() {
+  // Only reached with an open file if a caller drove the steps by hand and stopped half-way.
+  if (m_file != nullptr) {
+    std::fclose(m_file);
+    std::remove(m_tempPath.c_str());
+  }
+}
+
+bool SceneGraphWritter::fail(const std::string& what, int error) {
+  m_error = "cannot write scene-graph file \"" + m_path + "\": " + what;
+  if (error != 0) m_error += std::string(": ") + std::strerror(error);
+  std::fprintf(stderr, "Korvex: %s\n", m_error.c_str());
+  return false;
+}
+
+bool SceneGraphWritter::WritetoFile(const std::string& path, QelSceneGraphModel* model) {
+  m_model = model;
+  m_path = path;
+  // A second call starts afresh rather than appending to the buffers of the first.
+  m_fileHeader.clear();
+  m_nodeHeaders.clear();
+  m_data.clear();
+  m_bytesWritten = 0;
+  m_writeError = 0;
+  m_error.clear();
+
+  if (!buildFileFormat()) return false;
+  if (!openFile()) {
+    const int error = errno;
+    return fail("cannot create \"" + m_tempPath + "\"", error);
+  }
+  writeFileFormat();
+  if (std::fflush(m_file) != 0 && m_writeError == 0) m_writeError = errno;
+  const bool closed = closeFile();
+  if (m_writeError != 0 || !closed) {
+    const int error = m_writeError != 0 ? m_writeError : errno;
+    std::remove(m_tempPath.c_str());
+    return fail("write failed", error);
+  }
+  if (std::rename(m_tempPath.c_str(), m_path.c_str()) != 0) {
+    const int error = errno;
+    std::remove(m_tempPath.c_str());
+    return fail("cannot replace it", error);
+  }
+  return true;
+}
+
+bool SceneGraphWritter::openFile() {
+  if (m_file != nullptr) {
+    closeFile();
+    std::remove(m_tempPath.c_str());
+  }
+  // O_EXCL on a fresh name: never write through somebody else's file or link. Mode 0666 lets
+  // the umask decide the permissions, as for a file opened with "wb".
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    m_tempPath = m_path + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(g_tempCounter++);
+    const int fd = open(m_tempPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) {
+      if (errno == EEXIST) continue;
+      return false;
+    }
+    m_file = fdopen(fd, "wb");
+    if (m_file == nullptr) {
+      const int error = errno;
+      close(fd);
+      std::remove(m_tempPath.c_str());
+      errno = error;
+      return false;
+    }
+    return true;
+  }
+  errno = EEXIST;
+  return false;
+}
+
+bool SceneGraphWritter::closeFile() {
+  bool ok = true;
+  if (m_file != nullptr) ok = std::fclose(m_file) == 0;
+  m_file = nullptr;
+  return ok;
+}
+
+bool SceneGraphWritter::writeFile(const uint8_t* bytes, size_t size) {
+  m_bytesWritten += size;
+  if (size == 0) return true;
+  if (m_file == nullptr || std::fwrite(bytes, 1, size, m_file) != size) {
+    if (m_writeError == 0) m_writeError = m_file == nullptr ? EBADF : (errno != 0 ? errno : EIO);
+    return false;
+  }
+  return true;
+}
+
+uint32_t SceneGraphWritter::calculateFileHeaderSize(const SSGFileHeader*) const { return kSGFileHeaderSize; }
+uint32_t SceneGraphWritter::calculateNodeHeaderSize(const SSGNodeHeader*) const { return kSGNodeHeaderSize; }
+
+uint64_t SceneGraphWritter::calculateNodeSize(const SSGQelNodeData* d) const { return BlockSize<SGLayout<ESGNode>>(*d); }
+uint64_t SceneGraphWritter::calculateSSGNodeSize(const SSGNodeData* b) const { return uint64_t(kSGNodeSize) + b->length; }
+uint64_t SceneGraphWritter::calculateMeshNodeSize(const SSGQelMeshNodeData* d) const {
+  return BlockSize<SGLayout<ESGMeshNode>>(*d);
+}
+uint64_t SceneGraphWritter::calculateLightNodeSize(const SSGQelLightNodeData* d) const {
+  return BlockSize<SGLayout<ESGLightNode>>(*d);
+}
+uint64_t SceneGraphWritter::calculateCameraNodeSize(const SSGQelCameraNodeData* d) const {
+  return BlockSize<SGLayout<ESGCameraNode>>(*d);
+}
+uint64_t SceneGraphWritter::calculateMaterialNodeSize(const SSGQelMaterialData* d) const {
+  return BlockSize<SGLayout<ESGMaterial>>(*d);
+}
+uint64_t SceneGraphWritter::calculateCollisionBoxNodeSize(const SSGQelCollisionBoxNodeData* d) const {
+  return BlockSize<SGLayout<ESGCollisionBoxNode>>(*d);
+}
+uint64_t SceneGraphWritter::calculateCollisionSphereNodeSize(const SSGQelCollisionSphereNodeData* d) const {
+  return BlockSize<SGLayout<ESGCollisionSphereNode>>(*d);
+}
+uint64_t SceneGraphWritter::calculateBillboardNodeSize(const SSGQelBillboardNodeData* d) const {
+  return BlockSize<SGLayout<ESGBillboardNode>>(*d);
+}
+uint64_t SceneGraphWritter::calculateSkyboxNodeSize(const SSGQelSkyBoxNodeData* d) const {
+  return BlockSize<SGLayout<ESGSkyBoxNode>>(*d);
+}
+uint64_t SceneGraphWritter::calculateMarkerNodeSize(const SSGQelMarkerNodeData* d) const {
+  return BlockSize<SGLayout<ESGMarkerNode>>(*d);
+}
+uint64_t SceneGraphWritter::calculateSkeletonNodeSize(const SSGQelSkeletalMeshNodeData* d) const {
+  return BlockSize<SGLayout<ESGSkeletalMeshNode>>(*d);
+}
+uint64_t SceneGraphWritter::calculateAnimationNodeSize(const SSGQelAnimationMeshNodeData* d) const {
+  return BlockSize<SGLayout<ESGAnimationMeshNode>>(*d);
+}
+uint64_t SceneGraphWritter::calculateAnimationCameraNodeSize(const SSGQelAnimationCameraNodeData* d) const {
+  return BlockSize<SGLayout<ESGAnimationCameraNode>>(*d);
+}
+
+SGData SceneGraphWritter::createFileHeader() const { return BuildFixed<korvex::SGFileHeaderLayout>(m_model->header); }
+SGData SceneGraphWritter::createNodeHeader(const SSGNodeHeader* h) const {
+  return BuildFixed<korvex::SGNodeHeaderLayout>(*h);
+}
+SGData SceneGraphWritter::createNodeData(const SSGQelNodeData* d) const { return BuildBlock<SGLayout<ESGNode>>(*d); }
+SGData SceneGraphWritter::createSSGNodeData(const SSGQelNodeData* d, const SSGNodeData* b) const {
+  ByteWriter out;
+  FieldWriter fields(out);
+  SGLayout<ESGNode>::fields(*d, fields);
+  out.raw(b->data, b->length);
+  return std::move(out.bytes());
+}
+SGData SceneGraphWritter::createMeshData(const SSGQelMeshNodeData* d) const { return BuildBlock<SGLayout<ESGMeshNode>>(*d); }
+SGData SceneGraphWritter::createLightData(const SSGQelLightNodeData* d) const {
+  return BuildBlock<SGLayout<ESGLightNode>>(*d);
+}
+SGData SceneGraphWritter::createCameraData(const SSGQelCameraNodeData* d) const {
+  return BuildBlock<SGLayout<ESGCameraNode>>(*d);
+}
+SGData SceneGraphWritter::createMaterialData(const SSGQelMaterialData* d) const {
+  return BuildBlock<SGLayout<ESGMaterial>>(*d);
+}
+SGData SceneGraphWritter::createCollisionBoxData(const SSGQelCollisionBoxNodeData* d) const {
+  return BuildBlock<SGLayout<ESGCollisionBoxNode>>(*d);
+}
+SGData SceneGraphWritter::createCollisionSphereData(const SSGQelCollisionSphereNodeData* d) const {
+  return BuildBlock<SGLayout<ESGCollisionSphereNode>>(*d);
+}
+SGData SceneGraphWritter::createBillboardData(const SSGQelBillboardNodeData* d) const {
+  return BuildBlock<SGLayout<ESGBillboardNode>>(*d);
+}
+SGData SceneGraphWritter::createSkyboxData(const SSGQelSkyBoxNodeData* d) const {
+  return BuildBlock<SGLayout<ESGSkyBoxNode>>(*d);
+}
+SGData SceneGraphWritter::createMarkerData(const SSGQelMarkerNodeData* d) const {
+  return BuildBlock<SGLayout<ESGMarkerNode>>(*d);
+}
+SGData SceneGraphWritter::createSkeletonData(const SSGQelSkeletalMeshNodeData* d) const {
+  return BuildBlock<SGLayout<ESGSkeletalMeshNode>>(*d);
+}
+SGData SceneGraphWritter::createAnimationMeshData(const SSGQelAnimationMeshNodeData* d) const {
+  return BuildBlock<SGLayout<ESGAnimationMeshNode>>(*d);
+}
+SGData SceneGraphWritter::createAnimationCameraData(const SSGQelAnimationCameraNodeData* d) const {
+  return BuildBlock<SGLayout<ESGAnimationCameraNode>>(*d);
+}
+
+bool SceneGraphWritter::buildFileFormat() {
+  constexpr uint64_t kMax32 = std::numeric_limits<uint32_t>::max();
+  // The base counts every header, written or not (only kinds 2001..2012 are written).
+  const uint64_t base =
+      uint64_t(m_model->nodeheader.size()) * kSGNodeHeaderSize + kSGFileHeaderSize;
+  m_fileHeader = createFileHeader();
+  uint64_t running = 0;
+  for (SSGNodeHeader* h : m_model->nodeheader) {
+    if (h->type >= ESGMeshNode && h->type <= ESGAnimationCameraNode) {
+      SGData block;
+      korvex::SGDispatchKind(h->type, [&](auto layout) {
+        using L = decltype(layout);
+        block = BuildBlock<L>(*static_cast<const typename L::Record*>(m_model->record(L::kKind, h->index)));
+      });
+      const uint64_t offset = base + running;
+      if (block.size() > kMax32 || offset > kMax32)
+        return fail("the scene does not fit the 32-bit offsets of the format", 0);
+      h->length = static_cast<uint32_t>(block.size());
+      h->offset = static_cast<uint32_t>(offset);
+      m_nodeHeaders.push_back(createNodeHeader(h));
+      m_data.push_back(std::move(block));
+    }
+    // Every header's length moves the running offset, also the length a skipped header had.
+    running += h->length;
+  }
+  return true;
+}
+
+bool SceneGraphWritter::writeFileHeader() { return writeFile(m_fileHeader.data(), m_fileHeader.size()); }
+
+bool SceneGraphWritter::writeNodeHeader() {
+  bool ok = true;
+  for (const SGData& b : m_nodeHeaders) ok = writeFile(b.data(), b.size()) && ok;
+  return ok;
+}
+
+bool SceneGraphWritter::writeData() {
+  bool ok = true;
+  for (const SGData& b : m_data) ok = writeFile(b.data(), b.size()) && ok;
+  return ok;
+}
+
+bool SceneGraphWritter::writeFileFormat() {
+  bool ok = writeFileHeader();
+  ok = writeNodeHeader() && ok;
+  ok = writeData() && ok;
+  return ok;
+}

@@ -1,0 +1,329 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "PODModel.h"
+#include "PODSceneBuilder.h"
+
+using korvex::PODSceneBuilder;
+
+namespace {
+
+const float kHalfSqrt2 = float(std::sqrt(0.5));  // 90 degrees about z: (0, 0, r, r)
+
+PODVECTOR3f Transform(const PODMATRIXf& m, PODVECTOR3f p) {
+  PODVECTOR3f out;
+  PODMatrixVec3TransposeMultipleF(out, p, m);
+  return out;
+}
+
+void ExpectNear(const PODVECTOR3f& v, float x, float y, float z, float tol = 1e-5f) {
+  EXPECT_NEAR(v.x, x, tol);
+  EXPECT_NEAR(v.y, y, tol);
+  EXPECT_NEAR(v.z, z, tol);
+}
+
+void ExpectMatricesNear(const PODMATRIXf& a, const PODMATRIXf& b, float tol) {
+  for (int i = 0; i < 16; ++i) EXPECT_NEAR(a.f[i], b.f[i], tol) << i;
+}
+
+TEST(PODEvaluation, SetFrameSplitsIntoTruncatedIndexAndBlend) {
+  PODSceneBuilder b;
+  b.SetNumFrames(5);
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+  scene.SetFrame(2.25f);
+  EXPECT_EQ(scene.m_pImpl->nFrameIndex, 2);
+  EXPECT_EQ(scene.m_pImpl->fFrameBlend, 0.25f);
+  scene.SetFrame(-0.5f);
+  EXPECT_EQ(scene.m_pImpl->nFrameIndex, 0);
+  EXPECT_EQ(scene.m_pImpl->fFrameBlend, -0.5f);
+}
+
+TEST(PODEvaluation, PositionAndScaleFallBackToKeyZeroButRotationToStaticValue) {
+  PODSceneBuilder b;
+  b.SetNumFrames(3);
+  const int absent = b.AddNode("absent");
+  b.SetPosition(absent, 1, 2, 3);
+  b.SetScale(absent, 4, 5, 6);
+  b.SetRotation(absent, 0, 0, kHalfSqrt2, kHalfSqrt2);
+  // Arrays present, flags clear: position/scale read key 0, rotation ignores its array.
+  const int unflagged = b.AddNode("unflagged");
+  b.SetPosition(unflagged, 1, 2, 3);
+  b.SetRotation(unflagged, 0, 0, kHalfSqrt2, kHalfSqrt2);
+  b.SetAnimPosition(unflagged, {7, 8, 9, 70, 80, 90, 700, 800, 900}, false);
+  b.SetAnimScale(unflagged, PODSceneBuilder::ScaleKeys({2, 3, 4, 20, 30, 40, 5, 5, 5}), false);
+  b.SetAnimRotation(unflagged, {0, 0, 0, 1, 1, 0, 0, 0, 0, 1, 0, 0}, false);
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+  scene.SetFrame(1.5f);
+
+  PODVECTOR3f t;
+  PODMATRIXf m;
+  scene.GetTranslation(t, scene.pNode[absent]);
+  ExpectNear(t, 1, 2, 3, 0);
+  scene.GetScalingMatrix(m, scene.pNode[absent]);
+  EXPECT_EQ(m.f[0], 4.0f);
+  EXPECT_EQ(m.f[5], 5.0f);
+  EXPECT_EQ(m.f[10], 6.0f);
+
+  scene.GetTranslation(t, scene.pNode[unflagged]);
+  ExpectNear(t, 7, 8, 9, 0);
+  scene.GetScalingMatrix(m, scene.pNode[unflagged]);
+  EXPECT_EQ(m.f[0], 2.0f);
+  EXPECT_EQ(m.f[5], 3.0f);
+  EXPECT_EQ(m.f[10], 4.0f);
+
+  // Both nodes turn x into -y (the table's row 0 for 90 degrees about z).
+  for (int node : {absent, unflagged}) {
+    scene.GetRotationMatrix(m, scene.pNode[node]);
+    ExpectNear(Transform(m, {1, 0, 0}), 0, -1, 0);
+  }
+}
+
+TEST(PODEvaluation, AnimatedChannelsBlendNeighbouringKeys) {
+  PODSceneBuilder b;
+  b.SetNumFrames(3);
+  const int n = b.AddNode("n");
+  b.SetAnimPosition(n, {0, 0, 0, 2, 4, 6, 10, 20, 30});
+  b.SetAnimScale(n, PODSceneBuilder::ScaleKeys({1, 1, 1, 3, 5, 7, 9, 9, 9}));
+  // Keys 1 and 2: identity, then 90 degrees about z.
+  b.SetAnimRotation(n, {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, kHalfSqrt2, kHalfSqrt2});
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+  scene.SetFrame(1.5f);
+  PODVECTOR3f t;
+  scene.GetTranslation(t, scene.pNode[n]);
+  ExpectNear(t, 6, 12, 18, 0);  // halfway between keys 1 and 2, exact in float
+  PODMATRIXf m;
+  scene.GetScalingMatrix(m, scene.pNode[n]);
+  EXPECT_EQ(m.f[0], 6.0f);
+  EXPECT_EQ(m.f[5], 7.0f);
+  EXPECT_EQ(m.f[10], 8.0f);
+  // 45 degrees about z turns x into (cos 45, -sin 45).
+  scene.GetRotationMatrix(m, scene.pNode[n]);
+  ExpectNear(Transform(m, {1, 0, 0}), kHalfSqrt2, -kHalfSqrt2, 0);
+
+  // A negative blend extrapolates position but gives no rotation at all.
+  scene.SetFrame(-0.5f);
+  scene.GetTranslation(t, scene.pNode[n]);
+  ExpectNear(t, -1, -2, -3, 0);
+  scene.GetRotationMatrix(m, scene.pNode[n]);
+  PODMATRIXf id;
+  PODMatrixIdentityF(id);
+  ExpectMatricesNear(m, id, 0);
+}
+
+// Arrays hold exactly the keys they need, so under AddressSanitizer any read of key N (one past
+// the last) at the last frame would be reported.
+TEST(PODEvaluation, LastFrameEqualsLastKeyWithoutReadingPastTheArray) {
+  const int N = 4;
+  PODSceneBuilder b;
+  b.SetNumFrames(N);
+  const int n = b.AddNode("n");
+  b.SetAnimPosition(n, {0, 0, 0, 1, 1, 1, 2, 2, 2, 3.5f, -4.25f, 5});
+  b.SetAnimScale(n, PODSceneBuilder::ScaleKeys({1, 1, 1, 1, 1, 1, 1, 1, 1, 2, 3, 4}));
+  b.SetAnimRotation(n, {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0.6f, 0.8f});
+  // Flagged channel holding fewer keys than frames: clamps to its own last key.
+  const int shortNode = b.AddNode("short");
+  b.SetAnimPosition(shortNode, {1, 1, 1, 9, 8, 7});
+  // Less than one whole key: treated as absent.
+  const int brokenNode = b.AddNode("broken");
+  b.SetPosition(brokenNode, 4, 5, 6);
+  b.SetAnimPosition(brokenNode, {1, 2});
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+
+  scene.SetFrame(float(N - 1));
+  PODVECTOR3f t;
+  scene.GetTranslation(t, scene.pNode[n]);
+  ExpectNear(t, 3.5f, -4.25f, 5, 0);
+  PODMATRIXf m;
+  scene.GetScalingMatrix(m, scene.pNode[n]);
+  EXPECT_EQ(m.f[0], 2.0f);
+  EXPECT_EQ(m.f[5], 3.0f);
+  EXPECT_EQ(m.f[10], 4.0f);
+  // (0, 0, 0.6, 0.8): x goes to (1 - 2*0.36, -2*0.6*0.8, 0) = (0.28, -0.96, 0).
+  scene.GetRotationMatrix(m, scene.pNode[n]);
+  ExpectNear(Transform(m, {1, 0, 0}), 0.28f, -0.96f, 0);
+
+  scene.GetTranslation(t, scene.pNode[shortNode]);
+  ExpectNear(t, 9, 8, 7, 0);
+  scene.SetFrame(0.5f);
+  scene.GetTranslation(t, scene.pNode[brokenNode]);
+  ExpectNear(t, 4, 5, 6, 0);
+}
+
+TEST(PODEvaluation, WorldIsScaleRotationTranslationThenParent) {
+  PODSceneBuilder b;
+  const int parent = b.AddNode("parent");
+  b.SetPosition(parent, 10, 0, 0);
+  const int child = b.AddNode("child", parent);
+  b.SetScale(child, 2, 2, 2);
+  b.SetRotation(child, 0, 0, kHalfSqrt2, kHalfSqrt2);
+  b.SetPosition(child, 1, 0, 0);
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+  // (1,0,0): scaled (2,0,0), rotated (0,-2,0), moved (1,-2,0), parent (11,-2,0).
+  PODMATRIXf m;
+  scene.GetWorldMatrixNoCache(m, scene.pNode[child]);
+  ExpectNear(Transform(m, {1, 0, 0}), 11, -2, 0);
+  scene.GetWorldMatrix(m, scene.pNode[child]);
+  ExpectNear(Transform(m, {1, 0, 0}), 11, -2, 0);
+}
+
+TEST(PODEvaluation, BrokenParentChainsEndInsteadOfLooping) {
+  PODSceneBuilder b;
+  const int a = b.AddNode("a");
+  const int c = b.AddNode("c", a);
+  b.SetParent(a, c);  // a <-> c
+  const int orphan = b.AddNode("orphan", 99);
+  b.SetPosition(a, 1, 0, 0);
+  b.SetPosition(c, 0, 1, 0);
+  b.SetPosition(orphan, 0, 0, 1);
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));  // runs FlushCache over the cycle
+  PODMATRIXf m;
+  scene.GetWorldMatrixNoCache(m, scene.pNode[orphan]);
+  ExpectNear(Transform(m, {0, 0, 0}), 0, 0, 1, 0);
+  // The cycle is walked for nNumNode steps: a, c, a, c (3 nodes, 3 steps) -> 2a + 2c.
+  scene.GetWorldMatrixNoCache(m, scene.pNode[a]);
+  ExpectNear(Transform(m, {0, 0, 0}), 2, 2, 0, 0);
+}
+
+TEST(PODEvaluation, CacheIsKeyedByFrameAndFrameZeroUsesItsOwnCache) {
+  PODSceneBuilder b;
+  b.SetNumFrames(3);
+  const int n = b.AddNode("n");
+  b.SetAnimPosition(n, {0, 0, 0, 1, 0, 0, 2, 0, 0});
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+  SPODImpl& impl = *scene.m_pImpl;
+  EXPECT_EQ(impl.pfCachedFrame[n], 0.0f);
+
+  // At frame 0 the per-frame cache is never consulted, even though its key reads 0.
+  impl.pmWorldCache[n].f[12] = 99.0f;
+  PODMATRIXf m;
+  scene.GetWorldMatrix(m, scene.pNode[n]);
+  EXPECT_EQ(m.f[12], 0.0f);
+
+  scene.SetFrame(2.0f);
+  scene.GetWorldMatrix(m, scene.pNode[n]);
+  EXPECT_EQ(m.f[12], 2.0f);
+  EXPECT_EQ(impl.pfCachedFrame[n], 2.0f);
+
+  // Changed keys are not seen until the frame changes or the cache is flushed.
+  scene.pNode[n].pfAnimPosition[6] = 5.0f;
+  scene.GetWorldMatrix(m, scene.pNode[n]);
+  EXPECT_EQ(m.f[12], 2.0f);
+  scene.SetFrame(1.0f);
+  scene.GetWorldMatrix(m, scene.pNode[n]);
+  EXPECT_EQ(m.f[12], 1.0f);
+  scene.SetFrame(2.0f);
+  scene.GetWorldMatrix(m, scene.pNode[n]);
+  EXPECT_EQ(m.f[12], 5.0f);
+
+  scene.pNode[n].pfAnimPosition[0] = -3.0f;
+  scene.FlushCache();
+  EXPECT_EQ(impl.fCurrentFrame, 0.0f);
+  EXPECT_EQ(impl.pfCachedFrame[n], 0.0f);
+  scene.GetWorldMatrix(m, scene.pNode[n]);
+  EXPECT_EQ(m.f[12], -3.0f);
+}
+
+TEST(PODEvaluation, StillSceneEvaluatesKeyZeroButCachesUnderTheGivenFrame) {
+  PODSceneBuilder b;  // nNumFrame 0
+  const int n = b.AddNode("n");
+  b.SetAnimPosition(n, {1, 2, 3, 4, 5, 6});
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+  scene.SetFrame(2.5f);
+  EXPECT_EQ(scene.m_pImpl->fCurrentFrame, 2.5f);
+  EXPECT_EQ(scene.m_pImpl->nFrameIndex, 0);
+  EXPECT_EQ(scene.m_pImpl->fFrameBlend, 0.0f);
+  PODMATRIXf m;
+  scene.GetWorldMatrix(m, scene.pNode[n]);
+  EXPECT_EQ(m.f[12], 1.0f);
+  EXPECT_EQ(scene.m_pImpl->pfCachedFrame[n], 2.5f);
+}
+
+TEST(PODEvaluation, BoneMatrixCarriesBindPoseIntoAnimatedPose) {
+  PODSceneBuilder b;
+  b.SetNumFrames(3);
+  const int mesh = b.AddMeshNode("skin", 0);
+  b.SetPosition(mesh, 0, 0, 5);
+  const int bone = b.AddNode("bone");
+  b.SetAnimPosition(bone, {1, 0, 0, 1, 1, 0, 1, 3, 0});
+  b.SetAnimRotation(bone, {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, kHalfSqrt2, kHalfSqrt2});
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+
+  // T(0,0,5) * T(-1,0,0) * R(90 z) * T(1,3,0): the origin lands at (-1,0,5) rotated -> (0,1,5),
+  // then moved to (1,4,5).
+  scene.SetFrame(2.0f);
+  PODMATRIXf m;
+  scene.GetBoneWorldMatrix(m, scene.pNode[mesh], scene.pNode[bone]);
+  ExpectNear(Transform(m, {0, 0, 0}), 1, 4, 5);
+  EXPECT_EQ(scene.m_pImpl->fCurrentFrame, 2.0f);
+  EXPECT_EQ(scene.m_pImpl->pfCachedFrame[bone], 2.0f);
+
+  // Mesh node = bone node: the bone's own world matrix at the current frame.
+  PODMATRIXf own, expected;
+  scene.GetBoneWorldMatrix(own, scene.pNode[bone], scene.pNode[bone]);
+  scene.GetWorldMatrixNoCache(expected, scene.pNode[bone]);
+  ExpectMatricesNear(own, expected, 1e-5f);
+  EXPECT_EQ(scene.m_pImpl->nFrameIndex, 2);
+}
+
+TEST(PODEvaluation, CamerasAndLightsArePlacedByTheirNodes) {
+  PODSceneBuilder b;
+  b.SetNumFrames(3);
+  b.AddMeshNode("mesh", 0);
+  const int light = b.AddLightNode("light", 1, 1, 1);
+  b.SetRotation(light, 0, 0, kHalfSqrt2, kHalfSqrt2);  // y axis becomes (1, 0, 0)
+  b.SetPosition(light, 7, 8, 9);
+  const int cam = b.AddCameraNode("cam", 0.9f, 1, 100, 4);
+  b.SetPosition(cam, 1, 2, 3);
+  b.AddCameraNode("still", 0.3f, 1, 100);
+  const int target = b.AddNode("target");
+  ASSERT_EQ(target, 4);
+  b.SetPosition(target, 4, 5, 6);
+  b.SetAnimFOV(0, {0.5f, 0.7f, 0.9f});
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+
+  PODVECTOR3f pos, dir;
+  scene.GetLight(pos, dir, 0);
+  ExpectNear(pos, 7, 8, 9);
+  ExpectNear(dir, -1, 0, 0);
+  const PODVECTOR4f lp = scene.GetLightPosition(0);
+  EXPECT_EQ(lp.w, 1.0f);
+  EXPECT_NEAR(lp.x, 7.0f, 1e-6);
+
+  scene.SetFrame(1.5f);
+  PODVECTOR3f from, to, up{42, 42, 42};
+  const float fov = scene.GetCamera(from, to, up, 0);
+  EXPECT_FLOAT_EQ(fov, 0.8f);
+  ExpectNear(from, 1, 2, 3);
+  ExpectNear(to, 1, 1, 3);  // from minus the y axis
+  EXPECT_EQ(up.x, 42.0f);
+  scene.GetCameraPos(from, to, 0);
+  ExpectNear(to, 4, 5, 6);
+
+  // No target: "to" untouched; no FOV array: the static value.
+  to = PODVECTOR3f{-7, -7, -7};
+  EXPECT_EQ(scene.GetCameraPos(from, to, 1), 0.3f);
+  EXPECT_EQ(to.x, -7.0f);
+
+  // The last frame's blend pairs the last FOV key with itself.
+  scene.SetFrame(2.0f);
+  EXPECT_EQ(scene.GetCamera(from, to, up, 0), 0.9f);
+
+  // Indices naming no camera or light leave the outputs alone.
+  from = PODVECTOR3f{-1, -1, -1};
+  scene.GetCamera(from, to, up, 5);
+  scene.GetLight(from, dir, 3);
+  EXPECT_EQ(from.x, -1.0f);
+}
+
+}  // namespace

@@ -476,8 +476,10 @@ void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
 }
 
 void reduceMeshVertex(SPODScene* scene, bool nearly) {
-  std::puts(nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
-                   : "Reducing vertex number with vertex have SAME UV...");
+  // Like the texture renaming's line, this one is left open: the count lines follow on it.
+  std::fputs(nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
+                    : "Reducing vertex number with vertex have SAME UV...",
+             stdout);
   // 32-bit totals, wrapping like the counts they add up.
   uint32_t before = 0;
   uint32_t after = 0;

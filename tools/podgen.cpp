@@ -1,6 +1,7 @@
 // podgen: writes generated POD scenes.
 //
 //   podgen example OUT.pod     the bundled example: one node of every still kind
+//   podgen minimal OUT.pod     one textured triangle
 //
 // Scenes are built in memory and saved with the POD writer, with an export-options block ahead
 // of the scene (the converter refuses files without one).
@@ -113,8 +114,24 @@ void BuildExample(PODSceneBuilder& b) {
   Place(b, b.AddNode("CameraTarget"), 0, 1, 0);
 }
 
+void BuildMinimal(PODSceneBuilder& b) {
+  const int material = b.AddMaterial("Paint", b.AddTexture("paint.png"));
+  const int mesh = b.AddMesh(3);
+  b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 1, 0, 0, 0, 1, 0});
+  b.SetFloatStream(mesh, PODStream::Normals, 3, {0, 0, 1, 0, 0, 1, 0, 0, 1});
+  b.AddFloatUVW(mesh, 2, {0, 0, 1, 0, 0, 1});
+  b.SetFaces(mesh, {0, 1, 2});
+  Place(b, b.AddMeshNode("Triangle", mesh, material), 1, 2, 3);
+}
+
+struct Generator {
+  const char* name;
+  void (*build)(PODSceneBuilder&);
+};
+const Generator kGenerators[] = {{"example", BuildExample}, {"minimal", BuildMinimal}};
+
 int Usage() {
-  std::fprintf(stderr, "usage: podgen example OUT.pod\n");
+  std::fprintf(stderr, "usage: podgen example|minimal OUT.pod\n");
   return 2;
 }
 
@@ -124,10 +141,11 @@ int main(int argc, char** argv) {
   if (argc != 3) return Usage();
   const std::string what = argv[1];
   PODSceneBuilder builder;
-  if (what == "example")
-    BuildExample(builder);
-  else
-    return Usage();
+  const Generator* generator = nullptr;
+  for (const Generator& g : kGenerators)
+    if (what == g.name) generator = &g;
+  if (generator == nullptr) return Usage();
+  generator->build(builder);
 
   CPODScene scene;
   if (!builder.Build(scene)) {

@@ -1,0 +1,123 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "QelSceneGraphModel.h"
+#include "SceneGraphSamples.h"
+#include "TestSupport.h"
+
+namespace {
+
+using namespace korvex_test;
+
+TEST(QelSceneGraphModel, FileHeaderKindCopiesTheWholeHeader) {
+  QelSceneGraphModel model;
+  EXPECT_EQ(model.header.PODFilename[255], 0);
+  auto* fileHeader = SGNewRecord<SSGFileHeader>();
+  fileHeader->type = 1000;
+  fileHeader->version = 3;
+  fileHeader->totalNodeNumber = 4;
+  std::memset(fileHeader->PODFilename, 'p', sizeof fileHeader->PODFilename);
+  model.createNode(fileHeader, ESGFileHeader);
+  EXPECT_EQ(model.header.version, 3u);
+  EXPECT_EQ(model.header.totalNodeNumber, 4u);
+  EXPECT_EQ(std::string(model.header.PODFilename, 256), std::string(256, 'p'));
+  EXPECT_EQ(fileHeader->totalNodeNumber, 4u);  // still the creator's to read
+}
+
+TEST(QelSceneGraphModel, RecordsGoToTheSequenceOfTheirKind) {
+  QelSceneGraphModel model;
+  BuildEveryKindModel(model);
+  const uint32_t kinds[] = {2001, 2002, 2003, 2004, 2005, 2006, 2007, 2008, 2009, 2010, 2011, 2012};
+  for (uint32_t kind : kinds) EXPECT_EQ(model.recordCount(kind), 1u) << kind;
+  EXPECT_EQ(model.record(ESGCameraNode, 0), model.cameranode[0]);
+  EXPECT_EQ(model.record(ESGAnimationCameraNode, 0), model.animationcameranode[0]);
+  SSGQelNodeData stray{};
+  model.createNode(&stray, static_cast<ESGName>(1500));  // ignored, not taken
+  model.createNode(&stray, static_cast<ESGName>(2013));
+  size_t total = 0;
+  for (uint32_t kind = 2000; kind <= 2013; ++kind) total += model.recordCount(kind);
+  EXPECT_EQ(total, 12u);
+}
+
+class PODFileAccess : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::vector<uint8_t> pod(300);
+    for (size_t i = 0; i < pod.size(); ++i) pod[i] = uint8_t(i);
+    ASSERT_TRUE(WriteFileBytes(dir.file("scene.PODx"), pod));
+  }
+  // numVertex 2 with 3-float positions at 10 and normals at 60, one triangle at 50.
+  SSGQelMeshNodeData* AddMesh(QelSceneGraphModel& model, ESGName kind) {
+    auto* m = kind == ESGMeshNode ? AddNode<SSGQelMeshNodeData>(model, kind, "Mesh")
+                                  : AddNode<SSGQelCollisionBoxNodeData>(model, kind, "COLBOX");
+    m->numVertex = 2;
+    m->numFace = 1;
+    m->vertex.n = m->normal.n = 3;
+    m->vertexOffset = 10;
+    m->faceOffset = 50;
+    m->normalOffset = 60;
+    return m;
+  }
+  static std::vector<uint8_t> Bytes(const CPODData& d, size_t n) {
+    return d.pData ? std::vector<uint8_t>(d.pData, d.pData + n) : std::vector<uint8_t>();
+  }
+  static std::vector<uint8_t> Pattern(size_t from, size_t n) {
+    std::vector<uint8_t> v(n);
+    for (size_t i = 0; i < n; ++i) v[i] = uint8_t(from + i);
+    return v;
+  }
+  TempDir dir;
+};
+
+TEST_F(PODFileAccess, LoadsEachStreamFromItsOffset) {
+  QelSceneGraphModel model;
+  SSGQelMeshNodeData* m = AddMesh(model, ESGMeshNode);
+  ASSERT_TRUE(model.openPODFile(dir.file("scene.PODx")));
+  EXPECT_TRUE(model.loadMeshData(m));
+  EXPECT_EQ(Bytes(m->vertex, 24), Pattern(10, 24));
+  EXPECT_EQ(Bytes(m->face, 6), Pattern(50, 6));
+  EXPECT_EQ(Bytes(m->normal, 24), Pattern(60, 24));
+  EXPECT_EQ(m->UVW[0].pData, nullptr);  // numUVW 0 reads no texture coordinates
+
+  // A set running past the end of the file keeps zeros where the file ends.
+  m->numUVW = 1;
+  m->UVW[0].n = 2;
+  m->UVWOffset[0] = 290;
+  EXPECT_FALSE(model.loadMeshData(m));
+  std::vector<uint8_t> expected = Pattern(290, 10);
+  expected.resize(16, 0);
+  EXPECT_EQ(Bytes(m->UVW[0], 16), expected);
+
+  // Counts no file could hold are not allocated.
+  m->numVertex = 0x40000000;
+  EXPECT_FALSE(model.loadMeshData(m));
+  EXPECT_EQ(m->vertex.pData, nullptr);
+  EXPECT_TRUE(model.closePODFile());
+  EXPECT_EQ(model.PODFile, nullptr);
+}
+
+TEST_F(PODFileAccess, LazyLoadingJoinsDirectoryAndFileName) {
+  QelSceneGraphModel model;
+  SSGQelMeshNodeData* box = AddMesh(model, ESGCollisionBoxNode);
+  AddNode<SSGQelLightNodeData>(model, ESGLightNode, "Light");
+  SetFileHeader(model, "scene.PODx");
+  model.PODDirectory = dir.path() + "/";
+  model.loadAllNodeDataFromPOD();
+  EXPECT_EQ(model.PODFilePath, dir.file("scene.PODx"));
+  EXPECT_EQ(model.PODFile, nullptr);
+  EXPECT_EQ(Bytes(box->normal, 24), Pattern(60, 24));
+}
+
+TEST_F(PODFileAccess, EmptyFileNameDoesNotAbortAndOpensTheDirectoryPrefixAlone) {
+  QelSceneGraphModel model;
+  SSGQelMeshNodeData* m = AddMesh(model, ESGMeshNode);
+  SetFileHeader(model, "");
+  model.PODDirectory = dir.file("scene.PODx");
+  model.loadAllNodeDataFromPOD();
+  EXPECT_EQ(model.PODFilePath, dir.file("scene.PODx"));
+  EXPECT_EQ(Bytes(m->vertex, 24), Pattern(10, 24));
+}
+
+}  // namespace

@@ -27,8 +27,8 @@ std::string Format(const char* format, long long a, long long b = 0) {
 
 // Mesh nodes whose name starts with a keyword become special records, never baked ones.
 bool HasKeyword(const char* name) {
-  static const char* const kKeywords[] = {"BILLBOARD",       "MARKER", "SKYBOX",
-                                          "COLLISIONBOX",    "PITBOX", "F1COLLISIONBOX",
+  static const char* const kKeywords[] = {"BILLBOARD",       "MARKER",  "SKYBOX",
+                                          "COLLISIONBOX",    "PITBOX",  "F1COLLISIONBOX",
                                           "COLLISIONSPHERE", "LIGHTMAP"};
   if (name == nullptr) return false;
   for (const char* keyword : kKeywords) {
@@ -70,8 +70,8 @@ std::string CheckParentChains(const CPODScene& scene, std::vector<uint32_t>& dep
 
 // Node evaluations the skeletal conversion makes (each a local S x R x T): the frame-0 table of
 // every node with its chain, then per bone and frame the bone's chain and the mesh's parent chain.
-uint64_t SkeletalWork(const CPODScene& scene, const SPODNode& node, const int32_t* bones,
-                      int32_t k, const std::vector<uint32_t>& depth) {
+uint64_t SkeletalWork(const CPODScene& scene, const SPODNode& node, const int32_t* bones, int32_t k,
+                      const std::vector<uint32_t>& depth) {
   uint64_t work = 0;
   for (uint32_t d : depth) work += d;
   const uint64_t parentDepth = node.nIdxParent > 0 ? depth[node.nIdxParent] : 0;

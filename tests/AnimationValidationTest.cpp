@@ -57,13 +57,15 @@ TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) 
       {"camera node's nIdx", [](CPODScene& s) { s.pNode[1].nIdx = 1; }, 1},
       {"mesh node's nIdx", [](CPODScene& s) { s.pNode[0].nIdx = -1; }},
       // Nothing is baked: keyword meshes, other node kinds, scenes without frames.
-      {"", [](CPODScene& s) {
+      {"",
+       [](CPODScene& s) {
          s.pNode[0].nAnimRotationSize = 0;
          std::free(s.pNode[0].pszName);
          s.pNode[0].pszName = static_cast<char*>(std::calloc(8, 1));
          std::memcpy(s.pNode[0].pszName, "MARKER1", 7);
        }},
-      {"", [](CPODScene& s) {
+      {"",
+       [](CPODScene& s) {
          s.pNode[0].nAnimRotationSize = 0;
          s.nNumFrame = 0;
        }},

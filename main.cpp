@@ -118,10 +118,12 @@ int main(int argc, char** argv) {
 
   int status = 0;
   if (reloadSucceeded && saveSucceeded) {
-    const SceneCheck check = CheckSceneForConversion(reloadedScene, false);
-    if (check.found()) {
+    // The scene that is converted is checked itself. Its nodes are the input's, so the
+    // message names the input file.
+    const SceneCheck reloadCheck = CheckSceneForConversion(reloadedScene, false);
+    if (reloadCheck.found()) {
       std::free(exportOptions);
-      return Refuse(reloadedScene, check, intermediatePath);
+      return Refuse(reloadedScene, reloadCheck, inputPath);
     }
     QelSceneGraphModel* model = new QelSceneGraphModel();
     SceneGraphConverter* converter = new SceneGraphConverter(model);

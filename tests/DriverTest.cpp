@@ -73,19 +73,6 @@ TEST(Driver, MissingInputIsInvalid) {
   EXPECT_EQ(r.exitStatus, 1);
 }
 
-TEST(Driver, InputWithoutExportOptionsIsInvalid) {
-  TempDir dir;
-  PODSceneBuilder b;
-  BuildSimple(b);
-  CPODScene scene;
-  ASSERT_TRUE(b.Build(scene));
-  ASSERT_TRUE(scene.SavePOD(dir.file("bare.pod").c_str(), nullptr));
-  const RunResult r = Korvex({dir.file("bare.pod")});
-  EXPECT_EQ(r.out, "Converting " + dir.file("bare.pod") + "\nInvalid input file\n");
-  EXPECT_EQ(r.exitStatus, 1);
-  EXPECT_FALSE(FileExists(dir.file("bare.PODx")));
-}
-
 // The last argument is the input whatever came before; only the first one is a flag position.
 // "-r0" or "-r1" as the input path holds no ".", so the name derivation ends the run abnormally
 // (an uncaught out-of-range error) right after the first line.

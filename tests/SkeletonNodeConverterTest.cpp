@@ -1,0 +1,194 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "PODSceneBuilder.h"
+#include "SkeletonNodeConverter.h"
+
+namespace {
+
+using korvex::PODSceneBuilder;
+using korvex::PODStream;
+
+const float kHalfSqrt2 = 0.70710678f;
+
+// A skinned two-vertex mesh node with identity bind keys (node 0, or 1 after a plain mesh node);
+// then the bones hip (a root) and knee (below hip). The record holds the static volumes the mesh
+// conversion would have left.
+struct Skin {
+  PODSceneBuilder b;
+  int mesh, skin, hip, knee;
+  CPODScene scene;
+  SkeletonNodeConverter conv;
+  SSGQelSkeletalMeshNodeData* r =
+      static_cast<SSGQelSkeletalMeshNodeData*>(std::calloc(1, sizeof(SSGQelSkeletalMeshNodeData)));
+  explicit Skin(uint32_t frames, bool plainFirst = false) {
+    b.SetNumFrames(frames);
+    mesh = b.AddMesh(2);
+    b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 1, 0, 0});
+    const uint8_t idx[] = {0, 1, 2, 3, 4, 5, 6, 7};
+    b.SetStream(mesh, PODStream::BoneIdx, EPODDataUByte4, 1, idx, sizeof idx);
+    if (plainFirst) b.AddMeshNode("plain", mesh);
+    skin = b.AddMeshNode("skin", mesh);
+    b.SetAnimScale(skin, PODSceneBuilder::ScaleKeys({1, 1, 1}), false);
+    b.SetAnimRotation(skin, {0, 0, 0, 1}, false);
+    b.SetAnimPosition(skin, {0, 0, 0}, false);
+    hip = b.AddNode("hip");
+    knee = b.AddNode("knee", hip);
+    const float sphere[3] = {1, 0, 0}, box[3] = {0, 2, 0};
+    std::memcpy(r->sphereCenter, sphere, sizeof sphere);
+    std::memcpy(r->boxCenter, box, sizeof box);
+    r->sphereRadius = 7;
+  }
+  ~Skin() {
+    for (SSGNodeData* d :
+         {&r->Batch, &r->BatchBoneCnt, &r->BatchOffset, &r->BoneIdx_ptr, &r->BoneWeight_ptr,
+          &r->sBoneIndexbuffer, &r->sBoneWorldMatrixbuffer, &r->sSpherebuffer, &r->sAABBbuffer})
+      std::free(d->data);
+    std::free(r);
+  }
+  void convert(const std::vector<int32_t>& bones) {
+    b.SetBoneBatches(mesh, int32_t(bones.size()), {bones}, {0});
+    ASSERT_TRUE(b.Build(scene));
+    conv.convertSkeletonNode(&scene, skin, r);
+  }
+  std::vector<float> floats(const SSGNodeData& d, size_t first, size_t count) const {
+    std::vector<float> v(count);
+    std::memcpy(v.data(), d.data + 4 * first, 4 * count);
+    return v;
+  }
+  // Matrix of table slot s at frame f.
+  std::vector<float> matrix(int s, int f) const {
+    return floats(r->sBoneWorldMatrixbuffer, 16 * (size_t(r->numAnimation) * s + f), 16);
+  }
+  int32_t slot(int s) const {
+    int32_t v;
+    std::memcpy(&v, r->sBoneIndexbuffer.data + 4 * s, 4);
+    return v;
+  }
+};
+
+// Carries point p by a stored matrix as a row vector with w = 1.
+std::vector<float> Carry(const std::vector<float>& m, float x, float y, float z) {
+  return {x * m[0] + y * m[4] + z * m[8] + m[12], x * m[1] + y * m[5] + z * m[9] + m[13],
+          x * m[2] + y * m[6] + z * m[10] + m[14]};
+}
+
+void ExpectPoint(const std::vector<float>& p, float x, float y, float z) {
+  EXPECT_NEAR(p[0], x, 1e-5f);
+  EXPECT_NEAR(p[1], y, 1e-5f);
+  EXPECT_NEAR(p[2], z, 1e-5f);
+}
+
+TEST(SkeletonNodeConverter, BoneMatricesAtFrameZeroAreIdentityWhenFirstKeysMatchTheStaticPose) {
+  Skin s(3);
+  // A rotated, scaled, moved hip whose first keys equal its static values; the knee below it.
+  const float q[4] = {0.2f, 0.3f, 0.1f, 0.92736185f};
+  s.b.SetRotation(s.hip, q[0], q[1], q[2], q[3]);
+  s.b.SetPosition(s.hip, 1, 2, 3);
+  s.b.SetScale(s.hip, 2, 2, 2);
+  s.b.SetAnimRotation(s.hip, {q[0], q[1], q[2], q[3], 0, 0, 0, 1, 0, 0, 0, 1});
+  s.b.SetAnimPosition(s.hip, {1, 2, 3, 5, 5, 5, 6, 6, 6});
+  s.b.SetAnimScale(s.hip, PODSceneBuilder::ScaleKeys({2, 2, 2, 1, 1, 1, 1, 1, 1}));
+  s.b.SetPosition(s.knee, 0, 4, 0);
+  s.convert({s.hip, s.knee});
+  for (int slot = 0; slot < 2; ++slot) {
+    const std::vector<float> m = s.matrix(slot, 0);
+    for (int e = 0; e < 16; ++e) EXPECT_NEAR(m[e], e % 5 == 0 ? 1.0f : 0.0f, 1e-5f) << e;
+  }
+}
+
+TEST(SkeletonNodeConverter, BoneMatricesCarryTheBindPoseIntoEachFrame) {
+  Skin s(3);
+  // Hip: moves and turns 90 degrees about z at frame 1; the knee's position keys are not
+  // flagged but are interpolated all the same by this converter.
+  s.b.SetAnimPosition(s.hip, {1, 2, 3, 4, 2, 3, 4, 5, 3});
+  const float h = kHalfSqrt2;
+  s.b.SetAnimRotation(s.hip, {0, 0, 0, 1, 0, 0, h, h, 0, 0, h, h});
+  s.b.SetAnimPosition(s.knee, {0, 1, 0, 0, 3, 0, 0, 5, 0}, false);
+  s.convert({s.hip, s.knee});
+
+  // Rotation (0, 0, h, h) maps x to (0, -1, 0) and y to (1, 0, 0) (rows of its matrix).
+  // Hip at frame 2 (the last, whose key n+1 does not exist): its bind origin (1,2,3) goes to
+  // (4,5,3), and the point one unit along x from it to (4,5,3) + (0,-1,0).
+  ExpectPoint(Carry(s.matrix(0, 2), 1, 2, 3), 4, 5, 3);
+  ExpectPoint(Carry(s.matrix(0, 2), 2, 2, 3), 4, 4, 3);
+  // Knee origin: frame 0 at (0,1,0) + (1,2,3); frame 1 at (0,3,0) turned = (3,0,0), + (4,2,3).
+  ExpectPoint(Carry(s.matrix(1, 1), 1, 3, 3), 7, 2, 3);
+
+  // The scene's frame state is left at the last frame; the record copied it at frame 0.
+  EXPECT_EQ(s.scene.m_pImpl->fCurrentFrame, 2.0f);
+  EXPECT_EQ(s.scene.m_pImpl->nFrameIndex, 2);
+  EXPECT_EQ(s.scene.m_pImpl->fFrameBlend, 0.0f);
+  EXPECT_EQ(s.r->evalFrame, 0.0f);
+}
+
+TEST(SkeletonNodeConverter, OnlyAParentAboveNodeZeroEntersTheBindPose) {
+  // Node 0 a plain mesh node moved by (5,0,0), node 1 the skin. Parented to node 0 the skin keeps
+  // no parent transform; parented to another node moved the same, its bone matrix is that move.
+  for (bool toNodeZero : {true, false}) {
+    Skin s(1, true);
+    const int other = s.b.AddNode("other");
+    s.b.SetPosition(other, 5, 0, 0);
+    s.b.SetPosition(0, 5, 0, 0);
+    s.b.SetParent(s.skin, toNodeZero ? 0 : other);
+    s.convert({s.hip});
+    EXPECT_EQ(s.matrix(0, 0)[12], toNodeZero ? 0.0f : 5.0f) << toNodeZero;
+  }
+}
+
+TEST(SkeletonNodeConverter, ABoneNamedTwiceIsRegisteredOnceAndCountsTwiceInTheVolumes) {
+  Skin s(2);
+  s.b.SetAnimPosition(s.hip, {1, 2, 3, 4, 2, 3});
+  s.b.SetAnimPosition(s.knee, {0, 1, 0, 0, 1, 6});
+  s.convert({s.hip, s.hip, s.knee});
+
+  // The first batch and the bone streams are copied as they are.
+  const int32_t batch[] = {s.hip, s.hip, s.knee}, count = 3;
+  ASSERT_EQ(s.r->Batch.length, 12u);
+  EXPECT_EQ(std::memcmp(s.r->Batch.data, batch, 12), 0);
+  EXPECT_EQ(std::memcmp(s.r->BatchBoneCnt.data, &count, 4), 0);
+  const uint8_t idx[] = {0, 1, 2, 3, 4, 5, 6, 7};
+  ASSERT_EQ(s.r->BoneIdx_ptr.length, 8u);
+  EXPECT_EQ(std::memcmp(s.r->BoneIdx_ptr.data, idx, 8), 0);
+  EXPECT_EQ(s.r->boneIdx.eType, EPODDataUByte4);
+
+  EXPECT_EQ(s.slot(0), s.hip);
+  EXPECT_EQ(s.slot(1), s.knee);
+  EXPECT_EQ(s.slot(2), -1);
+  EXPECT_EQ(s.r->sBoneWorldMatrixbuffer.length, 2u * 3 * 64);
+  for (float e : s.matrix(2, 1)) EXPECT_EQ(e, 0.0f);
+
+  // Frame 1: the hip moved by (3,0,0), the knee by (3,0,6); mean over hip, hip, knee = (3,0,2).
+  // Sphere centre (1,0,0) and box centre (0,2,0) move by it; the box collapses onto its centre.
+  ASSERT_EQ(s.r->sSpherebuffer.length, 2u * 24);
+  ASSERT_EQ(s.r->sAABBbuffer.length, 2u * 44);
+  const std::vector<float> sphere = s.floats(s.r->sSpherebuffer, 6, 6);
+  ExpectPoint({sphere[1], sphere[2], sphere[3]}, 4, 0, 2);
+  EXPECT_EQ(sphere[4], 7.0f);
+  const std::vector<float> box = s.floats(s.r->sAABBbuffer, 11, 11);
+  ExpectPoint({box[7], box[8], box[9]}, 3, 2, 2);
+  for (int c = 0; c < 3; ++c) {
+    EXPECT_EQ(box[1 + c], box[7 + c]);  // min == centre
+    EXPECT_EQ(box[4 + c], box[7 + c]);  // max == centre
+  }
+  // The geometry word and the trailing word of each element are zero.
+  for (float word : {sphere[0], sphere[5], box[0], box[10]}) EXPECT_EQ(word, 0.0f);
+}
+
+TEST(SkeletonNodeConverterDeathTest, AnUnregisteredBoneFailsTheSlotAssertion) {
+  Skin s(2);
+  s.convert({s.hip});
+  PODMATRIXf m{};
+  EXPECT_DEATH(s.conv.setBoneWorldMatrix(m, s.knee, 0),
+               "PODLoader/SkeletonNodeConverter:204: setBoneWorldMatrix: Assertion "
+               "`_index!=-1' failed");
+  EXPECT_DEATH(s.conv.getBoneWorldMatrixBuffer(m, s.knee, 0),
+               "PODLoader/SkeletonNodeConverter:402: getBoneWorldMatrixBuffer: Assertion "
+               "`_index!=-1' failed");
+}
+
+}  // namespace

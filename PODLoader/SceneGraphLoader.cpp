@@ -246,7 +246,7 @@ bool SceneGraphLoader::readFileFormat() {
                        static_cast<uint32_t>(ESGFileHeader)));
   // Refused before anything is allocated for them: the headers must fit in the file.
   const uint64_t room = (m_size - kSGFileHeaderSize) / kSGNodeHeaderSize;
-  if (header.totalNodeNumber > room)
+  if (header.totalNodeNumber > room || header.totalNodeNumber > INT32_MAX)
     return fail(Format("the file header announces %u node headers, the file has room for %llu",
                        header.totalNodeNumber, static_cast<unsigned long long>(room)));
   return readNode(static_cast<int>(header.totalNodeNumber));

@@ -32,8 +32,10 @@ uint8_t* Concatenate(const CPODData* a, uint64_t aBytes, const CPODData* b, uint
     ok = false;
     return nullptr;
   }
-  if (a != nullptr) std::memcpy(out, a->pData, static_cast<size_t>(Min(aBytes, Readable(*a))));
-  if (b != nullptr) std::memcpy(out + aBytes, b->pData, static_cast<size_t>(Min(bBytes, Readable(*b))));
+  const uint64_t fromA = a != nullptr ? Min(aBytes, Readable(*a)) : 0;
+  const uint64_t fromB = b != nullptr ? Min(bBytes, Readable(*b)) : 0;
+  if (fromA != 0) std::memcpy(out, a->pData, static_cast<size_t>(fromA));
+  if (fromB != 0) std::memcpy(out + aBytes, b->pData, static_cast<size_t>(fromB));
   return out;
 }
 

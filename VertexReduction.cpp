@@ -213,15 +213,10 @@ void Install(CPODData& d, void* data, size_t bytes) {
   d.nDataSize = bytes;
 }
 
-}  // namespace
-
-void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
-  if (mesh == nullptr) return;
-  if (const char* why = WhyNotReducible(*mesh)) {
-    // Standard output is the tool's exact output, so the note goes to standard error.
-    std::fprintf(stderr, "Note: vertices of \"%s\" not reduced: %s\n", NodeName(node), why);
-    return;
-  }
+// Reduces the mesh; null when done, otherwise why the mesh was left as it is.
+const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
+  if (mesh == nullptr) return "no mesh";
+  if (const char* why = WhyNotReducible(*mesh)) return why;
   if (mesh->nNumUVW > kMaxUVSets) {
     mesh->nNumUVW = kMaxUVSets;
     std::printf("Error1: Number of UVW > 2, \"%s\"\n", NodeName(node));
@@ -324,8 +319,7 @@ void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
     for (float* uv : newUVs) std::free(uv);
     std::free(newBoneIdx);
     std::free(newBoneWeights);
-    std::fprintf(stderr, "Note: vertices of \"%s\" not reduced: out of memory\n", NodeName(node));
-    return;
+    return "out of memory";
   }
 
   for (size_t e = 0; e < n; ++e) {
@@ -342,7 +336,7 @@ void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
     }
   }
 
-  std::memcpy(mesh->sFaces.pData, newFaces.data(), 2 * corners);
+  if (corners > 0) std::memcpy(mesh->sFaces.pData, newFaces.data(), 2 * corners);
   Install(mesh->sVertex, newPositions, n * 12);
   for (uint32_t k = 0; k < uvSets; ++k) Install(mesh->psUVW[k], newUVs[k], n * 8);
   Install(mesh->sNormals, newNormals, n * 12);
@@ -351,6 +345,18 @@ void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
     Install(mesh->sBoneIdx, newBoneIdx, boneIdxBytes);
     Install(mesh->sBoneWeight, newBoneWeights, boneWeightBytes);
   }
+  return nullptr;
+}
+
+// Standard output is the tool's exact output, so a mesh left alone is noted on standard error.
+void NoteUnreduced(const SPODNode* node, const char* why) {
+  std::fprintf(stderr, "Note: vertices of \"%s\" not reduced: %s\n", NodeName(node), why);
+}
+
+}  // namespace
+
+void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
+  ReduceMesh(node, mesh, useUV, nearly);
 }
 
 void reduceMeshVertex(SPODScene* scene, bool nearly) {
@@ -367,12 +373,12 @@ void reduceMeshVertex(SPODScene* scene, bool nearly) {
     KX_ASSERT(node->nIdx != -1, "main");
     if (node->nIdx < 0 || static_cast<uint32_t>(node->nIdx) >= scene->nNumMesh ||
         scene->pMesh == nullptr) {
-      std::fprintf(stderr, "Note: vertices of \"%s\" not reduced: no such mesh\n", NodeName(node));
+      NoteUnreduced(node, "no such mesh");
       continue;
     }
     SPODMesh* mesh = &scene->pMesh[node->nIdx];
     before += mesh->nNumVertex;
-    reduceVertex(node, mesh, node->nIdxMaterial >= 0, nearly);
+    if (const char* why = ReduceMesh(node, mesh, node->nIdxMaterial >= 0, nearly)) NoteUnreduced(node, why);
     after += mesh->nNumVertex;
   }
   std::printf("Total vertex before reduction: %d\n", static_cast<int32_t>(before));

@@ -25,8 +25,8 @@ struct buffer {
 };
 
 // Reduces the mesh of every mesh node (printing the header line, then the totals). `nearly`
-// lets texture coordinates differ by up to 0.001. Takes the scene's records, so a CPODScene
-// is passed as it is.
+// lets texture coordinates differ by up to 0.001. A mesh left as it is gets a note on standard
+// error. Takes the scene's records, so a CPODScene is passed as it is.
 void reduceMeshVertex(SPODScene* scene, bool nearly);
 
 // Reduces one mesh in place. `useUV`: texture coordinates take part in the comparison.

@@ -29,6 +29,14 @@ int Refuse(const CPODScene& scene, const SceneCheck& check, const std::string& f
   return 1;
 }
 
+// A read that fails part-way keeps the arrays it had filled in but gets no evaluation state,
+// and Destroy releases a scene's arrays only when it has one. An empty state (nothing evaluates
+// this scene) lets the destructor release them at exit, which keeps leak checkers quiet.
+void ReleaseAtExit(CPODScene& scene) {
+  if (scene.m_pImpl == nullptr)
+    scene.m_pImpl = static_cast<SPODImpl*>(std::calloc(1, sizeof(SPODImpl)));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -85,6 +93,7 @@ int main(int argc, char** argv) {
   }
   inputScene.Destroy();  // the options call leaves an evaluation state behind
   const bool inputRead = inputScene.ReadFromFile(inputPath.c_str());
+  if (!inputRead) ReleaseAtExit(inputScene);
 
   // A scene that would be refused later is refused before it is edited. After a failed read
   // only what the edits and the save touch is checked: the rest is settled by the save (which
@@ -105,13 +114,16 @@ int main(int argc, char** argv) {
   reloadedScene.ReadFromFile(intermediatePath.c_str(), exportOptions, kExportOptionsSize);
   reloadedScene.Destroy();
   const bool reloadSucceeded = reloadedScene.ReadFromFile(intermediatePath.c_str());
+  if (!reloadSucceeded) ReleaseAtExit(reloadedScene);
 
   int status = 0;
   if (reloadSucceeded && saveSucceeded) {
-    const SceneCheck check = CheckSceneForConversion(reloadedScene, false);
-    if (check.found()) {
+    // The scene that is converted is checked itself. Its nodes are the input's, so the
+    // message names the input file.
+    const SceneCheck reloadCheck = CheckSceneForConversion(reloadedScene, false);
+    if (reloadCheck.found()) {
       std::free(exportOptions);
-      return Refuse(reloadedScene, check, intermediatePath);
+      return Refuse(reloadedScene, reloadCheck, inputPath);
     }
     QelSceneGraphModel* model = new QelSceneGraphModel();
     SceneGraphConverter* converter = new SceneGraphConverter(model);

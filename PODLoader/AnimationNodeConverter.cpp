@@ -6,7 +6,9 @@
 #include "ChannelKeys.h"
 #include "NodeDataBuffer.h"
 
-AnimationNodeConverter::AnimationNodeConverter() { std::memset(&m_impl, 0, sizeof m_impl); }
+AnimationNodeConverter::AnimationNodeConverter() {
+  std::memset(&m_impl, 0, sizeof m_impl);
+}
 
 void AnimationNodeConverter::init() {
   m_currentFrame = 0;
@@ -94,8 +96,7 @@ void AnimationNodeConverter::getScalingMatrix(PODMATRIXf& out, const SPODNode& n
     if (node.nAnimFlags & ePODHasScaleAni) {
       const SPODImpl& state = *m_scene->m_pImpl;
       PODMatrixVec3LerpF(s, korvex::ScaleKey(node, state.nFrameIndex),
-                         korvex::ScaleKey(node, int64_t{state.nFrameIndex} + 1),
-                         state.fFrameBlend);
+                         korvex::ScaleKey(node, int64_t{state.nFrameIndex} + 1), state.fFrameBlend);
     }
   }
   PODMatrixScalingF(out, s.x, s.y, s.z);

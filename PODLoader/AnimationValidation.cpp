@@ -14,6 +14,10 @@ namespace {
 // second), and at most 64 MiB of bone matrices for one skinned mesh (60 bones over 17476 frames).
 const uint64_t kMaxFrames = 65536;
 const uint64_t kMaxBoneMatrixBytes = uint64_t{64} << 20;
+// And at most 2^25 node evaluations for one skinned mesh (some seconds): the bone matrices
+// re-evaluate each bone's parent chain at every frame. A 60-bone skeleton ten deep over 2000
+// frames needs under 1.5 million.
+const uint64_t kMaxWork = uint64_t{1} << 25;
 
 std::string Format(const char* format, long long a, long long b = 0) {
   char text[160];
@@ -23,8 +27,8 @@ std::string Format(const char* format, long long a, long long b = 0) {
 
 // Mesh nodes whose name starts with a keyword become special records, never baked ones.
 bool HasKeyword(const char* name) {
-  static const char* const kKeywords[] = {"BILLBOARD",       "MARKER", "SKYBOX",
-                                          "COLLISIONBOX",    "PITBOX", "F1COLLISIONBOX",
+  static const char* const kKeywords[] = {"BILLBOARD",       "MARKER",  "SKYBOX",
+                                          "COLLISIONBOX",    "PITBOX",  "F1COLLISIONBOX",
                                           "COLLISIONSPHERE", "LIGHTMAP"};
   if (name == nullptr) return false;
   for (const char* keyword : kKeywords) {
@@ -34,18 +38,23 @@ bool HasKeyword(const char* name) {
 }
 
 // The skeletal converter evaluates every node with its parents (its frame-0 table), so every
-// chain must stay inside the node array and end at a root.
-std::string CheckParentChains(const CPODScene& scene) {
+// chain must stay inside the node array and end at a root. Fills `depth` (nodes on each chain,
+// the node itself included) for the cost estimate below.
+std::string CheckParentChains(const CPODScene& scene, std::vector<uint32_t>& depth) {
   const uint32_t count = scene.nNumNode;
-  std::vector<uint8_t> state(count, 0);  // 0 unseen, 1 on the current walk, 2 known good
+  const uint32_t kOnWalk = UINT32_MAX;
+  depth.assign(count, 0);  // 0 unseen, kOnWalk on the current walk, else the chain length
   std::vector<uint32_t> walk;
   for (uint32_t start = 0; start < count; ++start) {
     walk.clear();
-    uint32_t i = start;
+    uint32_t i = start, known = 0;
     for (;;) {
-      if (state[i] == 2) break;
-      if (state[i] == 1) return Format("parent chain of node %lld is cyclic", i);
-      state[i] = 1;
+      if (depth[i] == kOnWalk) return Format("parent chain of node %lld is cyclic", i);
+      if (depth[i] != 0) {
+        known = depth[i];
+        break;
+      }
+      depth[i] = kOnWalk;
       walk.push_back(i);
       const int32_t parent = scene.pNode[i].nIdxParent;
       if (parent < 0) break;
@@ -54,9 +63,22 @@ std::string CheckParentChains(const CPODScene& scene) {
       }
       i = static_cast<uint32_t>(parent);
     }
-    for (uint32_t w : walk) state[w] = 2;
+    for (size_t w = walk.size(); w-- > 0;) depth[walk[w]] = ++known;
   }
   return std::string();
+}
+
+// Node evaluations the skeletal conversion makes (each a local S x R x T): the frame-0 table of
+// every node with its chain, then per bone and frame the bone's chain and the mesh's parent chain.
+uint64_t SkeletalWork(const CPODScene& scene, const SPODNode& node, const int32_t* bones, int32_t k,
+                      const std::vector<uint32_t>& depth) {
+  uint64_t work = 0;
+  for (uint32_t d : depth) work += d;
+  const uint64_t parentDepth = node.nIdxParent > 0 ? depth[node.nIdxParent] : 0;
+  for (int32_t b = 0; b < k; ++b) {
+    work += uint64_t{scene.nNumFrame} * (depth[bones[b]] + parentDepth + 1);
+  }
+  return work;
 }
 
 // A per-vertex bone stream is copied as numVertex x stride bytes from its own array.
@@ -99,7 +121,12 @@ std::string CheckSkinnedMesh(const CPODScene& scene, const SPODNode& node, const
 
   std::string problem = CheckBoneStream(mesh, mesh.sBoneIdx, "sBoneIdx");
   if (problem.empty()) problem = CheckBoneStream(mesh, mesh.sBoneWeight, "sBoneWeight");
-  if (problem.empty()) problem = CheckParentChains(scene);
+  std::vector<uint32_t> depth;
+  if (problem.empty()) problem = CheckParentChains(scene, depth);
+  if (problem.empty() && batches.pnBatchBoneCnt != nullptr && batches.nBatchBoneCntSize >= 4 &&
+      SkeletalWork(scene, node, batches.pnBatches, batches.pnBatchBoneCnt[0], depth) > kMaxWork) {
+    problem = "bone hierarchy too deep for the frame count";
+  }
   return problem;
 }
 

@@ -20,7 +20,9 @@ const char kSource[] = "PODLoader/SkeletonNodeConverter";
 
 // Sizes and allocations taken from the bone count use its low byte only: the count is a byte in
 // the engine's format, so counts above 255 are not widened here (CheckAnimatedNode refuses them).
-uint32_t LowByte(int32_t k) { return static_cast<uint32_t>(k) & 0xFFu; }
+uint32_t LowByte(int32_t k) {
+  return static_cast<uint32_t>(k) & 0xFFu;
+}
 
 // p carried as a row vector with w = 1; the additions run left to right, translation last.
 void CarryPoint(float out[3], const float p[3], const PODMATRIXf& m) {
@@ -39,7 +41,9 @@ ZarVector3 Mean(const float sum[3], float count) {
 
 }  // namespace
 
-SkeletonNodeConverter::SkeletonNodeConverter() { std::memset(&m_impl, 0, sizeof m_impl); }
+SkeletonNodeConverter::SkeletonNodeConverter() {
+  std::memset(&m_impl, 0, sizeof m_impl);
+}
 
 int32_t SkeletonNodeConverter::boneCount() const {
   // A mesh without batch counts leaves BatchBoneCnt empty; its bone count is taken as 0, so the
@@ -85,10 +89,14 @@ void SkeletonNodeConverter::convertSkeletonNode(CPODScene* scene, int nodeIndex,
 }
 
 void SkeletonNodeConverter::init(SSGQelSkeletalMeshNodeData* record) {
-  SSGNodeData* buffers[] = {&record->Batch,           &record->BatchBoneCnt,
-                            &record->BatchOffset,     &record->BoneIdx_ptr,
-                            &record->BoneWeight_ptr,  &record->sBoneIndexbuffer,
-                            &record->sBoneWorldMatrixbuffer, &record->sSpherebuffer,
+  SSGNodeData* buffers[] = {&record->Batch,
+                            &record->BatchBoneCnt,
+                            &record->BatchOffset,
+                            &record->BoneIdx_ptr,
+                            &record->BoneWeight_ptr,
+                            &record->sBoneIndexbuffer,
+                            &record->sBoneWorldMatrixbuffer,
+                            &record->sSpherebuffer,
                             &record->sAABBbuffer};
   for (SSGNodeData* b : buffers) *b = SSGNodeData{0, 0, nullptr};
 }
@@ -173,8 +181,7 @@ void SkeletonNodeConverter::createBoneIdx() {
 
 void SkeletonNodeConverter::createBoneWeight() {
   const SPODMesh& mesh = m_scene->pMesh[m_meshIndex];
-  CopyBoneStream(m_record->BoneWeight_ptr, m_record->boneWeight, mesh.sBoneWeight,
-                 mesh.nNumVertex);
+  CopyBoneStream(m_record->BoneWeight_ptr, m_record->boneWeight, mesh.sBoneWeight, mesh.nNumVertex);
 }
 
 void SkeletonNodeConverter::createSPODImpl() {
@@ -223,8 +230,8 @@ void SkeletonNodeConverter::setBoneIndex(int bone) {
 void SkeletonNodeConverter::setBoneWorldMatrix(PODMATRIXf matrix, int bone, int frame) {
   const int _index = getBoneIndex(bone);
   KX_ASSERT_TEXT(_index != -1, "_index!=-1", kSource, 204);
-  const size_t element = static_cast<size_t>(m_frameCount) * static_cast<size_t>(_index) +
-                         static_cast<size_t>(frame);
+  const size_t element =
+      static_cast<size_t>(m_frameCount) * static_cast<size_t>(_index) + static_cast<size_t>(frame);
   StoreMatrixLE(m_record->sBoneWorldMatrixbuffer.data + 64 * element, matrix);
 }
 
@@ -232,8 +239,8 @@ void SkeletonNodeConverter::getBoneWorldMatrixBuffer(PODMATRIXf& out, int bone, 
   const int _index = getBoneIndex(bone);
   KX_ASSERT_TEXT(_index != -1, "_index!=-1", kSource, 402);
   if (frame >= m_frameCount) frame = 0;
-  const size_t element = static_cast<size_t>(m_frameCount) * static_cast<size_t>(_index) +
-                         static_cast<size_t>(frame);
+  const size_t element =
+      static_cast<size_t>(m_frameCount) * static_cast<size_t>(_index) + static_cast<size_t>(frame);
   LoadMatrixLE(out, m_record->sBoneWorldMatrixbuffer.data + 64 * element);
 }
 
@@ -267,7 +274,8 @@ void SkeletonNodeConverter::getTranslationMatrix(PODMATRIXf& out, const SPODNode
   if (korvex::PositionKeyCount(node) > 0) {
     const SPODImpl& state = *m_scene->m_pImpl;
     PODMatrixVec3LerpF(p, korvex::PositionKey(node, state.nFrameIndex),
-                       korvex::PositionKey(node, int64_t{state.nFrameIndex} + 1), state.fFrameBlend);
+                       korvex::PositionKey(node, int64_t{state.nFrameIndex} + 1),
+                       state.fFrameBlend);
   }
   PODMatrixTranslationF(out, p.x, p.y, p.z);
 }

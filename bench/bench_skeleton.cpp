@@ -57,9 +57,9 @@ int BuildSkinnedScene(CPODScene& scene) {
 }
 
 void FreeSkeletalArrays(SSGQelSkeletalMeshNodeData& r) {
-  for (SSGNodeData* d : {&r.Batch, &r.BatchBoneCnt, &r.BatchOffset, &r.BoneIdx_ptr,
-                         &r.BoneWeight_ptr, &r.sBoneIndexbuffer, &r.sBoneWorldMatrixbuffer,
-                         &r.sSpherebuffer, &r.sAABBbuffer}) {
+  for (SSGNodeData* d :
+       {&r.Batch, &r.BatchBoneCnt, &r.BatchOffset, &r.BoneIdx_ptr, &r.BoneWeight_ptr,
+        &r.sBoneIndexbuffer, &r.sBoneWorldMatrixbuffer, &r.sSpherebuffer, &r.sAABBbuffer}) {
     std::free(d->data);
     d->data = nullptr;
   }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "AnimationValidation.h"
 #include "PODSceneBuilder.h"
@@ -56,13 +57,15 @@ TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) 
       {"camera node's nIdx", [](CPODScene& s) { s.pNode[1].nIdx = 1; }, 1},
       {"mesh node's nIdx", [](CPODScene& s) { s.pNode[0].nIdx = -1; }},
       // Nothing is baked: keyword meshes, other node kinds, scenes without frames.
-      {"", [](CPODScene& s) {
+      {"",
+       [](CPODScene& s) {
          s.pNode[0].nAnimRotationSize = 0;
          std::free(s.pNode[0].pszName);
          s.pNode[0].pszName = static_cast<char*>(std::calloc(8, 1));
          std::memcpy(s.pNode[0].pszName, "MARKER1", 7);
        }},
-      {"", [](CPODScene& s) {
+      {"",
+       [](CPODScene& s) {
          s.pNode[0].nAnimRotationSize = 0;
          s.nNumFrame = 0;
        }},
@@ -82,6 +85,23 @@ TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) 
       EXPECT_NE(problem.find(c.expected), std::string::npos) << problem << " / " << c.expected;
     }
     scene.pMesh[0].pInterleaved = nullptr;  // not the scene's to free
+  }
+}
+
+// Sixteen bones at the end of a 64-node chain over 65536 frames: within the frame and matrix
+// limits (16 x 65536 matrices = 64 MiB), but about 68 million node evaluations.
+TEST(AnimationValidation, RefusesBoneChainsTooDeepForTheFrameCount) {
+  for (uint32_t frames : {2048u, 65536u}) {
+    PODSceneBuilder b;
+    BuildValid(b);
+    int bone = 3;
+    for (int i = 0; i < 62; ++i) bone = b.AddNode("link", bone);
+    b.SetBoneBatches(0, 16, {std::vector<int32_t>(16, bone)}, {0});
+    b.SetNumFrames(frames);
+    CPODScene scene;
+    ASSERT_TRUE(b.Build(scene));
+    EXPECT_EQ(CheckAnimatedNode(scene, 0),
+              frames == 2048 ? "" : "bone hierarchy too deep for the frame count");
   }
 }
 

@@ -48,29 +48,6 @@ TEST(BoundingVolumes, TwoPointsUnderTheIdentity) {
   EXPECT_EQ(std::vector<float>(bc, bc + 3), (std::vector<float>{1, 0, 0}));
 }
 
-TEST(BoundingVolumes, MatrixScalesAndTranslatesEveryPosition) {
-  // Scale 2 then translate by (10, 20, 30): (1, 0, 0) -> (12, 20, 30), (-1, -1, 3) -> (8, 18, 36).
-  std::vector<float> p = {1, 0, 0, -1, -1, 3};
-  CPODData d = Positions(p);
-  PODMATRIXf m = {};
-  m.f[0] = m.f[5] = m.f[10] = 2.0f;
-  m.f[15] = 1.0f;
-  m.f[12] = 10.0f;
-  m.f[13] = 20.0f;
-  m.f[14] = 30.0f;
-  float bc[3], mn[3], mx[3];
-  ASSERT_TRUE(CreateBoundingAABB(&m, &d, 2, bc, mn, mx));
-  EXPECT_EQ(std::vector<float>(mn, mn + 3), (std::vector<float>{8, 18, 30}));
-  EXPECT_EQ(std::vector<float>(mx, mx + 3), (std::vector<float>{12, 20, 36}));
-  EXPECT_EQ(std::vector<float>(bc, bc + 3), (std::vector<float>{10, 19, 33}));
-
-  float c[3], r;
-  ASSERT_TRUE(CreateBoundingSphere(&m, &d, 2, c, &r));
-  // Centre (10, 19, 33); both points lie at distance sqrt(4 + 1 + 9).
-  EXPECT_EQ(std::vector<float>(c, c + 3), (std::vector<float>{10, 19, 33}));
-  EXPECT_EQ(r, std::sqrt(14.0f));
-}
-
 TEST(BoundingVolumes, WithoutMatrixPositionsAreTakenAsStored) {
   std::vector<float> p = {-0.0f, 5, 7};
   CPODData d = Positions(p);

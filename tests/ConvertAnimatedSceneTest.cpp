@@ -34,11 +34,19 @@ M4 Mul(const M4& a, const M4& b) {
       for (int k = 0; k < 4; ++k) r[4 * i + j] += a[4 * i + k] * b[4 * k + j];
   return r;
 }
-M4 T(double x, double y, double z) { return {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, x, y, z, 1}; }
-M4 S(double s) { return {s, 0, 0, 0, 0, s, 0, 0, 0, 0, s, 0, 0, 0, 0, 1}; }
+M4 T(double x, double y, double z) {
+  return {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, x, y, z, 1};
+}
+M4 S(double s) {
+  return {s, 0, 0, 0, 0, s, 0, 0, 0, 0, s, 0, 0, 0, 0, 1};
+}
 // Rotation by the quaternion (0, 0, sin(a/2), cos(a/2)) / (sin(a/2), 0, 0, cos(a/2)).
-M4 Rz(double a) { return {cos(a), -sin(a), 0, 0, sin(a), cos(a), 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}; }
-M4 Rx(double a) { return {1, 0, 0, 0, 0, cos(a), -sin(a), 0, 0, sin(a), cos(a), 0, 0, 0, 0, 1}; }
+M4 Rz(double a) {
+  return {cos(a), -sin(a), 0, 0, sin(a), cos(a), 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+}
+M4 Rx(double a) {
+  return {1, 0, 0, 0, 0, cos(a), -sin(a), 0, 0, sin(a), cos(a), 0, 0, 0, 0, 1};
+}
 
 std::vector<float> ZKeys(double stepDeg) {
   std::vector<float> keys;
@@ -50,6 +58,8 @@ std::vector<float> ZKeys(double stepDeg) {
 }
 
 // Nodes: 0 skin (skinned mesh), 1 prop (animated mesh), 2 cam, 3 hip (bone), 4 knee (below hip).
+// Like an exporter's, every node holds all three channels, with one key where not animated: a
+// POD file keeps no static transform.
 // Without `bones` the skin's batch is empty (K = 0).
 void BuildScene(CPODScene& scene, bool bones = true) {
   PODSceneBuilder b;
@@ -82,12 +92,15 @@ void BuildScene(CPODScene& scene, bool bones = true) {
   b.SetAnimScale(prop, PODSceneBuilder::ScaleKeys({2, 2, 2}), false);
   const int cam = b.AddCameraNode("cam", 0.8f, 1, 500);
   b.SetAnimPosition(cam, camPos);
+  b.SetAnimRotation(cam, {0, 0, 0, 1}, false);
   const int hip = b.AddNode("hip");
   b.SetAnimPosition(hip, hipPos);
   b.SetAnimRotation(hip, ZKeys(2));
   const int knee = b.AddNode("knee", hip);
-  b.SetPosition(knee, 0, 1, 0);
+  b.SetAnimPosition(knee, {0, 1, 0}, false);
   b.SetAnimRotation(knee, kneeRot);
+  for (int node : {cam, hip, knee})
+    b.SetAnimScale(node, PODSceneBuilder::ScaleKeys({1, 1, 1}), false);
   if (bones) {
     b.SetBoneBatches(skinMesh, 2, {{hip, knee}}, {0});
   } else {
@@ -97,12 +110,16 @@ void BuildScene(CPODScene& scene, bool bones = true) {
 }
 
 // Expected tables, frame f.
-M4 HipBone(int f) { return Mul(T(0, 0, 2), Mul(Rz(2 * f * kDeg), T(0, 0.1 * f, 0))); }
+M4 HipBone(int f) {
+  return Mul(T(0, 0, 2), Mul(Rz(2 * f * kDeg), T(0, 0.1 * f, 0)));
+}
 M4 KneeBone(int f) {
   return Mul(Mul(T(0, 0, 2), T(0, -1, 0)),
              Mul(Mul(Rx(f * kDeg), T(0, 1, 0)), Mul(Rz(2 * f * kDeg), T(0, 0.1 * f, 0))));
 }
-M4 Prop(int f) { return Mul(Mul(S(2), Rz(3 * f * kDeg)), T(5 + 0.5 * f, 0, 0)); }
+M4 Prop(int f) {
+  return Mul(Mul(S(2), Rz(3 * f * kDeg)), T(5 + 0.5 * f, 0, 0));
+}
 
 struct Qsn {
   std::vector<uint8_t> bytes;
@@ -151,9 +168,9 @@ void CheckAnimatedQsn(const Qsn& q) {
     array += q.u32(skin + 552 + 12 * i + 4);
   }
   EXPECT_EQ(array - skin, skinLength);
-  EXPECT_EQ(q.u32(skin + 564 + 4), 4u);             // BatchBoneCnt
-  EXPECT_EQ(q.u32(arrays[1]), 2u);                  // K = 2
-  EXPECT_EQ(q.u32(arrays[5]), 3u);                  // bone table: hip, knee
+  EXPECT_EQ(q.u32(skin + 564 + 4), 4u);  // BatchBoneCnt
+  EXPECT_EQ(q.u32(arrays[1]), 2u);       // K = 2
+  EXPECT_EQ(q.u32(arrays[5]), 3u);       // bone table: hip, knee
   EXPECT_EQ(q.u32(arrays[5] + 4), 4u);
   EXPECT_EQ(q.u32(skin + 624 + 4), kFrames * 2u * 64);
   for (int f = 0; f < kFrames; ++f) {
@@ -209,6 +226,22 @@ TEST(ConvertAnimatedScene, ConvertedAndWrittenInProcess) {
   ASSERT_TRUE(writer.WritetoFile(dir.file("anim.qsn"), &model));
   Qsn q{korvex_test::ReadFileBytes(dir.file("anim.qsn"))};
   CheckAnimatedQsn(q);
+}
+
+TEST(ConvertAnimatedScene, ConvertedEndToEndByTheTool) {
+  korvex_test::TempDir dir;
+  {
+    CPODScene scene;
+    BuildScene(scene);
+    ASSERT_TRUE(scene.SavePOD(dir.file("anim.pod").c_str(), "options"));
+  }
+  const korvex_test::RunResult run =
+      korvex_test::Run(korvex_test::KorvexExe(), {dir.file("anim.pod")});
+  ASSERT_EQ(run.exitStatus, 0) << run.out << run.err;
+  EXPECT_TRUE(korvex_test::FileExists(dir.file("anim.PODx")));
+  Qsn q{korvex_test::ReadFileBytes(dir.file("anim.qsn"))};
+  CheckAnimatedQsn(q);
+  EXPECT_STREQ(reinterpret_cast<const char*>(&q.bytes.at(12)), "anim.PODx");
 }
 
 // A skinned mesh without bones sets no frame after frame 0, so the animated mesh converted next

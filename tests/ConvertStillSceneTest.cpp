@@ -18,7 +18,6 @@ namespace {
 
 using korvex::PODSceneBuilder;
 using korvex::PODStream;
-using korvex_test::FileExists;
 using korvex_test::KorvexExe;
 using korvex_test::ReadFileBytes;
 using korvex_test::Run;
@@ -250,128 +249,121 @@ void Place(PODSceneBuilder& b, int node, std::vector<float> position,
 }
 
 const std::vector<float> kTriangle = {0, 0, 0, 4, 0, 0, 0, 2, 0};
-const std::vector<float> kTriangleNormals = {0, 0, 1, 0, 0, 1, 0, 0, 1};
-const std::vector<uint16_t> kTriangleFaces = {0, 1, 2};
+const std::vector<float> kNormals = {0, 0, 1, 0, 0, 1, 0, 0, 1};
+
+// Texture-coordinate set k of the triangle.
+std::vector<float> TriangleUV(int k) { return {float(k), 0, float(k) + 1, 0, float(k), 1}; }
 
 int AddTriangle(PODSceneBuilder& b, int uvSets) {
   const int mesh = b.AddMesh(3);
   b.SetFloatStream(mesh, PODStream::Vertex, 3, kTriangle);
-  b.SetFloatStream(mesh, PODStream::Normals, 3, kTriangleNormals);
-  for (int k = 0; k < uvSets; ++k) {
-    const float o = float(k);
-    b.AddFloatUVW(mesh, 2, {o, 0, o + 1, 0, o, 1});
-  }
-  b.SetFaces(mesh, kTriangleFaces);
+  b.SetFloatStream(mesh, PODStream::Normals, 3, kNormals);
+  for (int k = 0; k < uvSets; ++k) b.AddFloatUVW(mesh, 2, TriangleUV(k));
+  b.SetFaces(mesh, {0, 1, 2});
   return mesh;
 }
 
-// The triangle's mesh block under `transform`, without material.
+// The triangle's mesh block under `transform`, carrying `carried` of its `sets` texture sets.
 MeshBlock TriangleBlock(uint32_t nodeIndex, const std::vector<float>& transform,
-                        const StreamOffsets& at) {
+                        const StreamOffsets& at, uint32_t sets, uint32_t carried = 0) {
   MeshBlock m;
   m.node.index = nodeIndex;
   m.node.transform = transform;
   m.numVertex = 3;
   m.numFace = 1;
+  m.numUVW = sets;
   m.world = VolumesOf(kTriangle, transform);
   m.vertex = {1, 3, 12, at.vertex};
   m.normal = {1, 3, 12, at.normals};
   m.face = {3, 1, 2, at.faces};
   m.positions = kTriangle;
-  m.normals = kTriangleNormals;
-  m.faces = kTriangleFaces;
+  m.normals = kNormals;
+  m.faces = {0, 1, 2};
+  for (uint32_t k = 0; k < carried; ++k) {
+    m.uvw.push_back({1, 2, 8, 0});
+    m.uvwOffset.push_back(at.uvw.at(k));
+    const std::vector<float> uv = TriangleUV(int(k));
+    m.uvs.insert(m.uvs.end(), uv.begin(), uv.end());
+  }
   return m;
 }
 
-// Writes the input scene as DIR/NAME.pod (with an export-options block, as exporters do).
-std::string WriteInput(PODSceneBuilder& b, const TempDir& dir, const std::string& name) {
-  CPODScene scene;
-  EXPECT_TRUE(b.Build(scene));
-  const std::string path = dir.file(name + ".pod");
-  EXPECT_TRUE(scene.SavePOD(path.c_str(), "test options"));
-  return path;
-}
+// Writes the scene made by `build` as a POD file (with an export-options block, as exporters
+// do); a suffix goes to every texture name.
+using Build = void (*)(PODSceneBuilder&, const std::string& suffix);
 
-// The .PODx the edits should produce, written from the expected scene.
-std::vector<uint8_t> ExpectedPODx(PODSceneBuilder& b, const TempDir& dir) {
+std::vector<uint8_t> Save(Build build, const std::string& suffix, const std::string& path) {
+  PODSceneBuilder b;
+  build(b, suffix);
   CPODScene scene;
   EXPECT_TRUE(b.Build(scene));
-  const std::string path = dir.file("expected.bin");
   EXPECT_TRUE(scene.SavePOD(path.c_str(), "test options"));
   return ReadFileBytes(path);
 }
 
-struct Converted {
-  korvex_test::RunResult run;
-  std::vector<uint8_t> podx, qsn;
-};
-
-Converted Convert(const TempDir& dir, const std::string& name) {
-  Converted c;
-  c.run = Run(KorvexExe(), {dir.file(name + ".pod")});
-  c.podx = ReadFileBytes(dir.file(name + ".PODx"));
-  c.qsn = ReadFileBytes(dir.file(name + ".qsn"));
-  return c;
-}
-
-std::string Success(const TempDir& dir, const std::string& name, const std::string& messages = "") {
-  return "Converting " + dir.file(name + ".pod") + "\nRenaming texture..." + messages + "\n";
+// Runs Korvex on DIR/NAME.pod; checks standard output (the messages between the renaming and
+// the final newline), the exit status, and the .PODx against the scene with renamed textures.
+// Returns the .PODx and the .qsn.
+std::pair<std::vector<uint8_t>, std::vector<uint8_t>> Convert(const TempDir& dir, const char* name,
+                                                              Build build,
+                                                              const std::string& messages = "") {
+  const std::string input = dir.file(std::string(name) + ".pod");
+  Save(build, "", input);
+  const korvex_test::RunResult r = Run(KorvexExe(), {input});
+  EXPECT_EQ(r.out, "Converting " + input + "\nRenaming texture..." + messages + "\n");
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(r.exitStatus, 0);
+  const std::vector<uint8_t> podx = ReadFileBytes(dir.file(std::string(name) + ".PODx"));
+  EXPECT_EQ(podx, Save(build, ".qimg", dir.file("expected.bin")));
+  return {podx, ReadFileBytes(dir.file(std::string(name) + ".qsn"))};
 }
 
 // ---------------------------------------------------------------------------------------------
 
-// A cube of 8 corners; node rotated half a turn about z (quaternion (0, 0, 1, 0) gives
-// diag(-1, -1, 1)), scaled (2, 3, 4), placed at (1, 2, 3).
-void BuildCube(PODSceneBuilder& b, const char* texture) {
-  const int tex = b.AddTexture(texture);
-  const int mat = b.AddMaterial("CrateMat", tex);
-  SPODMaterial& m = b.Material(mat);
-  m.fMatOpacity = 0.5f;
-  const float ambient[3] = {0.1f, 0.2f, 0.3f}, diffuse[3] = {0.4f, 0.5f, 0.6f},
-              specular[3] = {0.7f, 0.8f, 0.9f};
-  std::memcpy(m.pfMatAmbient, ambient, 12);
-  std::memcpy(m.pfMatDiffuse, diffuse, 12);
-  std::memcpy(m.pfMatSpecular, specular, 12);
-  m.fMatShininess = 8;
-  const int mesh = b.AddMesh(8);
-  std::vector<float> corners;
+// A cube of 8 corners with a textured material; the node is turned half a turn about z
+// (quaternion (0, 0, 1, 0) gives diag(-1, -1, 1)), scaled (2, 3, 4) and placed at (1, 2, 3).
+std::vector<float> CubeCorners() {
+  std::vector<float> c;
   for (int k = 0; k < 8; ++k)
-    corners.insert(corners.end(), {k & 1 ? 1.0f : -1.0f, k & 2 ? 1.0f : -1.0f, k & 4 ? 1.0f : -1.0f});
-  b.SetFloatStream(mesh, PODStream::Vertex, 3, corners);
-  b.SetFloatStream(mesh, PODStream::Normals, 3, corners);
+    c.insert(c.end(), {k & 1 ? 1.0f : -1.0f, k & 2 ? 1.0f : -1.0f, k & 4 ? 1.0f : -1.0f});
+  return c;
+}
+std::vector<float> CubeUV() {
   std::vector<float> uv;
   for (int k = 0; k < 8; ++k) uv.insert(uv.end(), {float(k & 1), float(k >> 1) / 4});
-  b.AddFloatUVW(mesh, 2, uv);
-  b.SetFaces(mesh, {0, 1, 3, 0, 3, 2, 4, 6, 7, 4, 7, 5, 0, 4, 5, 0, 5, 1,
-                    2, 3, 7, 2, 7, 6, 0, 2, 6, 0, 6, 4, 1, 5, 7, 1, 7, 3});
-  const int node = b.AddMeshNode("Crate", mesh, mat);
-  Place(b, node, {1, 2, 3}, {0, 0, 1, 0}, {2, 3, 4});
+  return uv;
+}
+const std::vector<uint16_t> kCubeFaces = {0, 1, 3, 0, 3, 2, 4, 6, 7, 4, 7, 5, 0, 4, 5, 0, 5, 1,
+                                          2, 3, 7, 2, 7, 6, 0, 2, 6, 0, 6, 4, 1, 5, 7, 1, 7, 3};
+
+void BuildCube(PODSceneBuilder& b, const std::string& suffix) {
+  const int mat = b.AddMaterial("CrateMat", b.AddTexture(("crate.png" + suffix).c_str()));
+  SPODMaterial& m = b.Material(mat);
+  m.fMatOpacity = 0.5f;
+  const float colours[9] = {0.1f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f, 0.7f, 0.8f, 0.9f};
+  std::memcpy(m.pfMatAmbient, colours, 12);
+  std::memcpy(m.pfMatDiffuse, colours + 3, 12);
+  std::memcpy(m.pfMatSpecular, colours + 6, 12);
+  m.fMatShininess = 8;
+  const int mesh = b.AddMesh(8);
+  b.SetFloatStream(mesh, PODStream::Vertex, 3, CubeCorners());
+  b.SetFloatStream(mesh, PODStream::Normals, 3, CubeCorners());
+  b.AddFloatUVW(mesh, 2, CubeUV());
+  b.SetFaces(mesh, kCubeFaces);
+  Place(b, b.AddMeshNode("Crate", mesh, mat), {1, 2, 3}, {0, 0, 1, 0}, {2, 3, 4});
 }
 
 TEST(ConvertStillScene, CubeWithTexturedMaterial) {
   TempDir dir;
-  PODSceneBuilder in;
-  BuildCube(in, "crate.png");
-  WriteInput(in, dir, "cube");
-  const Converted c = Convert(dir, "cube");
-  EXPECT_EQ(c.run.out, Success(dir, "cube"));
-  EXPECT_EQ(c.run.err, "");
-  EXPECT_EQ(c.run.exitStatus, 0);
-
-  PODSceneBuilder edited;
-  BuildCube(edited, "crate.png.qimg");
-  EXPECT_EQ(c.podx, ExpectedPODx(edited, dir));
-
-  const StreamOffsets at = OffsetsOfMesh(c.podx, 0);
+  const auto [podx, qsn] = Convert(dir, "cube", BuildCube);
+  const StreamOffsets at = OffsetsOfMesh(podx, 0);
   ASSERT_EQ(at.uvw.size(), 1u);
   MeshBlock m;
   m.node.transform = {-2, 0, 0, 0, 0, -3, 0, 0, 0, 0, 4, 0, 1, 2, 3, 1};
   m.numVertex = 8;
   m.numFace = 12;
   m.numUVW = 1;
-  for (int k = 0; k < 8; ++k)
-    m.positions.insert(m.positions.end(),
-                       {k & 1 ? 1.0f : -1.0f, k & 2 ? 1.0f : -1.0f, k & 4 ? 1.0f : -1.0f});
+  m.positions = m.normals = CubeCorners();
   // Corners map to x in {3, -1}, y in {-1, 5}, z in {-1, 7}.
   m.world = VolumesOf(m.positions, m.node.transform);
   EXPECT_EQ(m.world.box, (std::vector<float>{1, 2, 3, -1, -1, -1, 3, 5, 7}));
@@ -380,257 +372,130 @@ TEST(ConvertStillScene, CubeWithTexturedMaterial) {
   m.face = {3, 1, 2, at.faces};
   m.uvw = {{1, 2, 8, 0}};
   m.uvwOffset = {at.uvw[0]};
+  m.uvs = CubeUV();
+  m.faces = kCubeFaces;
   m.defaultMaterial = 0;
   m.materialIndex[0] = 0;
-  m.normals = m.positions;
-  for (int k = 0; k < 8; ++k) m.uvs.insert(m.uvs.end(), {float(k & 1), float(k >> 1) / 4});
-  m.faces = {0, 1, 3, 0, 3, 2, 4, 6, 7, 4, 7, 5, 0, 4, 5, 0, 5, 1,
-             2, 3, 7, 2, 7, 6, 0, 2, 6, 0, 6, 4, 1, 5, 7, 1, 7, 3};
-  MaterialBlock mat;
-  mat.opacity = 0.5f;
-  mat.ambient = {0.1f, 0.2f, 0.3f};
-  mat.diffuse = {0.4f, 0.5f, 0.6f};
-  mat.specular = {0.7f, 0.8f, 0.9f};
-  mat.shininess = 8;
-  mat.name = "CrateMat";
-  mat.texture = "crate.png.qimg";
-  EXPECT_EQ(c.qsn, QsnBytes("cube.PODx", {{2001, "Crate", 0, MeshBytes(m)},
-                                          {2004, "CrateMat", 0, MaterialBytes(mat)}}));
+  MaterialBlock mat{0, 0.5f, {0.1f, 0.2f, 0.3f}, {0.4f, 0.5f, 0.6f}, {0.7f, 0.8f, 0.9f}, 8,
+                    "CrateMat", "crate.png.qimg"};
+  EXPECT_EQ(qsn, QsnBytes("cube.PODx", {{2001, "Crate", 0, MeshBytes(m)},
+                                        {2004, "CrateMat", 0, MaterialBytes(mat)}}));
 }
 
-// Three nodes on one mesh: the first two share material 1, the third uses material 0. Records
-// follow first use; a material's header follows the first mesh that uses it.
-void BuildShared(PODSceneBuilder& b, const char* suffix) {
-  b.AddTexture((std::string("a.png") + suffix).c_str());
-  b.AddTexture((std::string("b.png") + suffix).c_str());
+// Materials are made once, in order of first use, their headers right after the first mesh
+// that uses them; "LIGHTMAP001" defines a light map (a material, no node of its own) that
+// "LIGHTMAP001Three" takes as its second material. "Tri3" has three texture-coordinate sets:
+// the record carries two (with "Error1"), the saved scene keeps three; its material has no
+// texture and a 200-character name, cut to 128 bytes.
+std::string LongName() {
+  std::string name;
+  for (int i = 0; i < 200; ++i) name += char('a' + i % 26);
+  return name;
+}
+
+void BuildMaterials(PODSceneBuilder& b, const std::string& suffix) {
+  for (const char* t : {"a.png", "b.png", "baked.png"}) b.AddTexture((t + suffix).c_str());
   b.AddMaterial("MatA", 0);
   b.AddMaterial("MatB", 1);
-  const int mesh = AddTriangle(b, 1);
-  Place(b, b.AddMeshNode("One", mesh, 1), {10, 0, 0});
-  Place(b, b.AddMeshNode("Two", mesh, 1), {0, 10, 0});
-  Place(b, b.AddMeshNode("Three", mesh, 0), {0, 0, 10});
+  b.AddMaterial("Baked", 2);
+  b.AddMaterial(LongName().c_str(), -1);
+  const int one = AddTriangle(b, 1), three = AddTriangle(b, 3);
+  Place(b, b.AddMeshNode("One", one, 1), {10, 0, 0});
+  Place(b, b.AddMeshNode("LIGHTMAP001", one, 2), {5, 5, 5});
+  Place(b, b.AddMeshNode("Two", one, 1), {0, 10, 0});
+  Place(b, b.AddMeshNode("LIGHTMAP001Three", one, 0), {0, 0, 0}, {0, 0, 0, 1}, {2, 2, 2});
+  Place(b, b.AddMeshNode("Tri3", three, 3), {0, 0, 0});
 }
 
-TEST(ConvertStillScene, MeshesSharingAMaterialShareOneRecord) {
+TEST(ConvertStillScene, MaterialsLightMapsAndTextureSets) {
   TempDir dir;
-  PODSceneBuilder in, edited;
-  BuildShared(in, "");
-  BuildShared(edited, ".qimg");
-  WriteInput(in, dir, "shared");
-  const Converted c = Convert(dir, "shared");
-  EXPECT_EQ(c.run.out, Success(dir, "shared"));
-  EXPECT_EQ(c.run.exitStatus, 0);
-  EXPECT_EQ(c.podx, ExpectedPODx(edited, dir));
-
-  const StreamOffsets at = OffsetsOfMesh(c.podx, 0);
-  ASSERT_EQ(at.uvw.size(), 1u);
-  std::vector<MeshBlock> meshes;
-  const std::vector<std::vector<float>> places = {{10, 0, 0}, {0, 10, 0}, {0, 0, 10}};
-  const int32_t record[3] = {0, 0, 1};  // MatB made first, then MatA
-  const int32_t podMaterial[3] = {1, 1, 0};
-  for (uint32_t i = 0; i < 3; ++i) {
-    MeshBlock m = TriangleBlock(i, ScaleTranslate(1, 1, 1, places[i][0], places[i][1], places[i][2]), at);
-    m.numUVW = 1;
-    m.uvw = {{1, 2, 8, 0}};
-    m.uvwOffset = {at.uvw[0]};
-    m.uvs = {0, 0, 1, 0, 0, 1};
-    m.defaultMaterial = podMaterial[i];
-    m.materialIndex[0] = record[i];
-    meshes.push_back(m);
-  }
-  MaterialBlock matB, matA;
-  matB.podMaterial = 1;
-  matB.name = "MatB";
-  matB.texture = "b.png.qimg";
-  matA.podMaterial = 0;
-  matA.name = "MatA";
-  matA.texture = "a.png.qimg";
-  EXPECT_EQ(c.qsn, QsnBytes("shared.PODx", {{2001, "One", 0, MeshBytes(meshes[0])},
-                                            {2004, "MatB", 0, MaterialBytes(matB)},
-                                            {2001, "Two", 1, MeshBytes(meshes[1])},
-                                            {2001, "Three", 2, MeshBytes(meshes[2])},
-                                            {2004, "MatA", 1, MaterialBytes(matA)}}));
+  const auto [podx, qsn] =
+      Convert(dir, "materials", BuildMaterials, "Error1: Number of UVW > 2, \"Tri3\"\n");
+  const StreamOffsets at = OffsetsOfMesh(podx, 0), at3 = OffsetsOfMesh(podx, 1);
+  ASSERT_EQ(at3.uvw.size(), 3u);
+  MeshBlock one = TriangleBlock(0, ScaleTranslate(1, 1, 1, 10, 0, 0), at, 1, 1);
+  MeshBlock two = TriangleBlock(2, ScaleTranslate(1, 1, 1, 0, 10, 0), at, 1, 1);
+  MeshBlock three = TriangleBlock(3, ScaleTranslate(2, 2, 2, 0, 0, 0), at, 1, 1);
+  MeshBlock tri3 = TriangleBlock(4, kIdentity, at3, 2, 2);
+  one.defaultMaterial = two.defaultMaterial = 1;
+  one.materialIndex[0] = two.materialIndex[0] = 0;  // MatB, the first record
+  three.defaultMaterial = 0;
+  three.materialIndex = {2, 1, -1, -1, -1, -1, -1, -1};  // MatA, then the light map "Baked"
+  tri3.node.object = 1;
+  tri3.defaultMaterial = 3;
+  tri3.materialIndex[0] = 3;
+  const MaterialBlock matB{1, 1, {0, 0, 0}, {0, 0, 0}, {0, 0, 0}, 0, "MatB", "b.png.qimg"};
+  const MaterialBlock baked{2, 1, {0, 0, 0}, {0, 0, 0}, {0, 0, 0}, 0, "Baked", "baked.png.qimg"};
+  const MaterialBlock matA{0, 1, {0, 0, 0}, {0, 0, 0}, {0, 0, 0}, 0, "MatA", "a.png.qimg"};
+  const MaterialBlock longMat{3, 1, {0, 0, 0}, {0, 0, 0}, {0, 0, 0}, 0, LongName(), ""};
+  // 5 mesh nodes + 4 materials - 1 light map = 8 headers.
+  EXPECT_EQ(qsn, QsnBytes("materials.PODx",
+                          {{2001, "One", 0, MeshBytes(one)},
+                           {2004, "MatB", 0, MaterialBytes(matB)},
+                           {2004, "Baked", 1, MaterialBytes(baked)},
+                           {2001, "Two", 1, MeshBytes(two)},
+                           {2001, "LIGHTMAP001Three", 2, MeshBytes(three)},
+                           {2004, "MatA", 2, MaterialBytes(matA)},
+                           {2001, "Tri3", 3, MeshBytes(tri3)},
+                           {2004, LongName().substr(0, 128), 3, MaterialBytes(longMat)}}));
 }
 
-// "LIGHTMAP001" defines a light map (a material, no node); "LIGHTMAP001Floor" is a mesh that
-// takes it as its second material.
-void BuildLightMap(PODSceneBuilder& b, const char* suffix) {
-  b.AddTexture((std::string("baked.png") + suffix).c_str());
-  b.AddMaterial("Baked", 0);
-  b.AddMaterial("FloorMat", -1);
-  const int mesh = AddTriangle(b, 1);
-  Place(b, b.AddMeshNode("LIGHTMAP001", mesh, 0), {5, 5, 5});
-  Place(b, b.AddMeshNode("LIGHTMAP001Floor", mesh, 1), {0, 0, 0}, {0, 0, 0, 1}, {2, 2, 2});
-}
+// Keywords at the start of names (case-sensitive, anything may follow), a mesh without
+// vertices, a light without target, a camera with a target and one without. No mesh node has a
+// material, so the triangle's texture coordinates are not carried. A camera's target position
+// is read from the node whose index is the camera's own (camera 0: node 0), not the target's.
+const std::vector<float> kMatrix = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+const char* const kKeywordNodes[] = {"Marker",           "COLLISIONBOXES", "PITBOX_A",
+                                     "F1COLLISIONBOX",   "COLLISIONSPHERE2",
+                                     "BILLBOARD1",       "SKYBOX_day"};
 
-TEST(ConvertStillScene, LightMapDefinitionAndLightMappedMesh) {
-  TempDir dir;
-  PODSceneBuilder in, edited;
-  BuildLightMap(in, "");
-  BuildLightMap(edited, ".qimg");
-  WriteInput(in, dir, "lightmap");
-  const Converted c = Convert(dir, "lightmap");
-  EXPECT_EQ(c.run.out, Success(dir, "lightmap"));
-  EXPECT_EQ(c.run.exitStatus, 0);
-  EXPECT_EQ(c.podx, ExpectedPODx(edited, dir));
-
-  const StreamOffsets at = OffsetsOfMesh(c.podx, 0);
-  ASSERT_EQ(at.uvw.size(), 1u);
-  MeshBlock floor = TriangleBlock(1, ScaleTranslate(2, 2, 2, 0, 0, 0), at);
-  floor.numUVW = 1;
-  floor.uvw = {{1, 2, 8, 0}};
-  floor.uvwOffset = {at.uvw[0]};
-  floor.uvs = {0, 0, 1, 0, 0, 1};
-  floor.defaultMaterial = 1;
-  floor.materialIndex[0] = 1;  // FloorMat, made after the light map's material
-  floor.materialIndex[1] = 0;  // the light map
-  MaterialBlock baked, floorMat;
-  baked.podMaterial = 0;
-  baked.name = "Baked";
-  baked.texture = "baked.png.qimg";
-  floorMat.podMaterial = 1;
-  floorMat.name = "FloorMat";
-  // 1 mesh node + 2 materials - 1 light map = 3 headers.
-  EXPECT_EQ(c.qsn, QsnBytes("lightmap.PODx", {{2004, "Baked", 0, MaterialBytes(baked)},
-                                              {2001, "LIGHTMAP001Floor", 0, MeshBytes(floor)},
-                                              {2004, "FloorMat", 1, MaterialBytes(floorMat)}}));
-}
-
-// Keywords at the start of names, case-sensitive, anything may follow. No node has a material,
-// so the triangle's texture coordinates are not carried. "Empty" has a mesh without vertices.
-const std::vector<float> kMarkerMatrix = {1, 2,  3,  4,  5,  6,  7,  8,
-                                          9, 10, 11, 12, 13, 14, 15, 16};
-
-void BuildKeywords(PODSceneBuilder& b) {
-  const int mesh = AddTriangle(b, 1);
-  const int empty = b.AddMesh(0);
+void BuildKinds(PODSceneBuilder& b, const std::string&) {
+  const int mesh = AddTriangle(b, 1), empty = b.AddMesh(0);
   b.SetFloatStream(empty, PODStream::Vertex, 3, {});
   const int marker = b.AddMeshNode("MARKERS", mesh);
-  Place(b, marker, {1, 1, 1});
-  b.SetAnimMatrix(marker, kMarkerMatrix, false);  // taken verbatim, before the other channels
-  const char* names[] = {"Marker",     "COLLISIONBOXES", "PITBOX_A",  "F1COLLISIONBOX",
-                         "COLLISIONSPHERE2", "BILLBOARD1", "SKYBOX_day"};
-  for (const char* name : names) Place(b, b.AddMeshNode(name, mesh), {0, 0, 0}, {0, 0, 0, 1}, {2, 2, 2});
+  Place(b, marker, {7, 8, 9});
+  b.SetAnimMatrix(marker, kMatrix, false);  // taken verbatim, before the other channels
+  for (const char* name : kKeywordNodes)
+    Place(b, b.AddMeshNode(name, mesh), {0, 0, 0}, {0, 0, 0, 1}, {2, 2, 2});
   Place(b, b.AddMeshNode("Empty", empty), {0, 0, 0});
-}
-
-TEST(ConvertStillScene, SpecialKeywordsIncludingPrefixes) {
-  TempDir dir;
-  PODSceneBuilder in, edited;
-  BuildKeywords(in);
-  BuildKeywords(edited);  // no textures: the edit changes nothing
-  WriteInput(in, dir, "keywords");
-  const Converted c = Convert(dir, "keywords");
-  EXPECT_EQ(c.run.out, Success(dir, "keywords",
-                               "Error3: cannot create bounding sphere, Empty\n"
-                               "Error3: cannot create bounding AABB, Empty\n"));
-  EXPECT_EQ(c.run.exitStatus, 0);
-  EXPECT_EQ(c.podx, ExpectedPODx(edited, dir));
-
-  const StreamOffsets at = OffsetsOfMesh(c.podx, 0);
-  const std::vector<float> doubled = ScaleTranslate(2, 2, 2, 0, 0, 0);
-  Bytes marker;
-  NodePart markerPart;
-  markerPart.transform = kMarkerMatrix;
-  PutNodePart(marker, markerPart);
-
-  std::vector<Entry> expected = {{2009, "MARKERS", 0, marker.v}};
-  const uint32_t kinds[] = {2001, 2005, 2005, 2005, 2006, 2007, 2008};
-  const char* names[] = {"Marker",     "COLLISIONBOXES", "PITBOX_A",  "F1COLLISIONBOX",
-                         "COLLISIONSPHERE2", "BILLBOARD1", "SKYBOX_day"};
-  const int32_t indices[] = {0, 0, 1, 2, 0, 0, 0};
-  for (uint32_t k = 0; k < 7; ++k) {
-    // Without a material the set count stays but nothing of the sets is written.
-    MeshBlock m = TriangleBlock(k + 1, doubled, at);
-    m.numUVW = 1;
-    if (kinds[k] == 2005) {
-      m.collisionBox = true;
-      m.local = VolumesOf(kTriangle, kIdentity);  // object space
-    }
-    expected.push_back({kinds[k], names[k], indices[k], MeshBytes(m)});
-  }
-  const StreamOffsets emptyAt = OffsetsOfMesh(c.podx, 1);
-  MeshBlock none;
-  none.node.index = 8;
-  none.node.object = 1;
-  none.vertex = {1, 3, 12, emptyAt.vertex};  // no data block: offset 0
-  EXPECT_EQ(emptyAt.vertex, 0u);
-  expected.push_back({2001, "Empty", 1, MeshBytes(none)});
-  EXPECT_EQ(c.qsn, QsnBytes("keywords.PODx", expected));
-}
-
-// A light without target, a camera with a target and one without. The target position is read
-// from the node whose index is the camera's own index (camera 0: node 0), not from the target.
-void BuildCameras(PODSceneBuilder& b) {
-  const int mesh = AddTriangle(b, 0);
-  Place(b, b.AddMeshNode("Ground", mesh), {7, 8, 9});
   Place(b, b.AddLightNode("Lamp", 1.0f, 0.5f, 0.25f, 2), {0, 10, 0});
-  Place(b, b.AddCameraNode("CamA", 0.75f, 0.5f, 250.0f, 4), {0, 0, 20});
+  Place(b, b.AddCameraNode("CamA", 0.75f, 0.5f, 250.0f, 12), {0, 0, 20});
   Place(b, b.AddCameraNode("CamB", 1.5f, 1.0f, 100.0f), {0, 0, -20});
   Place(b, b.AddNode("Target"), {100, 100, 100});
 }
 
-TEST(ConvertStillScene, CamerasWithAndWithoutTargetAndALight) {
+TEST(ConvertStillScene, NodeKindsCamerasAndLights) {
   TempDir dir;
-  PODSceneBuilder in, edited;
-  BuildCameras(in);
-  BuildCameras(edited);
-  WriteInput(in, dir, "cameras");
-  const Converted c = Convert(dir, "cameras");
-  EXPECT_EQ(c.run.out, Success(dir, "cameras"));
-  EXPECT_EQ(c.run.exitStatus, 0);
-  EXPECT_EQ(c.podx, ExpectedPODx(edited, dir));
-
-  const StreamOffsets at = OffsetsOfMesh(c.podx, 0);
-  const MeshBlock ground = TriangleBlock(0, ScaleTranslate(1, 1, 1, 7, 8, 9), at);
-  Bytes lamp, camA, camB;
-  PutNodePart(lamp, {1, 0, ScaleTranslate(1, 1, 1, 0, 10, 0), 0, 0});
+  const auto [podx, qsn] = Convert(dir, "kinds", BuildKinds,
+                                   "Error3: cannot create bounding sphere, Empty\n"
+                                   "Error3: cannot create bounding AABB, Empty\n");
+  const StreamOffsets at = OffsetsOfMesh(podx, 0), emptyAt = OffsetsOfMesh(podx, 1);
+  Bytes marker, lamp, camA, camB;
+  PutNodePart(marker, {0, 0, kMatrix, 0, 0});
+  std::vector<Entry> expected = {{2009, "MARKERS", 0, marker.v}};
+  const uint32_t kinds[] = {2001, 2005, 2005, 2005, 2006, 2007, 2008};
+  const int32_t indices[] = {0, 0, 1, 2, 0, 0, 0};
+  for (uint32_t k = 0; k < 7; ++k) {
+    MeshBlock m = TriangleBlock(k + 1, ScaleTranslate(2, 2, 2, 0, 0, 0), at, 1);
+    m.collisionBox = kinds[k] == 2005;
+    m.local = VolumesOf(kTriangle, kIdentity);  // object space
+    expected.push_back({kinds[k], kKeywordNodes[k], indices[k], MeshBytes(m)});
+  }
+  MeshBlock none;  // no volumes, no arrays; the position stream has no data block
+  none.node = {8, 1, kIdentity, 0, 0};
+  none.vertex = {1, 3, 12, emptyAt.vertex};
+  EXPECT_EQ(emptyAt.vertex, 0u);
+  expected.push_back({2001, "Empty", 1, MeshBytes(none)});
+  PutNodePart(lamp, {9, 0, ScaleTranslate(1, 1, 1, 0, 10, 0), 0, 0});
   lamp.i32(-1).floats({1.0f, 0.5f, 0.25f}).u32(2);
-  PutNodePart(camA, {2, 0, ScaleTranslate(1, 1, 1, 0, 0, 20), 0, 0});
-  camA.floats({0.75f, 250.0f, 0.5f}).i32(4).floats({7, 8, 9});
-  PutNodePart(camB, {3, 1, ScaleTranslate(1, 1, 1, 0, 0, -20), 0, 0});
+  PutNodePart(camA, {10, 0, ScaleTranslate(1, 1, 1, 0, 0, 20), 0, 0});
+  camA.floats({0.75f, 250.0f, 0.5f}).i32(12).floats({7, 8, 9});
+  PutNodePart(camB, {11, 1, ScaleTranslate(1, 1, 1, 0, 0, -20), 0, 0});
   camB.floats({1.5f, 100.0f, 1.0f}).i32(-1).floats({0, 0, 0});
-  EXPECT_EQ(c.qsn, QsnBytes("cameras.PODx", {{2001, "Ground", 0, MeshBytes(ground)},
-                                             {2002, "Lamp", 0, lamp.v},
-                                             {2003, "CamA", 0, camA.v},
-                                             {2003, "CamB", 1, camB.v}}));
-}
-
-// Three texture-coordinate sets: the record carries the first two (with "Error1"), the saved
-// scene keeps all three. The material has no texture and a 200-character name (cut to 128).
-void BuildThreeSets(PODSceneBuilder& b, const std::string& materialName) {
-  b.AddMaterial(materialName.c_str(), -1);
-  const int mesh = AddTriangle(b, 3);
-  Place(b, b.AddMeshNode("Tri3", mesh, 0), {0, 0, 0});
-}
-
-TEST(ConvertStillScene, ThreeTextureCoordinateSetsKeepTheFirstTwo) {
-  TempDir dir;
-  std::string longName;
-  for (int i = 0; i < 200; ++i) longName += char('a' + i % 26);
-  PODSceneBuilder in, edited;
-  BuildThreeSets(in, longName);
-  BuildThreeSets(edited, longName);
-  WriteInput(in, dir, "uv3");
-  const Converted c = Convert(dir, "uv3");
-  EXPECT_EQ(c.run.out, Success(dir, "uv3", "Error1: Number of UVW > 2, \"Tri3\"\n"));
-  EXPECT_EQ(c.run.exitStatus, 0);
-  EXPECT_EQ(c.podx, ExpectedPODx(edited, dir));
-
-  const StreamOffsets at = OffsetsOfMesh(c.podx, 0);
-  ASSERT_EQ(at.uvw.size(), 3u);
-  MeshBlock m = TriangleBlock(0, kIdentity, at);
-  m.numUVW = 2;
-  m.uvw = {{1, 2, 8, 0}, {1, 2, 8, 0}};
-  m.uvwOffset = {at.uvw[0], at.uvw[1]};
-  m.uvs = {0, 0, 1, 0, 0, 1, 1, 0, 2, 0, 1, 1};
-  m.defaultMaterial = 0;
-  m.materialIndex[0] = 0;
-  MaterialBlock mat;
-  mat.name = longName;  // cut to the field by the byte builder
-  const std::string headerName = longName.substr(0, 128);
-  EXPECT_EQ(c.qsn, QsnBytes("uv3.PODx", {{2001, "Tri3", 0, MeshBytes(m)},
-                                         {2004, headerName, 0, MaterialBytes(mat)}}));
+  expected.insert(expected.end(), {{2002, "Lamp", 0, lamp.v},
+                                   {2003, "CamA", 0, camA.v},
+                                   {2003, "CamB", 1, camB.v}});
+  EXPECT_EQ(qsn, QsnBytes("kinds.PODx", expected));
 }
 
 }  // namespace

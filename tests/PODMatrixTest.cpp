@@ -23,36 +23,30 @@ void ExpectProductIsIdentity(const PODMATRIXf& a, const PODMATRIXf& b, double to
   }
 }
 
+void ExpectMatrix(const PODMATRIXf& m, const float (&expected)[16]) {
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(m.f[i], expected[i]) << "element " << i;
+}
+
 TEST(PODMatrix, MultiplyAppliesTheFirstOperandFirstAndMayAliasIt) {
   PODMATRIXf t, s;
   PODMatrixTranslationF(t, 1, 2, 3);
   PODMatrixScalingF(s, 2, 3, 4);
   // Translate, then scale: the translation row is scaled too.
   PODMatrixMultiplyF(t, t, s);
-  const float expected[16] = {2, 0, 0, 0, 0, 3, 0, 0, 0, 0, 4, 0, 2, 6, 12, 1};
-  for (int i = 0; i < 16; ++i) EXPECT_EQ(t.f[i], expected[i]) << i;
-}
-
-TEST(PODMatrix, PointTransformIncludesTranslation) {
-  PODMATRIXf m;
-  PODMatrixScalingF(m, 2, 3, 4);
-  m.f[12] = 1;
-  m.f[13] = 2;
-  m.f[14] = 3;
+  ExpectMatrix(t, {2, 0, 0, 0, 0, 3, 0, 0, 0, 0, 4, 0, 2, 6, 12, 1});
+  // A point transform includes the translation: (1,1,1) -> (2+2, 3+6, 4+12).
   PODVECTOR3f out;
-  PODMatrixVec3TransposeMultipleF(out, PODVECTOR3f{1, 1, 1}, m);
-  EXPECT_EQ(out.x, 3.0f);
-  EXPECT_EQ(out.y, 5.0f);
-  EXPECT_EQ(out.z, 7.0f);
+  PODMatrixVec3TransposeMultipleF(out, PODVECTOR3f{1, 1, 1}, t);
+  EXPECT_EQ(out.x, 4.0f);
+  EXPECT_EQ(out.y, 9.0f);
+  EXPECT_EQ(out.z, 16.0f);
 }
 
 TEST(PODMatrix, InverseOfTranslationNegatesIt) {
   PODMATRIXf m, inv;
   PODMatrixTranslationF(m, 1, 2, 3);
   PODMatrixInverseF(inv, m);
-  PODMATRIXf expected;
-  PODMatrixTranslationF(expected, -1, -2, -3);
-  for (int i = 0; i < 16; ++i) EXPECT_EQ(inv.f[i], expected.f[i]) << i;
+  ExpectMatrix(inv, {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, -1, -2, -3, 1});
 }
 
 TEST(PODMatrix, InverseLeavesOutputUntouchedForSingularInput) {
@@ -92,29 +86,18 @@ TEST(PODMatrix, InverseOfGeneralAffineMatrixComposesToIdentity) {
                    3.0f, -2.0f, 7.0f, 9.0f}};
   PODMATRIXf inv;
   PODMatrixInverseF(inv, m);
-  EXPECT_EQ(inv.f[3], 0.0f);
-  EXPECT_EQ(inv.f[7], 0.0f);
-  EXPECT_EQ(inv.f[11], 0.0f);
-  EXPECT_EQ(inv.f[15], 1.0f);
   m.f[3] = m.f[7] = m.f[11] = 0.0f;
   m.f[15] = 1.0f;
   ExpectProductIsIdentity(m, inv, 1e-5);
   ExpectProductIsIdentity(inv, m, 1e-5);
 }
 
-TEST(PODMatrix, LerpIsUnclamped) {
+TEST(PODMatrix, LerpIsUnclampedAndNormalizeLeavesZeroAlone) {
   PODVECTOR3f out;
-  const PODVECTOR3f a{1, 2, 3}, b{3, 2, 1};
-  PODMatrixVec3LerpF(out, a, b, 0.25f);
-  EXPECT_EQ(out.x, 1.5f);
-  EXPECT_EQ(out.y, 2.0f);
-  EXPECT_EQ(out.z, 2.5f);
-  PODMatrixVec3LerpF(out, a, b, -1.0f);
+  PODMatrixVec3LerpF(out, PODVECTOR3f{1, 2, 3}, PODVECTOR3f{3, 2, 1}, -1.0f);
   EXPECT_EQ(out.x, -1.0f);
+  EXPECT_EQ(out.y, 2.0f);
   EXPECT_EQ(out.z, 5.0f);
-}
-
-TEST(PODMatrix, NormalizeDividesByLengthAndLeavesZeroAlone) {
   PODQUATERNIONf q{0, 0, 3, 4};
   PODMatrixQuaternionNormalizeF(q);
   EXPECT_FLOAT_EQ(q.z, 0.6f);
@@ -124,61 +107,49 @@ TEST(PODMatrix, NormalizeDividesByLengthAndLeavesZeroAlone) {
   EXPECT_EQ(zero.w, 0.0f);
 }
 
-TEST(PODMatrix, SlerpOutsideUnitRangeYieldsIdentity) {
+void ExpectQuat(const PODQUATERNIONf& q, double x, double y, double z, double w, double tol) {
+  EXPECT_NEAR(q.x, x, tol);
+  EXPECT_NEAR(q.y, y, tol);
+  EXPECT_NEAR(q.z, z, tol);
+  EXPECT_NEAR(q.w, w, tol);
+}
+
+TEST(PODMatrix, SlerpOutsideUnitRangeGivesIdentityAndZeroAngleGivesFirstAsIs) {
   const PODQUATERNIONf a{0, 0, 0.6f, 0.8f}, b{0.6f, 0, 0, 0.8f};
+  PODQUATERNIONf out;
   for (float t : {-0.5f, 1.5f}) {
-    PODQUATERNIONf out{9, 9, 9, 9};
     PODMatrixQuaternionSlerpF(out, a, b, t);
-    EXPECT_EQ(out.x, 0.0f);
-    EXPECT_EQ(out.y, 0.0f);
-    EXPECT_EQ(out.z, 0.0f);
-    EXPECT_EQ(out.w, 1.0f);
+    ExpectQuat(out, 0, 0, 0, 1, 0);
   }
+  // Dot product 4, clamped to 1: angle 0, so q1 comes back without normalisation.
+  const PODQUATERNIONf twice{0, 0, 0, 2};
+  PODMatrixQuaternionSlerpF(out, twice, twice, 0.5f);
+  ExpectQuat(out, 0, 0, 0, 2, 0);
 }
 
 TEST(PODMatrix, SlerpInterpolatesAlongTheShortArc) {
-  // Identity to 90 degrees about z: halfway is 45 degrees about z.
+  // Identity to 90 degrees about z: halfway is 45 degrees about z, also towards -b.
   const double h = std::acos(-1.0) / 4;  // half of 90 degrees
   const PODQUATERNIONf a{0, 0, 0, 1};
   const PODQUATERNIONf b{0, 0, float(std::sin(h)), float(std::cos(h))};
+  const PODQUATERNIONf negB{-b.x, -b.y, -b.z, -b.w};
   PODQUATERNIONf out;
   PODMatrixQuaternionSlerpF(out, a, b, 0.5f);
-  EXPECT_NEAR(out.z, std::sin(h / 2), 1e-6);
-  EXPECT_NEAR(out.w, std::cos(h / 2), 1e-6);
-
-  // -b is the same rotation: same result.
-  const PODQUATERNIONf negB{-b.x, -b.y, -b.z, -b.w};
-  PODQUATERNIONf viaNeg;
-  PODMatrixQuaternionSlerpF(viaNeg, a, negB, 0.5f);
-  EXPECT_NEAR(viaNeg.z, std::sin(h / 2), 1e-6);
-  EXPECT_NEAR(viaNeg.w, std::cos(h / 2), 1e-6);
-
+  ExpectQuat(out, 0, 0, std::sin(h / 2), std::cos(h / 2), 1e-6);
+  PODMatrixQuaternionSlerpF(out, a, negB, 0.5f);
+  ExpectQuat(out, 0, 0, std::sin(h / 2), std::cos(h / 2), 1e-6);
   // q against -q: the same rotation, so q comes back.
-  PODQUATERNIONf self;
-  PODMatrixQuaternionSlerpF(self, b, negB, 0.3f);
-  EXPECT_NEAR(self.z, b.z, 1e-6);
-  EXPECT_NEAR(self.w, b.w, 1e-6);
-}
-
-TEST(PODMatrix, SlerpAtZeroAngleReturnsFirstQuaternionUnnormalised) {
-  const PODQUATERNIONf q{0, 0, 0, 2};  // dot product 4, clamped to 1: angle 0
-  PODQUATERNIONf out;
-  PODMatrixQuaternionSlerpF(out, q, q, 0.5f);
-  EXPECT_EQ(out.w, 2.0f);
-  EXPECT_EQ(out.z, 0.0f);
+  PODMatrixQuaternionSlerpF(out, b, negB, 0.3f);
+  ExpectQuat(out, 0, 0, b.z, b.w, 1e-6);
 }
 
 TEST(PODMatrix, QuaternionMatrixFollowsTheTableWithoutNormalising) {
   PODMATRIXf m;
   PODMatrixRotationQuaternionF(m, PODQUATERNIONf{0, 0, 0, 1});
-  PODMATRIXf id;
-  PODMatrixIdentityF(id);
-  for (int i = 0; i < 16; ++i) EXPECT_EQ(m.f[i], id.f[i]);
-
+  ExpectMatrix(m, {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1});
   // (1, 1, 1, 1) has length 2: 1 - 2 - 2 = -3 on the diagonal, 2 - 2 = 0 and 2 + 2 = 4 elsewhere.
   PODMatrixRotationQuaternionF(m, PODQUATERNIONf{1, 1, 1, 1});
-  const float expected[16] = {-3, 0, 4, 0, 4, -3, 0, 0, 0, 4, -3, 0, 0, 0, 0, 1};
-  for (int i = 0; i < 16; ++i) EXPECT_EQ(m.f[i], expected[i]) << i;
+  ExpectMatrix(m, {-3, 0, 4, 0, 4, -3, 0, 0, 0, 4, -3, 0, 0, 0, 0, 1});
 }
 
 }  // namespace

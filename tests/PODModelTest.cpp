@@ -109,8 +109,6 @@ TEST(PODSceneBuilder, BuildsACompleteSceneWithSizesAndOrder) {
   EXPECT_EQ(scene.nNumMeshNode, 2u);
   EXPECT_EQ(scene.nNumLight, 1u);
   EXPECT_EQ(scene.nNumCamera, 1u);
-  EXPECT_EQ(scene.nNumFrame, 2u);
-  EXPECT_EQ(scene.pfColourAmbient[2], 0.6f);
   EXPECT_STREQ(scene.pNode[2].pszName, "sun");
   EXPECT_EQ(scene.pNode[2].nIdx, 0);
   EXPECT_EQ(scene.pNode[3].nIdx, 0);
@@ -133,7 +131,6 @@ TEST(PODSceneBuilder, BuildsACompleteSceneWithSizesAndOrder) {
   EXPECT_EQ(PODModelCountIndices(sep), 6u);
   EXPECT_EQ(sep.sBoneIdx.nStride, 2u);
   EXPECT_EQ(sep.sBoneIdx.nDataSize, 6u);
-  EXPECT_EQ(sep.sVtxColours.nStride, 4u);
   const CPODBoneBatches& bb = sep.sBoneBatches;
   ASSERT_EQ(bb.nBatchCnt, 2);
   const int32_t batches[6] = {3, 4, 0, 4, 0, 0};
@@ -188,7 +185,6 @@ TEST(PODModel, DestroyReleasesEverythingAndZeroes) {
   EXPECT_EQ(scene.pNode, nullptr);
   EXPECT_EQ(scene.pMesh, nullptr);
   EXPECT_EQ(scene.nNumNode, 0u);
-  EXPECT_EQ(scene.nNumFrame, 0u);
   EXPECT_EQ(scene.pfColourBackground[0], 0.0f);
   scene.Destroy();  // a second release finds nothing to free
 }

@@ -4,6 +4,7 @@
 // release of scenes a failed read left behind.
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -43,13 +44,12 @@ class Bytes {
     return close(tag);
   }
   Bytes& blockU32(uint32_t tag, uint32_t x) { return marker(tag, 4).u32(x).close(tag); }
-  Bytes& blockF32(uint32_t tag, float f) { return marker(tag, 4).f32(f).close(tag); }
   Bytes& blockFloats(uint32_t tag, std::initializer_list<float> fs) {
     marker(tag, uint32_t(4 * fs.size()));
     for (float f : fs) f32(f);
     return close(tag);
   }
-  Bytes& blockWords(uint32_t tag, std::initializer_list<uint32_t> ws) {
+  Bytes& blockWords(uint32_t tag, const std::vector<uint32_t>& ws) {
     marker(tag, uint32_t(4 * ws.size()));
     for (uint32_t w : ws) u32(w);
     return close(tag);
@@ -141,6 +141,20 @@ inline bool Walk(const std::vector<uint8_t>& v, std::vector<Block>& out) {
     p += 8;
   }
   return open.empty();
+}
+
+// The bytes WritePOD produces for a scene (through a temporary file); `ok` gets its result.
+inline std::vector<uint8_t> WriteBytes(const SPODScene& s, const char* options, bool* ok = nullptr) {
+  std::vector<uint8_t> out;
+  FILE* f = std::tmpfile();
+  if (!f) return out;
+  bool written = WritePOD(f, options, s);
+  if (ok) *ok = written;
+  out.resize(size_t(std::ftell(f)));
+  std::rewind(f);
+  if (std::fread(out.data(), 1, out.size(), f) != out.size()) out.clear();
+  std::fclose(f);
+  return out;
 }
 
 // Releases whatever a scene holds, also after a failed read (which keeps its arrays but has no

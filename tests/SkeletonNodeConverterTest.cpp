@@ -47,9 +47,9 @@ struct Record {
     r->sphereRadius = 7;
   }
   ~Record() {
-    for (SSGNodeData* d : {&r->Batch, &r->BatchBoneCnt, &r->BatchOffset, &r->BoneIdx_ptr,
-                           &r->BoneWeight_ptr, &r->sBoneIndexbuffer, &r->sBoneWorldMatrixbuffer,
-                           &r->sSpherebuffer, &r->sAABBbuffer})
+    for (SSGNodeData* d :
+         {&r->Batch, &r->BatchBoneCnt, &r->BatchOffset, &r->BoneIdx_ptr, &r->BoneWeight_ptr,
+          &r->sBoneIndexbuffer, &r->sBoneWorldMatrixbuffer, &r->sSpherebuffer, &r->sAABBbuffer})
       std::free(d->data);
     std::free(r);
   }
@@ -110,7 +110,8 @@ TEST(SkeletonNodeConverter, BoneMatricesCarryTheBindPoseIntoEachFrame) {
   // Hip: moves and turns 90 degrees about z at frame 1; the knee's position keys are not
   // flagged but are interpolated all the same by this converter.
   s.b.SetAnimPosition(s.hip, {1, 2, 3, 4, 2, 3, 4, 5, 3});
-  s.b.SetAnimRotation(s.hip, {0, 0, 0, 1, 0, 0, kHalfSqrt2, kHalfSqrt2, 0, 0, kHalfSqrt2, kHalfSqrt2});
+  s.b.SetAnimRotation(s.hip,
+                      {0, 0, 0, 1, 0, 0, kHalfSqrt2, kHalfSqrt2, 0, 0, kHalfSqrt2, kHalfSqrt2});
   s.b.SetAnimPosition(s.knee, {0, 1, 0, 0, 3, 0, 0, 5, 0}, false);
   s.b.SetBoneBatches(s.mesh, 2, {{s.hip, s.knee}}, {0});
   CPODScene scene;

@@ -1,6 +1,8 @@
 // podgen: writes generated POD scenes.
 //
 //   podgen example OUT.pod     the bundled example: one node of every still kind
+//   podgen minimal OUT.pod     one textured triangle
+//   podgen animated OUT.pod    a skinned mesh on two bones, an animated mesh and camera, 6 frames
 //
 // Scenes are built in memory and saved with the POD writer, with an export-options block ahead
 // of the scene (the converter refuses files without one).
@@ -113,8 +115,62 @@ void BuildExample(PODSceneBuilder& b) {
   Place(b, b.AddNode("CameraTarget"), 0, 1, 0);
 }
 
+void BuildMinimal(PODSceneBuilder& b) {
+  const int material = b.AddMaterial("Paint", b.AddTexture("paint.png"));
+  const int mesh = b.AddMesh(3);
+  b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 1, 0, 0, 0, 1, 0});
+  b.SetFloatStream(mesh, PODStream::Normals, 3, {0, 0, 1, 0, 0, 1, 0, 0, 1});
+  b.AddFloatUVW(mesh, 2, {0, 0, 1, 0, 0, 1});
+  b.SetFaces(mesh, {0, 1, 2});
+  Place(b, b.AddMeshNode("Triangle", mesh, material), 1, 2, 3);
+}
+
+// Six frames: a quad skinned to a hip and a knee bone, a crate that moves and turns, and a
+// camera that moves back, all keyed per frame.
+void BuildAnimated(PODSceneBuilder& b) {
+  const int frames = 6;
+  b.SetNumFrames(frames);
+  const int wood = b.AddMaterial("Wood", b.AddTexture("wood.png"));
+  const int quad = AddQuad(b);
+  const uint8_t bones[16] = {0, 1, 0, 0, 0, 1, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0};
+  b.SetStream(quad, PODStream::BoneIdx, EPODDataUByte4, 1, bones, sizeof bones);
+  b.SetFloatStream(quad, PODStream::BoneWeight, 2, {.5f, .5f, .5f, .5f, 1, 0, 1, 0});
+  const int cube = AddCube(b, 1.0f);
+
+  const int skin = b.AddMeshNode("Skin", quad);
+  Place(b, skin, 0, 0, 1);
+  const int crate = b.AddMeshNode("Crate", cube, wood);
+  const int camera = b.AddCameraNode("Camera01", 0.785398f, 0.1f, 500.0f);
+  const int hip = b.AddNode("Hip");
+  const int knee = b.AddNode("Knee", hip);
+  Place(b, crate, 0, 0, 0);
+  Place(b, camera, 0, 5, 15);
+  Place(b, hip, 0, 0, 0);
+  Place(b, knee, 0, 1, 0);
+  std::vector<float> crateAt, turn, cameraAt, lift;
+  for (int f = 0; f < frames; ++f) {
+    crateAt.insert(crateAt.end(), {float(f), 0, 0});
+    turn.insert(turn.end(), {0, 0, 0.1f * f, 1});
+    cameraAt.insert(cameraAt.end(), {0, 5, 15.0f + f});
+    lift.insert(lift.end(), {0, 0.2f * f, 0});
+  }
+  b.SetAnimPosition(crate, crateAt);
+  b.SetAnimRotation(crate, turn);
+  b.SetAnimPosition(camera, cameraAt);
+  b.SetAnimPosition(hip, lift);
+  b.SetAnimRotation(knee, turn);
+  b.SetBoneBatches(quad, 2, {{hip, knee}}, {0});
+}
+
+struct Generator {
+  const char* name;
+  void (*build)(PODSceneBuilder&);
+};
+const Generator kGenerators[] = {
+    {"example", BuildExample}, {"minimal", BuildMinimal}, {"animated", BuildAnimated}};
+
 int Usage() {
-  std::fprintf(stderr, "usage: podgen example OUT.pod\n");
+  std::fprintf(stderr, "usage: podgen example|minimal|animated OUT.pod\n");
   return 2;
 }
 
@@ -124,10 +180,11 @@ int main(int argc, char** argv) {
   if (argc != 3) return Usage();
   const std::string what = argv[1];
   PODSceneBuilder builder;
-  if (what == "example")
-    BuildExample(builder);
-  else
-    return Usage();
+  const Generator* generator = nullptr;
+  for (const Generator& g : kGenerators)
+    if (what == g.name) generator = &g;
+  if (generator == nullptr) return Usage();
+  generator->build(builder);
 
   CPODScene scene;
   if (!builder.Build(scene)) {

@@ -94,6 +94,16 @@ PODVECTOR3f VectorChannel(const float* keys, size_t bytes, size_t floatsPerKey, 
   return {keys[0], keys[1], keys[2]};
 }
 
+// S * R * T of one node at the current frame, in that grouping: (S * R) * T.
+void LocalMatrix(const CPODScene& scene, PODMATRIXf& out, const SPODNode& node) {
+  PODMATRIXf tmp;
+  scene.GetScalingMatrix(out, node);
+  scene.GetRotationMatrix(tmp, node);
+  PODMatrixMultiplyF(out, out, tmp);
+  scene.GetTranslationMatrix(tmp, node);
+  PODMatrixMultiplyF(out, out, tmp);
+}
+
 // The chain of a node and its ancestors, nearest first. A cycle cannot make it endless: it is cut
 // after nNumNode parent steps (readers refuse such scenes; this guards scenes built in memory).
 class AncestorChain {
@@ -163,10 +173,55 @@ void CPODScene::FlushCache() {
   if (m_pImpl == nullptr) return;
   SetFrame(0.0f);
   const uint32_t count = NodeCount(*this);
-  for (uint32_t i = 0; i < count; ++i) GetWorldMatrixNoCache(m_pImpl->pmWorldFrameZero[i], pNode[i]);
+  PODMATRIXf* world = m_pImpl->pmWorldFrameZero;
+  // pfCachedFrame is borrowed as a "computed" mark per node and cleared at the end.
+  float* computed = m_pImpl->pfCachedFrame;
+  for (uint32_t i = 0; i < count; ++i) computed[i] = 0.0f;
+  // Each world matrix reuses its parent's instead of walking to the root again, so a long
+  // hierarchy costs linear rather than quadratic time. world(n) = local(n) * world(parent) is
+  // exactly the product GetWorldMatrixNoCache forms, so the results are bit-identical.
+  std::vector<uint32_t> path;
+  for (uint32_t i = 0; i < count; ++i) {
+    if (computed[i] != 0.0f) continue;
+    path.clear();
+    const PODMATRIXf* above = nullptr;
+    bool cyclic = false;
+    for (uint32_t n = i;;) {
+      path.push_back(n);
+      const SPODNode* parent = Parent(*this, pNode[n]);
+      if (parent == nullptr) break;
+      const uint32_t p = static_cast<uint32_t>(parent - pNode);
+      if (computed[p] != 0.0f) {
+        above = &world[p];
+        break;
+      }
+      // More distinct ancestors than nodes: the chain loops.
+      if (path.size() >= count) {
+        cyclic = true;
+        break;
+      }
+      n = p;
+    }
+    if (cyclic) {
+      // Cut chains depend on where they start: computed on their own and never reused.
+      GetWorldMatrixNoCache(world[i], pNode[i]);
+      continue;
+    }
+    for (size_t k = path.size(); k-- > 0;) {
+      const uint32_t n = path[k];
+      PODMATRIXf local;
+      LocalMatrix(*this, local, pNode[n]);
+      if (above != nullptr)
+        PODMatrixMultiplyF(world[n], local, *above);
+      else
+        world[n] = local;
+      computed[n] = 1.0f;
+      above = &world[n];
+    }
+  }
   if (count > 0) {
-    std::memcpy(m_pImpl->pmWorldCache, m_pImpl->pmWorldFrameZero, count * sizeof(PODMATRIXf));
-    for (uint32_t i = 0; i < count; ++i) m_pImpl->pfCachedFrame[i] = 0.0f;
+    std::memcpy(m_pImpl->pmWorldCache, world, count * sizeof(PODMATRIXf));
+    for (uint32_t i = 0; i < count; ++i) computed[i] = 0.0f;
   }
 }
 
@@ -223,14 +278,8 @@ void CPODScene::GetWorldMatrixNoCache(PODMATRIXf& out, const SPODNode& node) con
   const AncestorChain chain(*this, node);
   PODMATRIXf world;
   PODMATRIXf local;
-  PODMATRIXf tmp;
   for (size_t k = chain.size(); k-- > 0;) {
-    const SPODNode& n = chain[k];
-    GetScalingMatrix(local, n);
-    GetRotationMatrix(tmp, n);
-    PODMatrixMultiplyF(local, local, tmp);
-    GetTranslationMatrix(tmp, n);
-    PODMatrixMultiplyF(local, local, tmp);
+    LocalMatrix(*this, local, chain[k]);
     if (k + 1 == chain.size())
       world = local;
     else

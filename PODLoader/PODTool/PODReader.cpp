@@ -722,6 +722,12 @@ bool ReadScene(SPODScene& s, CSource& src) {
 bool Read(SPODScene* pScene, CSource& src, char* pExpOpt, unsigned long count) {
   bool bVersionOK = false;
   bool bDone = false;
+  // A loaded scene always holds floats: also when a stray scene end marker at the top level
+  // ends the file early (the marker is otherwise met only in export-options mode).
+  auto finish = [&]() {
+    if (pScene && (pScene->nFlags & 1u)) PODModelToggleFixedPoint(*pScene);
+    return bVersionOK && bDone;
+  };
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {
     switch (nName) {
@@ -749,13 +755,12 @@ bool Read(SPODScene* pScene, CSource& src, char* pExpOpt, unsigned long count) {
         }
         return src.Read(pExpOpt, static_cast<unsigned int>(count < nLen ? count : nLen));
       case PODTag::Scene | kEnd:
-        return bVersionOK && bDone;
+        return finish();
       default:
         if (!src.Skip(nLen)) return false;
     }
   }
-  if (pScene && (pScene->nFlags & 1u)) PODModelToggleFixedPoint(*pScene);
-  return bVersionOK && bDone;
+  return finish();
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -76,8 +76,8 @@ bool WriteCamera(FILE* f, const SPODCamera& c, unsigned int nNumFrame) {
 bool WriteLight(FILE* f, const SPODLight& l) {
   return WriteMarker(f, PODTag::SceneLight, false, 0) &&
          WriteData(f, PODTag::LightIdxTgt, l.nIdxTarget) &&
-         WriteData(f, PODTag::LightColour, l.pfColour) && WriteData(f, PODTag::LightType, l.eType) &&
-         WriteMarker(f, PODTag::SceneLight, true, 0);
+         WriteData(f, PODTag::LightColour, l.pfColour) &&
+         WriteData(f, PODTag::LightType, l.eType) && WriteMarker(f, PODTag::SceneLight, true, 0);
 }
 
 bool WriteMaterial(FILE* f, const SPODMaterial& m) {
@@ -97,8 +97,7 @@ bool WriteMaterial(FILE* f, const SPODMaterial& m) {
 bool WriteMesh(FILE* f, const SPODMesh& m) {
   const CPODBoneBatches& b = m.sBoneBatches;
   // The face count walks the strip lengths: they must all be there.
-  if (m.nNumStrips != 0 &&
-      (!m.pnStripLength || uint64_t(m.nNumStrips) * 4 > m.nStripLengthSize))
+  if (m.nNumStrips != 0 && (!m.pnStripLength || uint64_t(m.nNumStrips) * 4 > m.nStripLengthSize))
     return false;
   if (m.nNumUVW != 0 && (!m.psUVW || m.nNumUVW > m.nUVWCount)) return false;
   // Bone counts are signed in memory: a negative product is no length at all.
@@ -106,6 +105,11 @@ bool WriteMesh(FILE* f, const SPODMesh& m) {
   if ((b.pnBatches && batchEntries < 0) ||
       ((b.pnBatchBoneCnt || b.pnBatchOffset) && b.nBatchCnt < 0))
     return false;
+
+  // The interleaved block is sized by the vertex stride: with vertices but no stride it would
+  // be written empty, and read back the mesh would lose its layout and take each stream's
+  // 4-byte offset for that stream's data.
+  if (m.pInterleaved && m.nNumVertex != 0 && m.sVertex.nStride == 0) return false;
 
   const bool separate = m.pInterleaved == nullptr;
   const unsigned int nVtx = m.nNumVertex;
@@ -125,8 +129,8 @@ bool WriteMesh(FILE* f, const SPODMesh& m) {
        WriteData(f, PODTag::MeshBoneBatchCnt, b.nBatchCnt) &&
        WriteWordArray(f, PODTag::MeshBoneBatches, b.pnBatches, uint64_t(batchEntries), 4,
                       b.nBatchesSize) &&
-       WriteWordArray(f, PODTag::MeshBoneBatchBoneCnts, b.pnBatchBoneCnt, uint64_t(b.nBatchCnt),
-                      4, b.nBatchBoneCntSize) &&
+       WriteWordArray(f, PODTag::MeshBoneBatchBoneCnts, b.pnBatchBoneCnt, uint64_t(b.nBatchCnt), 4,
+                      b.nBatchBoneCntSize) &&
        WriteWordArray(f, PODTag::MeshBoneBatchOffsets, b.pnBatchOffset, uint64_t(b.nBatchCnt), 4,
                       b.nBatchOffsetSize) &&
        WriteCPODData(f, PODTag::MeshFaces, m.sFaces, PODModelCountIndices(m), true) &&
@@ -167,8 +171,7 @@ bool WriteNode(FILE* f, const SPODNode& n, unsigned int nNumFrame) {
 
 bool WriteTexture(FILE* f, const SPODTexture& t) {
   return WriteMarker(f, PODTag::SceneTexture, false, 0) &&
-         WriteName(f, PODTag::TexName, t.pszName) &&
-         WriteMarker(f, PODTag::SceneTexture, true, 0);
+         WriteName(f, PODTag::TexName, t.pszName) && WriteMarker(f, PODTag::SceneTexture, true, 0);
 }
 
 // Records of one kind in array order; a count without its array cannot be written.
@@ -240,13 +243,11 @@ bool WriteCPODData(FILE* pFile, unsigned int nName, const CPODData& data, unsign
     // (a file with the interleaved block after the streams) has no offset to write.
     return false;
   }
-  bool ok = WriteMarker(pFile, nName, false, 0) &&
-            WriteData(pFile, PODTag::DataType, data.eType) &&
+  bool ok = WriteMarker(pFile, nName, false, 0) && WriteData(pFile, PODTag::DataType, data.eType) &&
             WriteData(pFile, PODTag::DataN, data.n) &&
             WriteData(pFile, PODTag::DataStride, data.nStride);
   if (ok && bValidData) ok = WriteData(pFile, PODTag::DataData, data.pData, nLen);
-  if (ok && !bValidData)
-    ok = WriteData(pFile, PODTag::DataData, static_cast<unsigned int>(offset));
+  if (ok && !bValidData) ok = WriteData(pFile, PODTag::DataData, static_cast<unsigned int>(offset));
   return ok && WriteMarker(pFile, nName, true, 0);
 }
 
@@ -275,7 +276,8 @@ bool WritePOD(FILE* pFile, const char* pszExpOpt, const SPODScene& s) {
                       [&](const SPODLight& l) { return WriteLight(pFile, l); }) &&
          WriteRecords(s.pMaterial, s.nNumMaterial,
                       [&](const SPODMaterial& m) { return WriteMaterial(pFile, m); }) &&
-         WriteRecords(s.pMesh, s.nNumMesh, [&](const SPODMesh& m) { return WriteMesh(pFile, m); }) &&
+         WriteRecords(s.pMesh, s.nNumMesh,
+                      [&](const SPODMesh& m) { return WriteMesh(pFile, m); }) &&
          WriteRecords(s.pNode, s.nNumNode,
                       [&](const SPODNode& n) { return WriteNode(pFile, n, frames); }) &&
          WriteRecords(s.pTexture, s.nNumTexture,

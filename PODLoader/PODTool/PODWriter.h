@@ -30,7 +30,8 @@ bool WriteData(FILE* pFile, unsigned int nName, EPODDataType e);
 bool WriteData(FILE* pFile, unsigned int nName, EPODLight e);
 
 // A stream container: 9000 to 9002, then 9003 with nStride * nCount bytes of data when
-// bValidData, or the 4-byte interleaved offset when not. False, before anything is written,
-// when the data is asked for beyond what the stream holds (nDataSize) or is no array at all.
+// bValidData, or the 4-byte interleaved offset when not. False, before anything is written, when
+// the data is asked for beyond what the stream holds (nDataSize), or when an interleaved stream
+// holds an array of its own instead of an offset.
 bool WriteCPODData(FILE* pFile, unsigned int nName, const CPODData& data, unsigned int nCount,
                    bool bValidData);

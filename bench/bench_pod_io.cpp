@@ -1,0 +1,86 @@
+// Speed of saving and loading POD files: a scene of many meshes and animated nodes, the size of a
+// large level, written with SavePOD and read with ReadFromFile (both modes, as the driver does).
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "PODModel.h"
+#include "PODSceneBuilder.h"
+
+using korvex::PODSceneBuilder;
+using korvex::PODStream;
+
+namespace {
+
+// `meshes` meshes of 2000 vertices (position, normal, one UV set) and one animated node each,
+// 100 frames.
+void Build(CPODScene& scene, int meshes) {
+  PODSceneBuilder b;
+  b.SetNumFrames(100);
+  const uint32_t vertices = 2000;
+  std::vector<float> xyz(vertices * 3, 0.5f), uv(vertices * 2, 0.25f);
+  std::vector<uint16_t> faces(3 * (vertices - 2));
+  for (size_t i = 0; i < faces.size(); ++i) faces[i] = uint16_t(i % vertices);
+  for (int m = 0; m < meshes; ++m) {
+    int mesh = b.AddMesh(vertices);
+    b.SetFloatStream(mesh, PODStream::Vertex, 3, xyz);
+    b.SetFloatStream(mesh, PODStream::Normals, 3, xyz);
+    b.AddFloatUVW(mesh, 2, uv);
+    b.SetFaces(mesh, faces);
+  }
+  for (int m = 0; m < meshes; ++m) {
+    int node = b.AddMeshNode(("mesh" + std::to_string(m)).c_str(), m);
+    b.SetAnimPosition(node, std::vector<float>(300, 1.0f));
+    b.SetAnimRotation(node, std::vector<float>(400, 0.5f));
+  }
+  b.Build(scene);
+}
+
+std::string TempPath() { return std::string(P_tmpdir) + "/korvex_bench_pod_io.pod"; }
+
+void BM_SavePOD(benchmark::State& state) {
+  CPODScene scene;
+  Build(scene, int(state.range(0)));
+  const std::string path = TempPath();
+  for (auto _ : state) {
+    if (!scene.SavePOD(path.c_str(), "-options")) state.SkipWithError("SavePOD failed");
+  }
+  FILE* f = fopen(path.c_str(), "rb");
+  fseek(f, 0, SEEK_END);
+  const long bytes = ftell(f);
+  fclose(f);
+  state.SetBytesProcessed(int64_t(state.iterations()) * bytes);
+  std::remove(path.c_str());
+}
+BENCHMARK(BM_SavePOD)->Arg(10)->Arg(200)->Unit(benchmark::kMillisecond);
+
+void BM_ReadFromFile(benchmark::State& state) {
+  const std::string path = TempPath();
+  long bytes = 0;
+  {
+    CPODScene scene;
+    Build(scene, int(state.range(0)));
+    scene.SavePOD(path.c_str(), "-options");
+    FILE* f = fopen(path.c_str(), "rb");
+    fseek(f, 0, SEEK_END);
+    bytes = ftell(f);
+    fclose(f);
+  }
+  char options[2048];
+  for (auto _ : state) {
+    CPODScene scene;
+    if (!scene.ReadFromFile(path.c_str(), options, sizeof options)) state.SkipWithError("options");
+    scene.Destroy();
+    if (!scene.ReadFromFile(path.c_str())) state.SkipWithError("ReadFromFile failed");
+  }
+  state.SetBytesProcessed(int64_t(state.iterations()) * bytes);
+  std::remove(path.c_str());
+}
+BENCHMARK(BM_ReadFromFile)->Arg(10)->Arg(200)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

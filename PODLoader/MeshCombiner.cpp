@@ -17,14 +17,19 @@ const uint64_t kTriangleBytes = 6;
 
 // Bytes of the stream that can be read as its own array: none when pData is an offset into an
 // interleaved block (nDataSize 0) or absent.
-uint64_t Readable(const CPODData& d) { return d.pData != nullptr ? d.nDataSize : 0; }
+uint64_t Readable(const CPODData& d) {
+  return d.pData != nullptr ? d.nDataSize : 0;
+}
 
-uint64_t Min(uint64_t a, uint64_t b) { return a < b ? a : b; }
+uint64_t Min(uint64_t a, uint64_t b) {
+  return a < b ? a : b;
+}
 
 // A new zero-filled array holding `aBytes` bytes of A's stream followed by `bBytes` of B's; of
 // each only what the stream holds is copied, the rest stays zero. Null for an empty result, or
 // when the allocation fails (`ok` is then cleared).
-uint8_t* Concatenate(const CPODData* a, uint64_t aBytes, const CPODData* b, uint64_t bBytes, bool& ok) {
+uint8_t* Concatenate(const CPODData* a, uint64_t aBytes, const CPODData* b, uint64_t bBytes,
+                     bool& ok) {
   const uint64_t total = aBytes + bBytes;
   if (total == 0) return nullptr;
   uint8_t* out = static_cast<uint8_t*>(std::calloc(1, static_cast<size_t>(total)));
@@ -62,7 +67,8 @@ void MeshCombiner::classifyMeshwithSameMaterialTexture(CPODScene* input) {
     SPODNode* node = &input->pNode[i];
     // Any node with an object index places a mesh, lights and cameras included; one whose index
     // lies past the meshes has nothing to group and is kept apart.
-    if (node->nIdx < 0 || input->pMesh == nullptr || static_cast<uint32_t>(node->nIdx) >= input->nNumMesh) {
+    if (node->nIdx < 0 || input->pMesh == nullptr ||
+        static_cast<uint32_t>(node->nIdx) >= input->nNumMesh) {
       m_nodesKeptApart.push_back(node);
       continue;
     }
@@ -125,7 +131,8 @@ SPODMesh* MeshCombiner::combineMesh(SPODMesh* a, SPODMesh* b) {
     } else {
       std::memcpy(r->psUVW, a->psUVW, a->nUVWCount * sizeof(CPODData));
       r->nUVWCount = a->nUVWCount;
-      r->psUVW[0].pData = Concatenate(aSet, a->nNumVertex * kUVBytes, FirstUVSet(*b), b->nNumVertex * kUVBytes, ok);
+      r->psUVW[0].pData =
+          Concatenate(aSet, a->nNumVertex * kUVBytes, FirstUVSet(*b), b->nNumVertex * kUVBytes, ok);
       r->psUVW[0].nDataSize = static_cast<size_t>(vertices * kUVBytes);
     }
   }

@@ -24,7 +24,9 @@ const size_t kMatrixBytes = 64;
 const size_t kMaxUVWSets = 8;
 
 // "%x" of a pointer prints its 32-bit slot: the low 32 bits of the native pointer.
-unsigned PointerSlot(const void* p) { return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)); }
+unsigned PointerSlot(const void* p) {
+  return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));
+}
 
 // Copies a fixed name field into a scratch buffer that always ends with a terminator, so "%s"
 // stops inside it even when the field is full. Only the field's own bytes are copied.
@@ -43,10 +45,16 @@ uint64_t ElementsFrom(const SSGNodeData& b, uint64_t start, uint64_t size) {
   return (b.length - start) / size;
 }
 
-uint64_t Min(uint64_t a, uint64_t b) { return a < b ? a : b; }
+uint64_t Min(uint64_t a, uint64_t b) {
+  return a < b ? a : b;
+}
 
-int32_t I32At(const uint8_t* p) { return static_cast<int32_t>(korvex::LoadU32LE(p)); }
-unsigned U16At(const uint8_t* p) { return unsigned(p[0]) | unsigned(p[1]) << 8; }
+int32_t I32At(const uint8_t* p) {
+  return static_cast<int32_t>(korvex::LoadU32LE(p));
+}
+unsigned U16At(const uint8_t* p) {
+  return unsigned(p[0]) | unsigned(p[1]) << 8;
+}
 
 void PrintMatrix(const uint8_t* m) {
   for (int row = 0; row < 4; ++row) {
@@ -149,7 +157,8 @@ void QelSceneGraphModel::printFileHeaderInfo(SSGFileHeader* fileHeader) {
   char name[257];
   printf("FileHeader Type: %d\n", static_cast<int>(fileHeader->type));
   printf("FileHeader version: %d\n", static_cast<int>(fileHeader->version));
-  printf("Node name: %s\n", NameText(name, fileHeader->PODFilename, sizeof fileHeader->PODFilename));
+  printf("Node name: %s\n",
+         NameText(name, fileHeader->PODFilename, sizeof fileHeader->PODFilename));
 }
 
 void QelSceneGraphModel::printNodeHeaderInfo(SSGNodeHeader* nodeHeader) {
@@ -172,7 +181,8 @@ void QelSceneGraphModel::printNodeInfo(SSGQelNodeData* data) {
   printf("Object Index: %d\n", static_cast<int>(data->objectIndex));
   const float* m = data->transform.f;
   for (int row = 0; row < 4; ++row)
-    printf("Transform: %f, %f, %f, %f\n", m[4 * row], m[4 * row + 1], m[4 * row + 2], m[4 * row + 3]);
+    printf("Transform: %f, %f, %f, %f\n", m[4 * row], m[4 * row + 1], m[4 * row + 2],
+           m[4 * row + 3]);
   printf("Number of animation: %u\n", data->numAnimation);
   printf("Animation Flag: %u\n", data->animationFlag);
 }
@@ -182,8 +192,8 @@ void QelSceneGraphModel::printMeshNodeInfo(SSGQelMeshNodeData* data) {
   printf("Number of vertex: %u\n", data->numVertex);
   printf("Number of face: %u\n", data->numFace);
   printf("Number of UVW: %u\n", data->numUVW);
-  printf("Bounding Sphere: center:%f, %f, %f with radius %f\n", data->sphereCenter[0], data->sphereCenter[1],
-         data->sphereCenter[2], data->sphereRadius);
+  printf("Bounding Sphere: center:%f, %f, %f with radius %f\n", data->sphereCenter[0],
+         data->sphereCenter[1], data->sphereCenter[2], data->sphereRadius);
   printf("Bounding Box: center:%f, %f, %f with max %f %f %f and min %f %f %f\n", data->boxCenter[0],
          data->boxCenter[1], data->boxCenter[2], data->boxMax[0], data->boxMax[1], data->boxMax[2],
          data->boxMin[0], data->boxMin[1], data->boxMin[2]);
@@ -216,7 +226,8 @@ void QelSceneGraphModel::printMeshNodeInfo(SSGQelMeshNodeData* data) {
   // (face.pData zero) prints no indices, a loaded collision/billboard/sky box record does.
   if (data->face.pData != nullptr) {
     const uint64_t n = Min(uint64_t(3) * data->numFace, ElementsFrom(data->faceBuffer, 0, 2));
-    for (uint64_t i = 0; i < n; ++i) printf("Face data: %d\n", static_cast<int>(U16At(data->faceBuffer.data + 2 * i)));
+    for (uint64_t i = 0; i < n; ++i)
+      printf("Face data: %d\n", static_cast<int>(U16At(data->faceBuffer.data + 2 * i)));
   }
 
   const uint64_t sets = Min(data->numUVW, kMaxUVWSets);
@@ -242,7 +253,8 @@ void QelSceneGraphModel::printMeshNodeInfo(SSGQelMeshNodeData* data) {
     const int32_t index = data->materialIndex[m];
     printf("Material Number: %d\n", m);
     printf("Material Index %d\n", static_cast<int>(index));
-    if (index >= 0 && static_cast<size_t>(index) < material.size()) printMaterialNodeInfo(material[index]);
+    if (index >= 0 && static_cast<size_t>(index) < material.size())
+      printMaterialNodeInfo(material[index]);
   }
   printf("Default material index %d\n", static_cast<int>(data->defaultMaterialIndex));
 }
@@ -265,7 +277,9 @@ void QelSceneGraphModel::printCameraNodeInfo(SSGQelCameraNodeData* data) {
   printf("Near Plane: %f\n", data->nearPlane);
 }
 
-void QelSceneGraphModel::printLightNodeInfo(SSGQelLightNodeData* data) { printNodeInfo(data); }
+void QelSceneGraphModel::printLightNodeInfo(SSGQelLightNodeData* data) {
+  printNodeInfo(data);
+}
 
 void QelSceneGraphModel::printMarkerNodeInfo(SSGQelMarkerNodeData* data) {
   puts("***Marker***");
@@ -337,7 +351,8 @@ void QelSceneGraphModel::printAnimationCameraNodeInfo(SSGQelAnimationCameraNodeD
 void QelSceneGraphModel::printCheckModelInfo() {
   for (SSGNodeHeader* h : nodeheader) {
     if (h->type != ESGMeshNode) continue;
-    if (h->index >= 0 && static_cast<size_t>(h->index) < meshnode.size()) checkMeshNode(h, meshnode[h->index]);
+    if (h->index >= 0 && static_cast<size_t>(h->index) < meshnode.size())
+      checkMeshNode(h, meshnode[h->index]);
   }
 }
 
@@ -346,7 +361,8 @@ void QelSceneGraphModel::checkMeshNode(SSGNodeHeader* nodeHeader, SSGQelMeshNode
   // members, not to the name.
   char name[257];
   if (data->numUVW >= 3) {
-    printf("Error1: Number of UVW > 2, \"%s\"\n", NameText(name, nodeHeader->name, sizeof nodeHeader->name));
+    printf("Error1: Number of UVW > 2, \"%s\"\n",
+           NameText(name, nodeHeader->name, sizeof nodeHeader->name));
     return;
   }
   if (data->numUVW != 2) return;

@@ -49,10 +49,24 @@ class JsonWriter {
  public:
   explicit JsonWriter(std::string& out) : m_out(out) {}
 
-  void beginObject() { value(); m_out += '{'; m_first = true; }
-  void endObject() { m_out += '}'; m_first = false; }
-  void beginArray() { value(); m_out += '['; m_first = true; }
-  void endArray() { m_out += ']'; m_first = false; }
+  void beginObject() {
+    value();
+    m_out += '{';
+    m_first = true;
+  }
+  void endObject() {
+    m_out += '}';
+    m_first = false;
+  }
+  void beginArray() {
+    value();
+    m_out += '[';
+    m_first = true;
+  }
+  void endArray() {
+    m_out += ']';
+    m_first = false;
+  }
 
   // The key of the next member; the member's value follows.
   void key(const char* name) {
@@ -62,16 +76,31 @@ class JsonWriter {
     m_afterKey = true;
   }
 
-  void number(int64_t v) { value(); m_out += std::to_string(v); }
-  void real(float v) { value(); AppendJsonFloat(m_out, v); }
+  void number(int64_t v) {
+    value();
+    m_out += std::to_string(v);
+  }
+  void real(float v) {
+    value();
+    AppendJsonFloat(m_out, v);
+  }
   void text(const char* field, size_t fieldSize) {
     value();
     AppendJsonString(m_out, field, strnlen(field, fieldSize));
   }
-  void null() { value(); m_out += "null"; }
+  void null() {
+    value();
+    m_out += "null";
+  }
 
-  void member(const char* name, int64_t v) { key(name); number(v); }
-  void memberReal(const char* name, float v) { key(name); real(v); }
+  void member(const char* name, int64_t v) {
+    key(name);
+    number(v);
+  }
+  void memberReal(const char* name, float v) {
+    key(name);
+    real(v);
+  }
   void memberVector(const char* name, const float* v) {
     key(name);
     beginArray();
@@ -110,7 +139,8 @@ void WriteSphere(JsonWriter& w, const char* name, const float* center, float rad
   w.endObject();
 }
 
-void WriteBox(JsonWriter& w, const char* name, const float* center, const float* min, const float* max) {
+void WriteBox(JsonWriter& w, const char* name, const float* center, const float* min,
+              const float* max) {
   w.key(name);
   w.beginObject();
   w.memberVector("center", center);
@@ -144,7 +174,8 @@ void WriteCameraPart(JsonWriter& w, const SSGQelCameraNodeData& c) {
   w.memberReal("far", c.farPlane);
 }
 
-void WriteRecord(JsonWriter& w, const QelSceneGraphModel& model, uint32_t kind, const void* record) {
+void WriteRecord(JsonWriter& w, const QelSceneGraphModel& model, uint32_t kind,
+                 const void* record) {
   SGDispatchKind(kind, [&](auto layout) {
     using L = decltype(layout);
     using Record = typename L::Record;
@@ -188,7 +219,8 @@ const void* FindRecord(const QelSceneGraphModel& model, uint32_t kind, int32_t i
   SGDispatchKind(kind, [&](auto layout) {
     using L = decltype(layout);
     const auto& records = model.sequence<L::kKind>();
-    if (index >= 0 && static_cast<size_t>(index) < records.size()) found = records[static_cast<size_t>(index)];
+    if (index >= 0 && static_cast<size_t>(index) < records.size())
+      found = records[static_cast<size_t>(index)];
   });
   return found;
 }

@@ -65,7 +65,8 @@ inline void BuildStillScene(PODSceneBuilder& b) {
   const int mat = b.AddMaterial("stone", b.AddTexture("stone.png"));
   SPODMaterial& m = b.Material(mat);
   m.fMatOpacity = 0.5f;
-  const float ambient[3] = {0.25f, 0.5f, 0.75f}, diffuse[3] = {1, 0.5f, 0}, specular[3] = {0.125f, 0.25f, 0.375f};
+  const float ambient[3] = {0.25f, 0.5f, 0.75f}, diffuse[3] = {1, 0.5f, 0},
+              specular[3] = {0.125f, 0.25f, 0.375f};
   for (int i = 0; i < 3; ++i) {
     m.pfMatAmbient[i] = ambient[i];
     m.pfMatDiffuse[i] = diffuse[i];
@@ -114,7 +115,8 @@ inline void BuildEveryKindScene(PODSceneBuilder& b) {
 }
 
 // Writes DIR/NAME.pod and converts it with Korvex into DIR/NAME.qsn (and DIR/NAME.PODx).
-inline std::string Convert(PODSceneBuilder& b, const korvex_test::TempDir& dir, const std::string& name) {
+inline std::string Convert(PODSceneBuilder& b, const korvex_test::TempDir& dir,
+                           const std::string& name) {
   CPODScene scene;
   EXPECT_TRUE(b.Build(scene));
   const std::string pod = dir.file(name + ".pod");

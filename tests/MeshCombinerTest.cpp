@@ -72,7 +72,8 @@ TEST(MeshCombiner, GroupsMeshesByMaterialAndKeepsApartWhatCannotBeGrouped) {
   combiner.classifyMeshwithSameMaterialTexture(&scene);
 
   ASSERT_EQ(combiner.materialGroups().size(), 3u);
-  EXPECT_EQ(combiner.materialGroups()[0], (std::vector<SPODMesh*>{&scene.pMesh[0], &scene.pMesh[1]}));
+  EXPECT_EQ(combiner.materialGroups()[0],
+            (std::vector<SPODMesh*>{&scene.pMesh[0], &scene.pMesh[1]}));
   EXPECT_EQ(combiner.materialGroups()[1], (std::vector<SPODMesh*>{&scene.pMesh[3]}));
   EXPECT_TRUE(combiner.materialGroups()[2].empty());
   EXPECT_STREQ(combiner.firstNodes()[0].pszName, "first0");
@@ -82,8 +83,8 @@ TEST(MeshCombiner, GroupsMeshesByMaterialAndKeepsApartWhatCannotBeGrouped) {
   std::vector<std::string> apart;
   for (const SPODNode* n : combiner.nodesKeptApart()) apart.push_back(n->pszName);
   EXPECT_EQ(apart, (std::vector<std::string>{"multi", "nomat", "badmat", "far", "lamp", "bone"}));
-  EXPECT_EQ(combiner.meshesKeptApart(),
-            (std::vector<SPODMesh*>{&scene.pMesh[2], &scene.pMesh[3], &scene.pMesh[0], &scene.pMesh[0]}));
+  EXPECT_EQ(combiner.meshesKeptApart(), (std::vector<SPODMesh*>{&scene.pMesh[2], &scene.pMesh[3],
+                                                                &scene.pMesh[0], &scene.pMesh[0]}));
 }
 
 TEST(MeshCombiner, CombinesCountsAndArraysWithoutShiftingIndices) {
@@ -101,7 +102,8 @@ TEST(MeshCombiner, CombinesCountsAndArraysWithoutShiftingIndices) {
   EXPECT_EQ(ab->nNumUVW, 2u);  // summed as it stands
   EXPECT_EQ(Array<uint16_t>(ab->sFaces.pData, 6), Join({kF0, kF1}));
   EXPECT_EQ(Array<float>(ab->sVertex.pData, 15), Join({kP0, kP1}));
-  EXPECT_EQ(Array<float>(ab->sNormals.pData, 15), Join({kN0, std::vector<float>(6, 0.0f)}));  // B has none
+  EXPECT_EQ(Array<float>(ab->sNormals.pData, 15),
+            Join({kN0, std::vector<float>(6, 0.0f)}));  // B has none
   EXPECT_EQ(Array<float>(ab->psUVW[0].pData, 10), Join({kU0, kU1}));
   EXPECT_EQ(ab->sVertex.nDataSize, 60u);
   // A is left as it was; the other streams are still A's.

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <regex>
 #include <string>
 #include <utility>
@@ -34,194 +35,142 @@ RunResult Qsndump(const std::vector<std::string>& args) {
   return r;
 }
 
-// ---- A strict JSON reader: the grammar of RFC 8259, strings as valid UTF-8. ----------------------
+// ---- A strict JSON reader: the grammar of RFC 8259, strings as valid UTF-8.
 
 struct Json {
   enum Kind { Null, Bool, Number, String, Array, Object } kind = Null;
   double number = 0;
   std::string text;
   std::vector<Json> items;
-  std::vector<std::pair<std::string, Json>> members;
-
-  const Json& operator[](const std::string& key) const {
-    for (const auto& m : members)
-      if (m.first == key) return m.second;
-    ADD_FAILURE() << "no member " << key;
-    static const Json none;
-    return none;
-  }
-  const Json& operator[](size_t i) const {
-    if (i < items.size()) return items[i];
-    ADD_FAILURE() << "no item " << i;
-    static const Json none;
-    return none;
-  }
+  std::map<std::string, Json> members;
+  // A missing member or item throws, which fails the test.
+  const Json& operator[](const std::string& key) const { return members.at(key); }
+  const Json& operator[](size_t i) const { return items.at(i); }
 };
 
-class JsonParser {
- public:
-  explicit JsonParser(const std::string& s) : m_s(s) {}
-  bool parse(Json& out) {
-    space();
-    if (!value(out, 0)) return false;
-    space();
-    return m_p == m_s.size();
-  }
+struct JsonReader {
+  const std::string& s;
+  size_t p = 0;
 
- private:
+  bool document(Json& v) { return value(v, 0) && (space(), p == s.size()); }
+  void space() {
+    while (p < s.size() && (s[p] == ' ' || s[p] == '\t' || s[p] == '\r' || s[p] == '\n')) ++p;
+  }
+  bool eat(char c) { return space(), p < s.size() && s[p] == c ? (++p, true) : false; }
   bool value(Json& v, int depth) {
-    if (depth > 64 || m_p >= m_s.size()) return false;
-    if (m_s[m_p] == '{') return object(v, depth);
-    if (m_s[m_p] == '[') return array(v, depth);
-    if (m_s[m_p] == '"') return v.kind = Json::String, string(v.text);
-    for (const char* word : {"null", "true", "false"})
-      if (m_s.compare(m_p, std::strlen(word), word) == 0) {
-        m_p += std::strlen(word);
-        v.kind = word[0] == 'n' ? Json::Null : Json::Bool;
-        return true;
-      }
-    static const std::regex grammar("-?(0|[1-9][0-9]*)(\\.[0-9]+)?([eE][+-]?[0-9]+)?");
-    size_t end = m_p;
-    while (end < m_s.size() && std::strchr("+-.0123456789eE", m_s[end]) != nullptr && m_s[end] != '\0') ++end;
-    const std::string text = m_s.substr(m_p, end - m_p);
-    if (text.empty() || !std::regex_match(text, grammar)) return false;
+    if (space(), depth > 64 || p >= s.size()) return false;
+    if (eat('{')) {
+      v.kind = Json::Object;
+      if (eat('}')) return true;
+      do {
+        std::string key;
+        Json member;
+        if (!(space(),
+              p < s.size() && s[p] == '"' && string(key) && eat(':') && value(member, depth + 1)))
+          return false;
+        v.members[key] = member;
+      } while (eat(','));
+      return eat('}');
+    }
+    if (eat('[')) {
+      v.kind = Json::Array;
+      if (eat(']')) return true;
+      bool ok;
+      do v.items.emplace_back();
+      while ((ok = value(v.items.back(), depth + 1)) && eat(','));
+      return ok && eat(']');
+    }
+    if (s[p] == '"') return v.kind = Json::String, string(v.text);
+    for (const std::string word : {"null", "true", "false"})
+      if (s.compare(p, word.size(), word) == 0)
+        return p += word.size(), v.kind = word == "null" ? Json::Null : Json::Bool, true;
+    static const std::regex number("-?(0|[1-9][0-9]*)(\\.[0-9]+)?([eE][+-]?[0-9]+)?");
+    std::smatch m;
+    if (!std::regex_search(s.begin() + p, s.end(), m, number,
+                           std::regex_constants::match_continuous))
+      return false;
     v.kind = Json::Number;
-    v.number = std::strtod(text.c_str(), nullptr);
-    m_p = end;
+    v.number = std::stod(m.str());
+    p += m.length();
     return true;
   }
-  bool object(Json& v, int depth) {
-    v.kind = Json::Object;
-    ++m_p;
-    space();
-    if (eat('}')) return true;
-    do {
-      space();
-      std::string key;
-      Json member;
-      if (m_p >= m_s.size() || m_s[m_p] != '"' || !string(key)) return false;
-      space();
-      if (!eat(':')) return false;
-      space();
-      if (!value(member, depth + 1)) return false;
-      v.members.emplace_back(key, member);
-      space();
-    } while (eat(','));
-    return eat('}');
-  }
-  bool array(Json& v, int depth) {
-    v.kind = Json::Array;
-    ++m_p;
-    space();
-    if (eat(']')) return true;
-    do {
-      space();
-      v.items.emplace_back();
-      if (!value(v.items.back(), depth + 1)) return false;
-      space();
-    } while (eat(','));
-    return eat(']');
-  }
   bool string(std::string& out) {
-    ++m_p;
-    while (m_p < m_s.size()) {
-      const unsigned char c = m_s[m_p];
-      if (c == '"') return ++m_p, true;
+    for (++p; p < s.size();) {
+      const unsigned char c = s[p];
+      if (c == '"') return ++p, true;
       if (c < 0x20) return false;
-      if (c == '\\') {
-        if (!escape(out)) return false;
-      } else {
-        const size_t n = Utf8Length(m_p);
+      if (c != '\\') {
+        const size_t n = utf8Length();
         if (n == 0) return false;
-        out.append(m_s, m_p, n);
-        m_p += n;
+        out.append(s, p, n), p += n;
+        continue;
       }
+      const char* const escapes = "\"\\/bfnrtu";
+      const char* e = ++p < s.size() && s[p] != '\0' ? std::strchr(escapes, s[p++]) : nullptr;
+      if (e == nullptr) return false;
+      if (*e != 'u') {
+        out += "\"\\/\b\f\n\r\t"[e - escapes];
+        continue;
+      }
+      long code = hex4();
+      if (code >= 0xD800 && code < 0xDC00 && s.compare(p, 2, "\\u") == 0) {  // surrogate pair
+        p += 2;
+        const long low = hex4();
+        if (low < 0xDC00 || low > 0xDFFF) return false;
+        code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+      } else if (code < 0 || (code >= 0xD800 && code <= 0xDFFF)) {
+        return false;
+      }
+      const int n = code < 0x80 ? 1 : code < 0x800 ? 2 : code < 0x10000 ? 3 : 4;
+      out += char(n == 1 ? code : (0xF00 >> n) | code >> (6 * (n - 1)));
+      for (int i = n - 2; i >= 0; --i) out += char(0x80 | (code >> (6 * i) & 0x3F));
     }
     return false;
   }
-  bool escape(std::string& out) {
-    if (++m_p >= m_s.size()) return false;
-    const char e = m_s[m_p++];
-    const char* simple = std::strchr("\"\\/bfnrt", e);
-    if (simple != nullptr && e != '\0') return out += "\"\\/\b\f\n\r\t"[simple - "\"\\/bfnrt"], true;
-    if (e != 'u') return false;
-    long code = hex4();
-    if (code >= 0xD800 && code <= 0xDBFF) {  // a high surrogate needs its low half
-      if (m_s.compare(m_p, 2, "\\u") != 0) return false;
-      m_p += 2;
-      const long low = hex4();
-      if (low < 0xDC00 || low > 0xDFFF) return false;
-      code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
-    } else if (code < 0 || (code >= 0xDC00 && code <= 0xDFFF)) {
-      return false;
-    }
-    Encode(out, code);
-    return true;
-  }
   long hex4() {
-    if (m_p + 4 > m_s.size()) return -1;
-    const std::string digits = m_s.substr(m_p, 4);
-    if (digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return -1;
-    m_p += 4;
-    return std::strtol(digits.c_str(), nullptr, 16);
+    const std::string digits = s.substr(p, 4);
+    if (digits.size() != 4 ||
+        digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+      return -1;
+    return p += 4, std::stol(digits, nullptr, 16);
   }
-  // Bytes of the well-formed UTF-8 character at `at`, 0 when there is none.
-  size_t Utf8Length(size_t at) const {
-    const unsigned char c = m_s[at];
-    const size_t n = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
-    if (n == 0 || at + n > m_s.size()) return 0;
+  // Bytes of the well-formed UTF-8 character at p, 0 when there is none.
+  size_t utf8Length() const {
+    const unsigned char c = s[p];
+    const size_t n = c < 0x80             ? 1
+                     : (c & 0xE0) == 0xC0 ? 2
+                     : (c & 0xF0) == 0xE0 ? 3
+                     : (c & 0xF8) == 0xF0 ? 4
+                                          : 0;
+    if (n == 0 || p + n > s.size()) return 0;
     long code = n == 1 ? c : c & (0xFF >> (n + 1));
     for (size_t i = 1; i < n; ++i) {
-      const unsigned char k = m_s[at + i];
-      if ((k & 0xC0) != 0x80) return 0;
-      code = code << 6 | (k & 0x3F);
+      if ((s[p + i] & 0xC0) != 0x80) return 0;
+      code = code << 6 | (s[p + i] & 0x3F);
     }
     const long least[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (code < least[n] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return 0;
-    return n;
+    return code < least[n] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF) ? 0 : n;
   }
-  static void Encode(std::string& out, long code) {
-    if (code < 0x80) {
-      out += char(code);
-    } else if (code < 0x800) {
-      out += char(0xC0 | code >> 6);
-      out += char(0x80 | (code & 0x3F));
-    } else if (code < 0x10000) {
-      out += char(0xE0 | code >> 12);
-      out += char(0x80 | (code >> 6 & 0x3F));
-      out += char(0x80 | (code & 0x3F));
-    } else {
-      out += char(0xF0 | code >> 18);
-      out += char(0x80 | (code >> 12 & 0x3F));
-      out += char(0x80 | (code >> 6 & 0x3F));
-      out += char(0x80 | (code & 0x3F));
-    }
-  }
-  void space() {
-    while (m_p < m_s.size() && std::strchr(" \t\r\n", m_s[m_p]) != nullptr && m_s[m_p] != '\0') ++m_p;
-  }
-  bool eat(char c) { return m_p < m_s.size() && m_s[m_p] == c ? (++m_p, true) : false; }
-
-  const std::string& m_s;
-  size_t m_p = 0;
 };
 
 Json ParseJson(const std::string& text) {
   Json doc;
-  EXPECT_TRUE(JsonParser(text).parse(doc)) << text;
+  EXPECT_TRUE(JsonReader{text}.document(doc)) << text;
   return doc;
 }
 
-TEST(JsonParserSelfCheck, RefusesWhatIsNotJson) {
+TEST(JsonReaderSelfCheck, RefusesWhatIsNotJsonAndDecodesEscapes) {
   Json v;
-  for (const char* bad : {"{\"a\":1,}", "[1 2]", "\"a\x01\"", "\"\xff\"", "\"\xc0\xaf\"", "\"\\ud800\"", "01", "nul"})
-    EXPECT_FALSE(JsonParser(bad).parse(v)) << bad;
-  ASSERT_TRUE(JsonParser("{\"k\":[\"\\u00e9\\ud83d\\ude00\",-1.5e2,null]}").parse(v));
+  for (const std::string bad : {"{\"a\":1,}", "[1,]", "[1 2]", "\"a\x01\"", "\"\xff\"",
+                                "\"\xc0\xaf\"", "\"\\ud800\"", "01", "nul"})
+    EXPECT_FALSE(JsonReader{bad}.document(v)) << bad;
+  ASSERT_TRUE(
+      JsonReader{std::string("{\"k\":[\"\\u00e9\\ud83d\\ude00\",-1.5e2,null]}")}.document(v));
   EXPECT_EQ(v["k"][0].text, "\xc3\xa9\xf0\x9f\x98\x80");
   EXPECT_EQ(v["k"][1].number, -150);
 }
 
-// ---- The tool on converted files ---------------------------------------------------------------
+// ---- The tool on converted files
 
 // Pointer values differ between processes: they are masked before outputs are compared.
 std::string MaskPointers(const std::string& dump) {
@@ -248,7 +197,9 @@ TEST(Qsndump, DumpsAConvertedSceneAsTheModelPrintsIt) {
   const RunResult r = Qsndump({qsn});
   EXPECT_EQ(r.exitStatus, 0);
   EXPECT_EQ(r.err, "");
-  EXPECT_EQ(r.out.rfind("FileHeader Type: 1000\nFileHeader version: 1\nNode name: still.PODx\nNodeHeader Type: 2001\n", 0),
+  EXPECT_EQ(r.out.rfind("FileHeader Type: 1000\nFileHeader version: 1\nNode name: "
+                        "still.PODx\nNodeHeader Type: 2001\n",
+                        0),
             0u);
   EXPECT_EQ(MaskPointers(r.out), MaskPointers(InProcessDump(qsn)));
   // The plain mesh's face pointer is zero in the file: no index lines before its coordinates.
@@ -259,9 +210,10 @@ TEST(Qsndump, DumpsAConvertedSceneAsTheModelPrintsIt) {
   for (const std::string& podDir : {dir.path(), dir.path() + "/"}) {
     const RunResult reread = Qsndump({"--pod-dir", podDir, qsn});
     EXPECT_EQ(reread.exitStatus, 0) << reread.err;
-    EXPECT_NE(reread.out.find("Face data: 0\nFace data: 1\nFace data: 2\nFace data: 0\nFace data: 2\n"
-                              "Face data: 3\nUVW Number: 0\nUVW data type: 1\n"),
-              std::string::npos);
+    EXPECT_NE(
+        reread.out.find("Face data: 0\nFace data: 1\nFace data: 2\nFace data: 0\nFace data: 2\n"
+                        "Face data: 3\nUVW Number: 0\nUVW data type: 1\n"),
+        std::string::npos);
   }
   TempDir empty;
   const RunResult missing = Qsndump({"--pod-dir", empty.path(), qsn});
@@ -285,7 +237,9 @@ TEST(Qsndump, CheckReportsTwoIdenticalTextureCoordinateSetsOfAConvertedMesh) {
 
   const RunResult r = Qsndump({"--check", qsn});
   EXPECT_EQ(r.exitStatus, 0);
-  EXPECT_EQ(r.out, "Error2: Same UVW in 2 planes \"twin\"\t\t\t: UV0:(0.250000, 0.750000) UV1:(0.250000,0.750000)\n");
+  EXPECT_EQ(r.out,
+            "Error2: Same UVW in 2 planes \"twin\"\t\t\t: UV0:(0.250000, 0.750000) "
+            "UV1:(0.250000,0.750000)\n");
 }
 
 TEST(Qsndump, JsonDescribesEveryNodeOfAConvertedAnimatedScene) {
@@ -305,9 +259,10 @@ TEST(Qsndump, JsonDescribesEveryNodeOfAConvertedAnimatedScene) {
   EXPECT_EQ(doc["file"]["podFilename"].text, "every.PODx");
   const Json& nodes = doc["nodes"];
   ASSERT_EQ(nodes.items.size(), 12u);
-  const std::vector<std::string> kinds = {"material", "mesh", "material", "collision box", "collision sphere",
-                                          "billboard", "sky box", "marker", "skeletal mesh", "animated mesh",
-                                          "light", "animated camera"};
+  const std::vector<std::string> kinds = {
+      "material",         "mesh",          "material", "collision box",
+      "collision sphere", "billboard",     "sky box",  "marker",
+      "skeletal mesh",    "animated mesh", "light",    "animated camera"};
   for (size_t i = 0; i < 12; ++i) {
     const size_t at = 268 + 144 * i;
     EXPECT_EQ(nodes[i]["kind"].text, kinds[i]);
@@ -367,7 +322,7 @@ TEST(Qsndump, JsonEscapesAnyNameIntoValidUtf8AndWritesNonFiniteFloatsAsNull) {
   EXPECT_EQ(doc["nodes"][1]["name"].text, std::string(128, 'N'));
 }
 
-// ---- Broken files and usage errors ------------------------------------------------------------
+// ---- Broken files and usage errors
 
 TEST(Qsndump, BrokenFilesExitWithStatusOneAndOneMessage) {
   TempDir dir;
@@ -384,7 +339,10 @@ TEST(Qsndump, BrokenFilesExitWithStatusOneAndOneMessage) {
   std::vector<uint8_t> tooManyHeaders = good;
   PutU32(tooManyHeaders, 8, 1000000);
   const std::vector<std::pair<std::string, std::vector<uint8_t>>> broken = {
-      {"truncated", truncated}, {"wrongtype", wrongType}, {"pastend", pastEnd}, {"headers", tooManyHeaders},
+      {"truncated", truncated},
+      {"wrongtype", wrongType},
+      {"pastend", pastEnd},
+      {"headers", tooManyHeaders},
       {"short", {0xE8, 0x03, 0, 0}}};
   for (const auto& [name, bytes] : broken) {
     const std::string path = dir.file(name + ".qsn");
@@ -405,8 +363,12 @@ TEST(Qsndump, BrokenFilesExitWithStatusOneAndOneMessage) {
 }
 
 TEST(Qsndump, UsageErrorsExitWithStatusTwoAndHelpWithZero) {
-  const std::vector<std::vector<std::string>> wrong = {
-      {}, {"--bogus", "a.qsn"}, {"a.qsn", "b.qsn"}, {"--pod-dir"}, {"--check", "--json", "a.qsn"}, {"--check"}};
+  const std::vector<std::vector<std::string>> wrong = {{},
+                                                       {"--bogus", "a.qsn"},
+                                                       {"a.qsn", "b.qsn"},
+                                                       {"--pod-dir"},
+                                                       {"--check", "--json", "a.qsn"},
+                                                       {"--check"}};
   for (const auto& args : wrong) {
     const RunResult r = Qsndump(args);
     EXPECT_EQ(r.exitStatus, 2) << (args.empty() ? "(none)" : args[0]);

@@ -94,13 +94,15 @@ int main(int argc, char** argv) {
   if (podDirGiven) {
     if (!podDir.empty() && podDir.back() != '/') podDir += '/';
     model.PODDirectory = podDir;
-    // The model reads whatever opens; a POD file that is not there is the user's mistake to hear of.
+    // The model reads whatever opens; a POD file that is not there is the user's mistake to hear
+    // of.
     const std::string podPath =
-        podDir + std::string(model.header.PODFilename, strnlen(model.header.PODFilename, sizeof model.header.PODFilename));
+        podDir + std::string(model.header.PODFilename,
+                             strnlen(model.header.PODFilename, sizeof model.header.PODFilename));
     struct stat st;
     if (::stat(podPath.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || !model.openPODFile(podPath)) {
-      std::fprintf(stderr, "qsndump: \"%s\": cannot open the POD file named in \"%s\"\n", podPath.c_str(),
-                   file.c_str());
+      std::fprintf(stderr, "qsndump: \"%s\": cannot open the POD file named in \"%s\"\n",
+                   podPath.c_str(), file.c_str());
       return kExitInvalidFile;
     }
     model.closePODFile();
@@ -108,9 +110,15 @@ int main(int argc, char** argv) {
   }
 
   switch (mode) {
-    case Mode::Dump: model.printModelInfo(); break;
-    case Mode::Check: model.printCheckModelInfo(); break;
-    case Mode::Json: std::fputs(korvex::SceneGraphToJson(model).c_str(), stdout); break;
+    case Mode::Dump:
+      model.printModelInfo();
+      break;
+    case Mode::Check:
+      model.printCheckModelInfo();
+      break;
+    case Mode::Json:
+      std::fputs(korvex::SceneGraphToJson(model).c_str(), stdout);
+      break;
   }
   // Output that could not be written (a full disk, a closed pipe) is no success either.
   return std::fflush(stdout) == 0 ? 0 : kExitInvalidFile;

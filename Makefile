@@ -18,6 +18,7 @@ build: $(BUILD)/CMakeCache.txt
 
 run: build
 	$(BUILD)/Korvex ./examples/example.pod
+	@ls -l examples/example.PODx examples/example.qsn
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)

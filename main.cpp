@@ -1,11 +1,144 @@
+// Korvex: converts one POD scene into the engine's scene-graph file.
+//
+//   Korvex [flag] [ignored] input      flag: "-r0" weld exactly equal vertices, "-r1" nearly equal
+//
+// Pipeline: read input -> check -> rename textures (-> weld) -> save <input>.PODx -> read it back
+// -> check -> convert -> write <input>.qsn. Progress goes to standard output; a scene that the
+// conversion could not handle safely is refused with one message on standard error.
+
 #include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "PODModel.h"
+#include "QelSceneGraphModel.h"
+#include "SceneGraphConverter.h"
+#include "SceneGraphWritter.h"
+#include "SceneValidation.h"
+#include "TextureRenaming.h"
+#include "VertexReduction.h"
+
+namespace {
+
+const unsigned long kExportOptionsSize = 2048;
+
+// Ends the run for a scene the pipeline cannot process safely.
+int Refuse(const CPODScene& scene, const SceneCheck& check, const std::string& file) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "%s\n", DescribeSceneCheck(scene, check, file).c_str());
+  return 1;
+}
+
+// A read that fails part-way keeps the arrays it had filled in but gets no evaluation state,
+// and Destroy releases a scene's arrays only when it has one. An empty state (nothing evaluates
+// this scene) lets the destructor release them at exit, which keeps leak checkers quiet.
+void ReleaseAtExit(CPODScene& scene) {
+  if (scene.m_pImpl == nullptr)
+    scene.m_pImpl = static_cast<SPODImpl*>(std::calloc(1, sizeof(SPODImpl)));
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
-  (void)argv;
   if (argc < 2 || argc > 4) {
     std::printf("The correct format is: Korvex file1\n");
     return 1;
   }
-  std::printf("The correct format is: Korvex file1\n");
-  return 1;
+
+  // Only the first argument is a flag position; the input path is always the last argument.
+  const std::string first = argv[1];
+  const bool reduction = first == "-r0" || first == "-r1";
+  const bool nearly = first == "-r1";
+  const std::string inputPath = argv[argc - 1];
+
+  std::printf("Converting %s\n", inputPath.c_str());
+  // The name derivation below may end the run abnormally; the line above must be out by then.
+  std::fflush(stdout);
+
+  CPODScene inputScene;
+  CPODScene reloadedScene;
+  // One byte more than the reader may fill, always zero: options text that fills the whole
+  // buffer stays terminated when the writer measures it.
+  char* exportOptions = static_cast<char*>(std::calloc(kExportOptionsSize + 1, 1));
+  if (exportOptions == nullptr) {
+    std::fprintf(stderr, "Korvex: out of memory\n");
+    return 1;
+  }
+
+  // Output: the three characters after the last "." become "qsn". Without any ".", rfind's npos
+  // + 1 wraps to 0 and the first three characters are replaced.
+  std::string outputPath = inputPath;
+  outputPath.replace(outputPath.rfind('.') + 1, 3, "qsn");
+
+  // Without a "/", the intermediate file goes to the file-system root.
+  std::string fileName;
+  std::string directory;
+  const size_t slash = inputPath.rfind('/');
+  if (slash == std::string::npos) {
+    fileName = inputPath;
+    directory = "/";
+  } else {
+    fileName = inputPath.substr(slash + 1);
+    directory = inputPath.substr(0, slash + 1);
+  }
+  // Up to five characters from the last "." become ".PODx". A file name without "." makes
+  // replace throw std::out_of_range, uncaught: the run ends abnormally before any file is opened.
+  fileName.replace(fileName.rfind('.'), 5, ".PODx");
+  const std::string intermediatePath = directory + fileName;
+
+  if (!inputScene.ReadFromFile(inputPath.c_str(), exportOptions, kExportOptionsSize)) {
+    std::printf("Invalid input file\n");
+    std::free(exportOptions);
+    return 1;
+  }
+  inputScene.Destroy();  // the options call leaves an evaluation state behind
+  const bool inputRead = inputScene.ReadFromFile(inputPath.c_str());
+  if (!inputRead) ReleaseAtExit(inputScene);
+
+  // A scene that would be refused later is refused before it is edited. After a failed read
+  // only what the edits and the save touch is checked: the rest is settled by the save (which
+  // may refuse the partial scene) and by the check of the reloaded scene.
+  SceneCheck check = CheckSceneForEdits(inputScene, reduction);
+  if (!check.found() && !check.assertionAhead && inputRead)
+    check = CheckSceneForConversion(inputScene, true);
+  if (check.found()) {
+    std::free(exportOptions);
+    return Refuse(inputScene, check, inputPath);
+  }
+
+  renameMeshTextureName(&inputScene);
+  if (reduction) reduceMeshVertex(&inputScene, nearly);
+
+  const bool saveSucceeded = inputScene.SavePOD(intermediatePath.c_str(), exportOptions);
+
+  reloadedScene.ReadFromFile(intermediatePath.c_str(), exportOptions, kExportOptionsSize);
+  reloadedScene.Destroy();
+  const bool reloadSucceeded = reloadedScene.ReadFromFile(intermediatePath.c_str());
+  if (!reloadSucceeded) ReleaseAtExit(reloadedScene);
+
+  int status = 0;
+  if (reloadSucceeded && saveSucceeded) {
+    // The scene that is converted is checked itself. Its nodes are the input's, so the
+    // message names the input file.
+    const SceneCheck reloadCheck = CheckSceneForConversion(reloadedScene, false);
+    if (reloadCheck.found()) {
+      std::free(exportOptions);
+      return Refuse(reloadedScene, reloadCheck, inputPath);
+    }
+    QelSceneGraphModel* model = new QelSceneGraphModel();
+    SceneGraphConverter* converter = new SceneGraphConverter(model);
+    converter->convertFromPOD(&reloadedScene, fileName.c_str());
+    SceneGraphWritter* writer = new SceneGraphWritter();
+    // The writer has said what went wrong on standard error.
+    if (!writer->WritetoFile(outputPath, model)) status = 1;
+    std::printf("\n");
+    // Released although the process ends right away, so that leak checkers stay quiet.
+    delete writer;
+    delete converter;
+    delete model;
+  } else {
+    std::printf("Invalid input file or save file\n");
+  }
+  std::free(exportOptions);
+  return status;
 }

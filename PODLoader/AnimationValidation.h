@@ -1,0 +1,12 @@
+#pragma once
+// Up-front check of the nodes whose animation is baked (skinned and animated meshes, animated
+// cameras): whether their conversion can run on this scene without reading outside any array.
+
+#include <string>
+
+#include "PODModel.h"
+
+// Empty when the skeletal or animated conversion of mesh or camera node `nodeIndex` of a scene
+// with frames can run safely; otherwise the problem in a few words. Nodes that are not baked
+// (other kinds, keyword meshes, scenes without frames) have nothing to check and pass.
+std::string CheckAnimatedNode(const CPODScene& scene, unsigned int nodeIndex);

@@ -1,0 +1,17 @@
+#pragma once
+// Bounding sphere and axis-aligned box of a position stream, optionally transformed by a
+// matrix. The float operations run in a fixed order because their results are stored in the
+// output file and compared bit for bit.
+//
+// Positions must be 3 floats at a stride of 12 bytes; anything else is a broken invariant and
+// ends the run by assertion. `vertex->pData` must hold `count` positions (the caller checks).
+
+#include "PODModel.h"
+
+// center: 3 floats, radius: 1 float. False (nothing written) when count is not positive.
+bool CreateBoundingSphere(PODMATRIXf* matrix, CPODData* vertex, int count, float* center,
+                          float* radius);
+
+// center, min, max: 3 floats each. False (nothing written) when count is not positive.
+bool CreateBoundingAABB(PODMATRIXf* matrix, CPODData* vertex, int count, float* center, float* min,
+                        float* max);

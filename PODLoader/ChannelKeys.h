@@ -1,0 +1,63 @@
+#pragma once
+// Bounded reads of the animation keys of a node's channels, shared by the two animation
+// converters. Keys are counted from the bytes a channel really holds, never from the frame count:
+// a key asked for past the last one reads the last one. That is what the interpolating rules
+// need at the last frame (key n+1 with weight 0) and for a single-key channel read at frame f.
+
+#include <cstddef>
+#include <cstdint>
+
+#include "PODModel.h"
+
+namespace korvex {
+
+// Floats per key of each channel.
+enum : size_t {
+  kPositionKeyFloats = 3,
+  kRotationKeyFloats = 4,
+  kScaleKeyFloats = 7,  // x, y, z scale, then four floats no evaluation reads
+  kMatrixKeyFloats = 16,
+};
+
+inline size_t PositionKeyCount(const SPODNode& node) {
+  return node.pfAnimPosition ? node.nAnimPositionSize / (kPositionKeyFloats * 4) : 0;
+}
+inline size_t RotationKeyCount(const SPODNode& node) {
+  return node.pfAnimRotation ? node.nAnimRotationSize / (kRotationKeyFloats * 4) : 0;
+}
+// A scale key is read only in its first three floats, so the last key counts once those exist.
+inline size_t ScaleKeyCount(const SPODNode& node) {
+  const size_t floats = node.pfAnimScale ? node.nAnimScaleSize / 4 : 0;
+  return floats >= 3 ? (floats - 3) / kScaleKeyFloats + 1 : 0;
+}
+inline size_t MatrixKeyCount(const SPODNode& node) {
+  return node.pfAnimMatrix ? node.nAnimMatrixSize / (kMatrixKeyFloats * 4) : 0;
+}
+
+// Key k of a channel of `count` keys (count > 0), clamped into the keys that exist.
+inline size_t ClampKey(int64_t k, size_t count) {
+  if (k <= 0) return 0;
+  return static_cast<uint64_t>(k) >= count ? count - 1 : static_cast<size_t>(k);
+}
+
+// The readers below require the channel's key count to be non-zero.
+inline PODVECTOR3f PositionKey(const SPODNode& node, int64_t k) {
+  const float* p = node.pfAnimPosition + kPositionKeyFloats * ClampKey(k, PositionKeyCount(node));
+  return PODVECTOR3f{p[0], p[1], p[2]};
+}
+inline PODVECTOR3f ScaleKey(const SPODNode& node, int64_t k) {
+  const float* p = node.pfAnimScale + kScaleKeyFloats * ClampKey(k, ScaleKeyCount(node));
+  return PODVECTOR3f{p[0], p[1], p[2]};
+}
+inline PODQUATERNIONf RotationKey(const SPODNode& node, int64_t k) {
+  const float* p = node.pfAnimRotation + kRotationKeyFloats * ClampKey(k, RotationKeyCount(node));
+  return PODQUATERNIONf{p[0], p[1], p[2], p[3]};
+}
+inline PODMATRIXf MatrixKey(const SPODNode& node, int64_t k) {
+  const float* p = node.pfAnimMatrix + kMatrixKeyFloats * ClampKey(k, MatrixKeyCount(node));
+  PODMATRIXf m;
+  for (size_t i = 0; i < kMatrixKeyFloats; ++i) m.f[i] = p[i];
+  return m;
+}
+
+}  // namespace korvex

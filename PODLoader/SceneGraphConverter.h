@@ -1,0 +1,112 @@
+#pragma once
+// Turns one loaded CPODScene into the records of one QelSceneGraphModel: walks the POD nodes
+// (mesh nodes, then lights, then cameras), classifies mesh nodes by the keyword their name starts
+// with, makes one node header and one record per converted node, links light-mapped meshes to
+// their light-map materials and checks the header count at the end.
+//
+// Records are calloc'd here and handed to the model, which owns them and the arrays their
+// SSGNodeData descriptors point at (each a separate malloc'd block). A temporary record whose
+// contents are copied into a bigger record is released with free alone: its arrays move with
+// the copy.
+//
+// Inconsistencies the format defines as fatal are assertions of source
+// "PODLoader/SceneGraphConverter"; everything else a file could get wrong is refused up front by
+// SceneValidation, so these functions index the scene without checks of their own.
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <list>
+#include <map>
+#include <string>
+
+#include "SceneGraphRecords.h"
+
+class CPODScene;
+class QelSceneGraphModel;
+class SkeletonNodeConverter;
+class AnimationNodeConverter;
+
+class SceneGraphConverter {
+ public:
+  explicit SceneGraphConverter(QelSceneGraphModel* model);
+  ~SceneGraphConverter();
+  SceneGraphConverter(const SceneGraphConverter&) = delete;
+  SceneGraphConverter& operator=(const SceneGraphConverter&) = delete;
+
+  // The whole conversion; fileName (no directory) becomes the model's PODFilename. Always true.
+  bool convertFromPOD(CPODScene* scene, const char* fileName);
+
+  // Last node named `name`: its nIdx and its position; both -1 when none (or no scene yet).
+  void getNodeListIDs(std::string name, int& objectIndex, int& nodeIndex);
+
+  // Classification of one POD node; each makes the node's header and record.
+  void buildMeshType(int nodeIndex);
+  void buildLightType(int nodeIndex);
+  void buildCameraType(int nodeIndex);
+  // Entry 1 of each light-mapped mesh's materialIndex := its light map's material record.
+  void buildLightMapMesh();
+
+  SSGFileHeader* createFileHeader(const char* fileName);
+  // Appends a header for the record about to join `kind`'s sequence (index = its position).
+  void createNodeHeader(ESGName kind, int nodeIndex);
+
+  // Thin wrappers, one per record kind.
+  SSGQelMeshNodeData* createMesh(int nodeIndex);
+  SSGQelSkeletalMeshNodeData* createSkeletalMesh(int nodeIndex);
+  SSGQelAnimationMeshNodeData* createAnimationMesh(int nodeIndex);
+  SSGQelNodeData* createNode(int nodeIndex);
+  SSGQelCameraNodeData* createCamera(int nodeIndex);
+  SSGQelAnimationCameraNodeData* createAnimationCamera(int nodeIndex);
+  SSGQelLightNodeData* createLight(int nodeIndex);
+  SSGQelMarkerNodeData* createMarker(int nodeIndex);
+  SSGQelCollisionBoxNodeData* createBoxCollider(int nodeIndex);
+  SSGQelCollisionSphereNodeData* createSphereCollider(int nodeIndex);
+  SSGQelSkyBoxNodeData* createSkyBox(int nodeIndex);
+  SSGQelBillboardNodeData* createBillboard(int nodeIndex);
+
+  // Record builders (SceneGraphConverterNodes.cpp). Each returns a new calloc'd record.
+  SSGQelNodeData* createNodeData(int nodeIndex);
+  // transform := the node's own frame-0 matrix (parents are not applied).
+  void setNodeTransform(SSGQelNode* record, SPODNode* node);
+  SSGQelMeshNodeData* createMeshNodeData(int nodeIndex);
+  SSGQelCollisionSphereNodeData* createSphereColliderNodeData(int nodeIndex);
+  SSGQelCollisionBoxNodeData* createBoxColliderNodeData(int nodeIndex);
+  SSGQelSkyBoxNodeData* createSkyBoxNodeData(int nodeIndex);
+  SSGQelBillboardNodeData* createBillboardNodeData(int nodeIndex);
+  SSGQelCameraNodeData* createCameraNodeData(int nodeIndex);
+  SSGQelLightNodeData* createLightNodeData(int nodeIndex);
+  SSGQelMarkerNodeData* createMarkerNodeData(int nodeIndex);
+  // Position of the node's material record in the model's material sequence, made (with its
+  // header) on first use. The node's nIdxMaterial must be 0 or greater.
+  int32_t createMaterialData(int nodeIndex);
+  // The first six members of the material record (up to shininess), in a new block.
+  SSGQelMaterialData* createMaterialNode(int nodeIndex);
+
+  // Animated kinds (SceneGraphConverterAnimated.cpp).
+  SSGQelSkeletalMeshNodeData* createSkeletalMeshNodeData(int nodeIndex);
+  SSGQelAnimationMeshNodeData* createAnimationMeshNodeData(int nodeIndex);
+  SSGQelAnimationCameraNodeData* createAnimationCameraNodeData(int nodeIndex);
+
+  // A zero-filled record or header the model can own. Sizes are fixed and small, so a failed
+  // allocation is plain exhaustion and ends the run.
+  template <class T>
+  static T* newRecord() {
+    T* record = static_cast<T*>(std::calloc(1, sizeof(T)));
+    if (record == nullptr) {
+      std::fflush(stdout);
+      std::fprintf(stderr, "Korvex: out of memory\n");
+      std::abort();
+    }
+    return record;
+  }
+
+  QelSceneGraphModel* mModel;  // not owned
+  CPODScene* mScene;           // not owned; set by convertFromPOD
+  SkeletonNodeConverter* mSkeletonConverter;
+  AnimationNodeConverter* mAnimationConverter;
+  // Light-map name (11 characters) -> its material record's position in the material sequence.
+  std::map<std::string, int32_t> m_LightMap;
+  // Records of light-mapped meshes in creation order (owned by the model).
+  std::list<SSGQelMeshNodeData*> m_LightMapMesh;
+};

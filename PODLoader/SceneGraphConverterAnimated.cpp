@@ -1,0 +1,67 @@
+// The SceneGraphConverter record builders of the kinds whose animation is baked: skeletal meshes,
+// animated meshes and animated cameras. They run only when the scene has frames.
+
+#include <cstdlib>
+#include <cstring>
+
+#include "AnimationNodeConverter.h"
+#include "BoundingVolumes.h"
+#include "PODModel.h"
+#include "SceneGraphConverter.h"
+#include "SkeletonNodeConverter.h"
+
+namespace {
+
+// The frame state the previously baked node left in the scene: records copy it before their own
+// frames are computed, so the order of conversion shows in the file.
+template <typename Record>
+void CopyFrameState(Record* record, const CPODScene& scene) {
+  record->evalFrame = scene.m_pImpl->fCurrentFrame;
+  record->evalBlend = scene.m_pImpl->fFrameBlend;
+  record->evalFrameIndex = scene.m_pImpl->nFrameIndex;
+}
+
+}  // namespace
+
+SSGQelSkeletalMeshNodeData* SceneGraphConverter::createSkeletalMeshNodeData(int nodeIndex) {
+  SSGQelMeshNodeData* mesh = createMeshNodeData(nodeIndex);
+  auto* record = newRecord<SSGQelSkeletalMeshNodeData>();
+  *static_cast<SSGQelMeshNodeData*>(record) = *mesh;
+  std::free(mesh);  // its arrays now belong to the new record
+  mSkeletonConverter->convertSkeletonNode(mScene, nodeIndex, record);
+  return record;
+}
+
+SSGQelAnimationMeshNodeData* SceneGraphConverter::createAnimationMeshNodeData(int nodeIndex) {
+  SSGQelMeshNodeData* mesh = createMeshNodeData(nodeIndex);
+  auto* record = newRecord<SSGQelAnimationMeshNodeData>();
+  *static_cast<SSGQelMeshNodeData*>(record) = *mesh;
+  std::free(mesh);
+  record->numAnimation = mScene->nNumFrame;
+  CopyFrameState(record, *mScene);
+  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer);
+
+  // The per-frame matrices place the mesh, so its volumes are kept in object space: computed
+  // again through the identity matrix. A mesh without vertices was reported above already.
+  SPODMesh& podMesh = mScene->pMesh[mScene->pNode[nodeIndex].nIdx];
+  PODMATRIXf identity;
+  PODMatrixIdentityF(identity);
+  const int count = static_cast<int>(record->numVertex);
+  CreateBoundingSphere(&identity, &podMesh.sVertex, count, record->sphereCenter,
+                       &record->sphereRadius);
+  CreateBoundingAABB(&identity, &podMesh.sVertex, count, record->boxCenter, record->boxMin,
+                     record->boxMax);
+  return record;
+}
+
+SSGQelAnimationCameraNodeData* SceneGraphConverter::createAnimationCameraNodeData(int nodeIndex) {
+  SSGQelCameraNodeData* camera = createCameraNodeData(nodeIndex);
+  auto* record = newRecord<SSGQelAnimationCameraNodeData>();
+  *static_cast<SSGQelCameraNodeData*>(record) = *camera;
+  std::free(camera);
+  record->numAnimation = mScene->nNumFrame;
+  CopyFrameState(record, *mScene);
+  // The field of view stays the camera's single value; its per-frame values are not baked.
+  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer);
+  return record;
+}

@@ -1,0 +1,252 @@
+// Record builders of the converter: the node part, the mesh record and the records built on it
+// (billboard, sky box, collision sphere and box), materials, cameras, lights and markers.
+
+#include <cstdio>
+#include <cstring>
+
+#include "BoundingVolumes.h"
+#include "NodeDataBuffer.h"
+#include "PODModel.h"
+#include "QelSceneGraphModel.h"
+#include "SceneGraphConverter.h"
+
+namespace {
+
+// Texture-coordinate sets carried into a mesh record; more are cut (with "Error1").
+const uint32_t kMaxUVW = 2;
+
+// The descriptor of a POD stream as a record keeps it: no pointer, file offset copied.
+CPODData CopyDescriptor(const CPODData& from) {
+  CPODData d = CPODData();
+  d.eType = from.eType;
+  d.n = from.n;
+  d.nStride = from.nStride;
+  d.nFileOffset = from.nFileOffset;
+  return d;
+}
+
+// `length` bytes of `from` in a new array of the record.
+void CopyArray(SSGNodeData& buffer, uint32_t type, uint32_t length, const uint8_t* from) {
+  korvex::AllocateNodeData(buffer, type, length);
+  if (length != 0) std::memcpy(buffer.data, from, length);
+}
+
+// Copies at most `size` bytes of `name` into a zero-filled field.
+void CopyName(char* field, size_t size, const char* name) {
+  std::memset(field, 0, size);
+  if (name != nullptr) std::memcpy(field, name, strnlen(name, size));
+}
+
+}  // namespace
+
+SSGQelNodeData* SceneGraphConverter::createNodeData(int nodeIndex) {
+  SPODNode& node = mScene->pNode[nodeIndex];
+  SSGQelNodeData* record = newRecord<SSGQelNodeData>();
+  record->indexToObject = static_cast<uint32_t>(nodeIndex);
+  record->objectIndex = node.nIdx;
+  setNodeTransform(record, &node);
+  record->numAnimation = mScene->nNumFrame;
+  record->animationFlag = node.nAnimFlags;
+  return record;
+}
+
+void SceneGraphConverter::setNodeTransform(SSGQelNode* record, SPODNode* node) {
+  if (node->pfAnimMatrix != nullptr) {
+    std::memcpy(record->transform.f, node->pfAnimMatrix, sizeof record->transform.f);
+    return;
+  }
+  // Frame 0 of each channel where it is present, the static value where not.
+  const float* position = node->pfAnimPosition ? node->pfAnimPosition : node->pfPosition;
+  const float* rotation = node->pfAnimRotation ? node->pfAnimRotation : node->pfRotation;
+  const float* scale = node->pfAnimScale ? node->pfAnimScale : node->pfScale;
+  PODMATRIXf r;
+  PODMATRIXf s;
+  PODMATRIXf m;
+  PODMatrixRotationQuaternionF(r, PODQUATERNIONf{rotation[0], rotation[1], rotation[2], rotation[3]});
+  PODMatrixScalingF(s, scale[0], scale[1], scale[2]);
+  PODMatrixMultiplyF(m, r, s);
+  // The position replaces the translation; it is not added to it.
+  m.f[12] = position[0];
+  m.f[13] = position[1];
+  m.f[14] = position[2];
+  record->transform = m;
+}
+
+SSGQelMeshNodeData* SceneGraphConverter::createMeshNodeData(int nodeIndex) {
+  SPODNode& node = mScene->pNode[nodeIndex];
+  SPODMesh& mesh = mScene->pMesh[node.nIdx];
+  SSGQelMeshNodeData* record = newRecord<SSGQelMeshNodeData>();
+
+  SSGQelNodeData* nodePart = createNodeData(nodeIndex);
+  static_cast<SSGQelNodeData&>(*record) = *nodePart;
+  std::free(nodePart);
+
+  record->numVertex = mesh.nNumVertex;
+  record->numFace = mesh.nNumFaces;
+  record->numUVW = mesh.nNumUVW;
+  if (record->numUVW > kMaxUVW) {
+    record->numUVW = kMaxUVW;  // the scene keeps its sets; only the record is cut
+    std::printf("Error1: Number of UVW > 2, \"%s\"\n", node.pszName);
+  }
+
+  // A mesh without vertices gets no volumes: the fields stay zero.
+  const int count = static_cast<int>(record->numVertex);
+  if (!CreateBoundingSphere(&record->transform, &mesh.sVertex, count, record->sphereCenter,
+                            &record->sphereRadius))
+    std::printf("Error3: cannot create bounding sphere, %s\n", node.pszName);
+  if (!CreateBoundingAABB(&record->transform, &mesh.sVertex, count, record->boxCenter,
+                          record->boxMin, record->boxMax))
+    std::printf("Error3: cannot create bounding AABB, %s\n", node.pszName);
+
+  record->vertex = CopyDescriptor(mesh.sVertex);
+  record->vertexOffset = mesh.sVertex.nFileOffset;
+  CopyArray(record->vertexBuffer, SSGBufferFloat, record->numVertex * record->vertex.n * 4,
+            mesh.sVertex.pData);
+
+  record->normal = CopyDescriptor(mesh.sNormals);
+  record->normalOffset = mesh.sNormals.nFileOffset;
+  CopyArray(record->normalBuffer, SSGBufferFloat, record->numVertex * record->normal.n * 4,
+            mesh.sNormals.pData);
+
+  record->face = CopyDescriptor(mesh.sFaces);
+  record->faceOffset = mesh.sFaces.nFileOffset;
+  CopyArray(record->faceBuffer, SSGBufferFace16, record->numFace * 6, mesh.sFaces.pData);
+
+  record->defaultMaterialIndex = node.nIdxMaterial;
+  // Without a material no texture coordinates are carried: UVW, UVWOffset and UVWBuffer stay zero.
+  if (record->defaultMaterialIndex >= 0) {
+    const uint32_t sets = record->numUVW;
+    const uint32_t setBytes = record->numVertex * 8;  // two floats a vertex
+    korvex::AllocateNodeData(record->UVWBuffer, SSGBufferFloat, sets * setBytes);
+    for (uint32_t k = 0; k < sets; ++k) {
+      const CPODData& uvw = mesh.psUVW[k];
+      record->UVW[k] = CopyDescriptor(uvw);
+      record->UVW[k].nFileOffset = 0;  // never set for texture coordinates; written as zero
+      record->UVWOffset[k] = uvw.nFileOffset;
+      if (setBytes != 0) std::memcpy(record->UVWBuffer.data + k * setBytes, uvw.pData, setBytes);
+    }
+  }
+
+  for (int32_t& material : record->materialIndex) material = -1;
+  if (record->defaultMaterialIndex >= 0) record->materialIndex[0] = createMaterialData(nodeIndex);
+  return record;
+}
+
+// The records that are a mesh record and nothing more.
+template <class R>
+static R* CopyOfMeshRecord(SSGQelMeshNodeData* mesh) {
+  R* record = SceneGraphConverter::newRecord<R>();
+  static_cast<SSGQelMeshNodeData&>(*record) = *mesh;
+  std::free(mesh);  // its arrays now belong to the copy
+  return record;
+}
+
+SSGQelCollisionSphereNodeData* SceneGraphConverter::createSphereColliderNodeData(int nodeIndex) {
+  return CopyOfMeshRecord<SSGQelCollisionSphereNodeData>(createMeshNodeData(nodeIndex));
+}
+
+SSGQelSkyBoxNodeData* SceneGraphConverter::createSkyBoxNodeData(int nodeIndex) {
+  return CopyOfMeshRecord<SSGQelSkyBoxNodeData>(createMeshNodeData(nodeIndex));
+}
+
+SSGQelBillboardNodeData* SceneGraphConverter::createBillboardNodeData(int nodeIndex) {
+  return CopyOfMeshRecord<SSGQelBillboardNodeData>(createMeshNodeData(nodeIndex));
+}
+
+SSGQelCollisionBoxNodeData* SceneGraphConverter::createBoxColliderNodeData(int nodeIndex) {
+  SSGQelCollisionBoxNodeData* record =
+      CopyOfMeshRecord<SSGQelCollisionBoxNodeData>(createMeshNodeData(nodeIndex));
+  // The same volumes again in object space; an empty mesh leaves them zero, unreported.
+  SPODMesh& mesh = mScene->pMesh[mScene->pNode[nodeIndex].nIdx];
+  PODMATRIXf identity;
+  PODMatrixIdentityF(identity);
+  const int count = static_cast<int>(record->numVertex);
+  CreateBoundingSphere(&identity, &mesh.sVertex, count, record->localSphereCenter,
+                       &record->localSphereRadius);
+  CreateBoundingAABB(&identity, &mesh.sVertex, count, record->localBoxCenter, record->localBoxMin,
+                     record->localBoxMax);
+  return record;
+}
+
+int32_t SceneGraphConverter::createMaterialData(int nodeIndex) {
+  const int32_t podMaterial = mScene->pNode[nodeIndex].nIdxMaterial;
+  // One record per POD material, shared by every node that uses it.
+  const std::vector<SSGQelMaterialData*>& records = mModel->material;
+  for (size_t k = 0; k < records.size(); ++k) {
+    if (records[k]->materialIndexOfNode == podMaterial) return static_cast<int32_t>(k);
+  }
+
+  SSGQelMaterialData* leading = createMaterialNode(nodeIndex);
+  SSGQelMaterialData* record = newRecord<SSGQelMaterialData>();
+  std::memcpy(record, leading, offsetof(SSGQelMaterialData, materialName));
+  std::free(leading);
+
+  const SPODMaterial& material = mScene->pMaterial[podMaterial];
+  CopyName(record->materialName, sizeof record->materialName, material.pszName);
+  // Only -1 means "no texture"; the field then stays all zero.
+  if (material.nIdxTexDiffuse != -1)
+    CopyName(record->textureName, sizeof record->textureName,
+             mScene->pTexture[material.nIdxTexDiffuse].pszName);
+
+  createNodeHeader(ESGMaterial, nodeIndex);
+  mModel->createNode(record, ESGMaterial);
+  return static_cast<int32_t>(mModel->material.size()) - 1;
+}
+
+SSGQelMaterialData* SceneGraphConverter::createMaterialNode(int nodeIndex) {
+  const int32_t podMaterial = mScene->pNode[nodeIndex].nIdxMaterial;
+  const SPODMaterial& material = mScene->pMaterial[podMaterial];
+  SSGQelMaterialData* record = newRecord<SSGQelMaterialData>();
+  record->materialIndexOfNode = podMaterial;
+  record->opacity = material.fMatOpacity;
+  std::memcpy(record->ambient, material.pfMatAmbient, sizeof record->ambient);
+  std::memcpy(record->diffuse, material.pfMatDiffuse, sizeof record->diffuse);
+  std::memcpy(record->specular, material.pfMatSpecular, sizeof record->specular);
+  record->shininess = material.fMatShininess;
+  return record;
+}
+
+SSGQelCameraNodeData* SceneGraphConverter::createCameraNodeData(int nodeIndex) {
+  const SPODNode& node = mScene->pNode[nodeIndex];
+  const SPODCamera& camera = mScene->pCamera[node.nIdx];
+  SSGQelCameraNodeData* record = newRecord<SSGQelCameraNodeData>();
+  SSGQelNodeData* nodePart = createNodeData(nodeIndex);
+  static_cast<SSGQelNodeData&>(*record) = *nodePart;
+  std::free(nodePart);
+
+  record->FOV = camera.fFOV;
+  record->farPlane = camera.fFar;
+  record->nearPlane = camera.fNear;
+  if (camera.nIdxTarget >= 0) {
+    record->targetIndex = camera.nIdxTarget;
+    // Taken from the node whose position in the node array is the camera's own index (nIdx),
+    // not from the target node. Kept so: files already converted depend on it.
+    std::memcpy(record->targetPosition, mScene->pNode[node.nIdx].pfAnimPosition,
+                sizeof record->targetPosition);
+  } else {
+    record->targetIndex = -1;  // position stays zero
+  }
+  return record;
+}
+
+SSGQelLightNodeData* SceneGraphConverter::createLightNodeData(int nodeIndex) {
+  const SPODNode& node = mScene->pNode[nodeIndex];
+  const SPODLight& light = mScene->pLight[node.nIdx];
+  SSGQelLightNodeData* record = newRecord<SSGQelLightNodeData>();
+  SSGQelNodeData* nodePart = createNodeData(nodeIndex);
+  static_cast<SSGQelNodeData&>(*record) = *nodePart;
+  std::free(nodePart);
+
+  record->targetIndex = light.nIdxTarget;
+  std::memcpy(record->colour, light.pfColour, sizeof record->colour);
+  record->lightType = light.eType;
+  return record;
+}
+
+SSGQelMarkerNodeData* SceneGraphConverter::createMarkerNodeData(int nodeIndex) {
+  SSGQelMarkerNodeData* record = newRecord<SSGQelMarkerNodeData>();
+  SSGQelNodeData* nodePart = createNodeData(nodeIndex);
+  static_cast<SSGQelNodeData&>(*record) = *nodePart;
+  std::free(nodePart);
+  return record;
+}

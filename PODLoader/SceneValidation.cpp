@@ -1,0 +1,374 @@
+#include "SceneValidation.h"
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "AnimationValidation.h"
+#include "PODModel.h"
+
+namespace {
+
+// Each check returns true when the data is fine; on a problem it fills `out` and returns false.
+class Checker {
+ public:
+  Checker(const CPODScene& scene, SceneCheck& out) : s(scene), out(out) {}
+
+  bool fail(int64_t node, std::string problem) {
+    out.node = node;
+    out.problem = std::move(problem);
+    return false;
+  }
+  // The pipeline stops at a specified assertion: nothing after it matters.
+  bool assertionAhead() {
+    out.assertionAhead = true;
+    return false;
+  }
+
+  bool recordArrays() {
+    struct Array {
+      uint32_t count;
+      const void* data;
+      const char* what;
+    };
+    const Array arrays[] = {
+        {s.nNumCamera, s.pCamera, "cameras"},   {s.nNumLight, s.pLight, "lights"},
+        {s.nNumMesh, s.pMesh, "meshes"},        {s.nNumNode, s.pNode, "nodes"},
+        {s.nNumTexture, s.pTexture, "textures"}, {s.nNumMaterial, s.pMaterial, "materials"},
+    };
+    for (const Array& a : arrays) {
+      if (a.count != 0 && a.data == nullptr)
+        return fail(-1, std::to_string(a.count) + " " + a.what + " declared but none stored");
+    }
+    return true;
+  }
+
+  bool nodeKindCounts() {
+    if (uint64_t(s.nNumMeshNode) + s.nNumLight + s.nNumCamera > s.nNumNode)
+      return fail(-1, std::to_string(s.nNumMeshNode) + " mesh, " + std::to_string(s.nNumLight) +
+                          " light and " + std::to_string(s.nNumCamera) +
+                          " camera nodes do not fit in " + std::to_string(s.nNumNode) + " nodes");
+    return true;
+  }
+
+  // `bytes` of a stream's own array are needed; an interleaved stream owns none.
+  bool streamCovers(int64_t node, const SPODMesh& mesh, const CPODData& d, uint64_t bytes,
+                    const std::string& what) {
+    if (bytes == 0) return true;
+    if (mesh.pInterleaved != nullptr)
+      return fail(node, "mesh has interleaved vertex data, which cannot be converted (" + what +
+                            ")");
+    if (d.pData == nullptr || d.nDataSize < bytes)
+      return fail(node, what + " holds " + std::to_string(d.pData ? d.nDataSize : 0) +
+                            " bytes, " + std::to_string(bytes) + " needed");
+    return true;
+  }
+
+  // Key 0 of each channel the node's frame-0 transform reads.
+  bool transformArrays(int64_t i) {
+    const SPODNode& n = s.pNode[i];
+    if (n.pfAnimMatrix != nullptr) {
+      if (n.nAnimMatrixSize < 64) return fail(i, "matrix animation holds less than one matrix");
+      return true;  // the matrix replaces the other channels
+    }
+    if (n.pfAnimScale != nullptr && n.nAnimScaleSize < 12)
+      return fail(i, "scale animation holds less than one key");
+    if (n.pfAnimRotation != nullptr && n.nAnimRotationSize < 16)
+      return fail(i, "rotation animation holds less than one key");
+    if (n.pfAnimPosition != nullptr && n.nAnimPositionSize < 12)
+      return fail(i, "position animation holds less than one key");
+    return true;
+  }
+
+  bool name(int64_t i, bool beforeSave) {
+    if (!beforeSave && s.pNode[i].pszName == nullptr) return fail(i, "node has no name");
+    return true;
+  }
+
+  // The material record of node i (material index already known to be >= 0).
+  bool material(int64_t i, bool beforeSave) {
+    const SPODNode& n = s.pNode[i];
+    if (uint32_t(n.nIdxMaterial) >= s.nNumMaterial)
+      return fail(i, "material index " + std::to_string(n.nIdxMaterial) + " is out of range (" +
+                         std::to_string(s.nNumMaterial) + " materials)");
+    const SPODMaterial& m = s.pMaterial[n.nIdxMaterial];
+    if (!beforeSave && m.pszName == nullptr)
+      return fail(i, "material " + std::to_string(n.nIdxMaterial) + " has no name");
+    // Only -1 means "no texture"; the conversion indexes with anything else.
+    if (m.nIdxTexDiffuse != -1) {
+      if (m.nIdxTexDiffuse < 0 || uint32_t(m.nIdxTexDiffuse) >= s.nNumTexture)
+        return fail(i, "material " + std::to_string(n.nIdxMaterial) + " names texture " +
+                           std::to_string(m.nIdxTexDiffuse) + ", out of range (" +
+                           std::to_string(s.nNumTexture) + " textures)");
+      if (!beforeSave && s.pTexture[m.nIdxTexDiffuse].pszName == nullptr)
+        return fail(i, "texture " + std::to_string(m.nIdxTexDiffuse) + " has no name");
+    }
+    return true;
+  }
+
+  // Everything the mesh record of node i reads, in the order it reads it.
+  bool meshRecord(int64_t i, bool beforeSave) {
+    const SPODNode& n = s.pNode[i];
+    const SPODMesh& mesh = s.pMesh[n.nIdx];
+    if (!transformArrays(i)) return false;
+    // The bounding volumes assert on the position format before anything is read.
+    if (mesh.sVertex.eType != EPODDataFloat || mesh.sVertex.n != 3 || mesh.sVertex.nStride != 12)
+      return assertionAhead();
+    const uint64_t v = mesh.nNumVertex;
+    if (!streamCovers(i, mesh, mesh.sVertex, v * 12, "position stream")) return false;
+    const uint64_t normalBytes = v * mesh.sNormals.n * 4;
+    if (normalBytes > UINT32_MAX) return fail(i, "normal stream is too large");
+    if (!streamCovers(i, mesh, mesh.sNormals, normalBytes, "normal stream")) return false;
+    if (!streamFaces(i, mesh)) return false;
+    if (n.nIdxMaterial >= 0) {
+      const uint32_t sets = mesh.nNumUVW > 2 ? 2 : mesh.nNumUVW;
+      if (mesh.psUVW == nullptr ? sets != 0 : mesh.nUVWCount < sets)
+        return fail(i, "mesh declares " + std::to_string(mesh.nNumUVW) +
+                           " texture-coordinate sets but stores fewer");
+      for (uint32_t k = 0; k < sets; ++k) {
+        if (!streamCovers(i, mesh, mesh.psUVW[k], v * 8,
+                          "texture-coordinate set " + std::to_string(k)))
+          return false;
+      }
+      if (!material(i, beforeSave)) return false;
+    }
+    return true;
+  }
+
+  bool streamFaces(int64_t i, const SPODMesh& mesh) {
+    const uint64_t bytes = uint64_t(mesh.nNumFaces) * 6;
+    if (bytes > UINT32_MAX) return fail(i, "face stream is too large");
+    if (bytes == 0) return true;
+    if (mesh.sFaces.pData == nullptr || mesh.sFaces.nDataSize < bytes)
+      return fail(i, "face stream holds " + std::to_string(mesh.sFaces.nDataSize) + " bytes, " +
+                         std::to_string(bytes) + " needed");
+    return true;
+  }
+
+  bool animated(int64_t i) {
+    const std::string problem = CheckAnimatedNode(s, static_cast<unsigned int>(i));
+    if (!problem.empty()) return fail(i, problem);
+    return true;
+  }
+
+  // One mesh node as buildMeshType would take it.
+  bool meshNode(int64_t i, bool beforeSave) {
+    const SPODNode& n = s.pNode[i];
+    if (n.nIdx == -1) return assertionAhead();
+    if (!name(i, beforeSave)) return false;
+    if (n.nIdx < 0 || uint32_t(n.nIdx) >= s.nNumMesh)
+      return fail(i, "mesh index " + std::to_string(n.nIdx) + " is out of range (" +
+                         std::to_string(s.nNumMesh) + " meshes)");
+    const char* nm = n.pszName ? n.pszName : "";
+    auto starts = [nm](const char* keyword) {
+      return std::strncmp(nm, keyword, std::strlen(keyword)) == 0;
+    };
+    if (starts("BILLBOARD")) return meshRecord(i, beforeSave);
+    if (starts("MARKER")) return transformArrays(i);
+    if (starts("SKYBOX") || starts("COLLISIONBOX") || starts("PITBOX") ||
+        starts("F1COLLISIONBOX") || starts("COLLISIONSPHERE"))
+      return meshRecord(i, beforeSave);
+    if (starts("LIGHTMAP")) {
+      if (std::strlen(nm) != 11) return meshRecord(i, beforeSave);
+      if (n.nIdxMaterial == -1) return assertionAhead();
+      if (n.nIdxMaterial < 0)
+        return fail(i, "material index " + std::to_string(n.nIdxMaterial) + " is out of range");
+      return material(i, beforeSave);
+    }
+    if (!meshRecord(i, beforeSave)) return false;
+    return s.nNumFrame == 0 || animated(i);
+  }
+
+  bool lightNode(int64_t i, bool beforeSave) {
+    const SPODNode& n = s.pNode[i];
+    if (!name(i, beforeSave) || !transformArrays(i)) return false;
+    if (n.nIdx < 0 || uint32_t(n.nIdx) >= s.nNumLight)
+      return fail(i, "light index " + std::to_string(n.nIdx) + " is out of range (" +
+                         std::to_string(s.nNumLight) + " lights)");
+    return true;
+  }
+
+  bool cameraNode(int64_t i, bool beforeSave) {
+    const SPODNode& n = s.pNode[i];
+    if (!name(i, beforeSave) || !transformArrays(i)) return false;
+    if (n.nIdx < 0 || uint32_t(n.nIdx) >= s.nNumCamera)
+      return fail(i, "camera index " + std::to_string(n.nIdx) + " is out of range (" +
+                         std::to_string(s.nNumCamera) + " cameras)");
+    // A targeted camera takes its target position from the node at its own camera index.
+    if (s.pCamera[n.nIdx].nIdxTarget >= 0) {
+      if (uint32_t(n.nIdx) >= s.nNumNode)
+        return fail(i, "target position is read from node " + std::to_string(n.nIdx) +
+                           ", which does not exist");
+      const SPODNode& source = s.pNode[n.nIdx];
+      if (source.pfAnimPosition == nullptr || source.nAnimPositionSize < 12)
+        return fail(i, "target position is read from node " + std::to_string(n.nIdx) +
+                           ", which has no position key");
+    }
+    return s.nNumFrame == 0 || animated(i);
+  }
+
+  // The vertex reduction checks each mesh itself (and leaves alone what it cannot handle), but
+  // a mesh node without mesh ends it by assertion before the scene is saved.
+  bool reductionAssertion() {
+    const uint32_t meshNodes =
+        s.pNode == nullptr ? 0 : s.nNumMeshNode < s.nNumNode ? s.nNumMeshNode : s.nNumNode;
+    for (uint32_t i = 0; i < meshNodes; ++i) {
+      if (s.pNode[i].nIdx == -1) return assertionAhead();
+    }
+    return true;
+  }
+
+  // What the POD writer reads: every array of every record, as long as the counts say.
+  bool savedScene() {
+    const uint64_t frames = s.nNumFrame;
+    for (uint32_t c = 0; c < s.nNumCamera; ++c) {
+      const SPODCamera& cam = s.pCamera[c];
+      if (cam.pfAnimFOV != nullptr && cam.nAnimFOVSize < frames * 4)
+        return fail(-1, "camera " + std::to_string(c) + " holds fewer field-of-view keys than " +
+                            std::to_string(frames) + " frames");
+    }
+    for (uint32_t m = 0; m < s.nNumMesh; ++m) {
+      if (!savedMesh(m)) return false;
+    }
+    for (uint32_t i = 0; i < s.nNumNode; ++i) {
+      const SPODNode& n = s.pNode[i];
+      struct Channel {
+        const float* keys;
+        size_t size;
+        uint32_t bit;
+        uint64_t keyBytes;
+        const char* what;
+      };
+      const Channel channels[] = {
+          {n.pfAnimPosition, n.nAnimPositionSize, ePODHasPositionAni, 12, "position"},
+          {n.pfAnimRotation, n.nAnimRotationSize, ePODHasRotationAni, 16, "rotation"},
+          {n.pfAnimScale, n.nAnimScaleSize, ePODHasScaleAni, 28, "scale"},
+          {n.pfAnimMatrix, n.nAnimMatrixSize, ePODHasMatrixAni, 64, "matrix"},
+      };
+      for (const Channel& ch : channels) {
+        const uint64_t keys = (n.nAnimFlags & ch.bit) ? frames : 1;
+        if (ch.keys != nullptr && ch.size < keys * ch.keyBytes)
+          return fail(i, std::string(ch.what) + " animation holds fewer than " +
+                             std::to_string(keys) + " keys");
+      }
+    }
+    return true;
+  }
+
+  bool savedMesh(uint32_t m) {
+    const SPODMesh& mesh = s.pMesh[m];
+    const std::string which = "mesh " + std::to_string(m) + ": ";
+    if (mesh.pnStripLength != nullptr && mesh.nStripLengthSize < uint64_t(mesh.nNumStrips) * 4)
+      return fail(-1, which + "strip lengths are shorter than " +
+                          std::to_string(mesh.nNumStrips) + " strips");
+    const uint64_t v = mesh.nNumVertex;
+    if (mesh.pInterleaved != nullptr && mesh.nInterleavedSize < v * mesh.sVertex.nStride)
+      return fail(-1, which + "interleaved block is shorter than its vertices");
+    const CPODBoneBatches& bb = mesh.sBoneBatches;
+    if ((bb.pnBatches || bb.pnBatchBoneCnt || bb.pnBatchOffset) &&
+        (bb.nBatchCnt < 0 || bb.nBatchBoneMax < 0))
+      return fail(-1, which + "negative bone-batch counts");
+    const uint64_t batches = bb.nBatchCnt > 0 ? uint64_t(bb.nBatchCnt) : 0;
+    const uint64_t boneMax = bb.nBatchBoneMax > 0 ? uint64_t(bb.nBatchBoneMax) : 0;
+    if ((bb.pnBatches && bb.nBatchesSize < batches * boneMax * 4) ||
+        (bb.pnBatchBoneCnt && bb.nBatchBoneCntSize < batches * 4) ||
+        (bb.pnBatchOffset && bb.nBatchOffsetSize < batches * 4))
+      return fail(-1, which + "bone-batch tables are shorter than their counts");
+    if (mesh.sFaces.pData != nullptr &&
+        mesh.sFaces.nDataSize < uint64_t(mesh.sFaces.nStride) * PODModelCountIndices(mesh))
+      return fail(-1, which + "face stream is shorter than its indices");
+    if (mesh.nNumUVW != 0 && (mesh.psUVW == nullptr || mesh.nUVWCount < mesh.nNumUVW))
+      return fail(-1, which + "declares " + std::to_string(mesh.nNumUVW) +
+                          " texture-coordinate sets but stores fewer");
+    if (mesh.pInterleaved != nullptr) return true;  // the streams hold offsets, nothing to read
+    const CPODData* streams[] = {&mesh.sVertex,    &mesh.sNormals, &mesh.sTangents,
+                                 &mesh.sBinormals, &mesh.sVtxColours, &mesh.sBoneIdx,
+                                 &mesh.sBoneWeight};
+    for (const CPODData* d : streams) {
+      if (d->pData != nullptr && d->nDataSize < v * d->nStride)
+        return fail(-1, which + "a vertex stream is shorter than its " + std::to_string(v) +
+                            " vertices");
+    }
+    for (uint32_t k = 0; k < mesh.nNumUVW; ++k) {
+      const CPODData& d = mesh.psUVW[k];
+      if (d.pData != nullptr && d.nDataSize < v * d.nStride)
+        return fail(-1, which + "texture-coordinate set " + std::to_string(k) +
+                            " is shorter than its " + std::to_string(v) + " vertices");
+    }
+    return true;
+  }
+
+  // Parent indices in range and no chain that loops (each node has one parent, so following
+  // parents with three colours visits every node once).
+  bool parents() {
+    const uint32_t count = s.nNumNode;
+    for (uint32_t i = 0; i < count; ++i) {
+      const int32_t p = s.pNode[i].nIdxParent;
+      if (p < -1 || (p >= 0 && uint32_t(p) >= count))
+        return fail(i, "parent index " + std::to_string(p) + " is out of range (" +
+                           std::to_string(count) + " nodes)");
+    }
+    enum : uint8_t { kUnseen, kOnPath, kDone };
+    std::vector<uint8_t> state(count, kUnseen);
+    for (uint32_t start = 0; start < count; ++start) {
+      int64_t i = start;
+      while (i >= 0 && state[i] == kUnseen) {
+        state[i] = kOnPath;
+        i = s.pNode[i].nIdxParent;
+      }
+      if (i >= 0 && state[i] == kOnPath) return fail(i, "parent chain loops back to this node");
+      for (int64_t j = start; j >= 0 && state[j] == kOnPath; j = s.pNode[j].nIdxParent)
+        state[j] = kDone;
+    }
+    return true;
+  }
+
+  const CPODScene& s;
+  SceneCheck& out;
+};
+
+}  // namespace
+
+SceneCheck CheckSceneForEdits(const CPODScene& scene, bool reduction) {
+  SceneCheck out;
+  Checker c(scene, out);
+  // In the order of the edits: the renaming walks the texture array, the reduction may stop at
+  // its assertion, the save reads everything.
+  if (scene.nNumTexture != 0 && scene.pTexture == nullptr) {
+    c.fail(-1, std::to_string(scene.nNumTexture) + " textures declared but none stored");
+    return out;
+  }
+  if (reduction && !c.reductionAssertion()) return out;
+  if (c.recordArrays()) c.savedScene();
+  return out;
+}
+
+SceneCheck CheckSceneForConversion(const CPODScene& scene, bool beforeSave) {
+  SceneCheck out;
+  Checker c(scene, out);
+  if (!c.recordArrays() || !c.nodeKindCounts()) return out;
+  const uint64_t meshEnd = scene.nNumMeshNode;
+  const uint64_t lightEnd = meshEnd + scene.nNumLight;
+  const uint64_t cameraEnd = lightEnd + scene.nNumCamera;
+  for (uint64_t i = 0; i < cameraEnd; ++i) {
+    const bool ok = i < meshEnd    ? c.meshNode(int64_t(i), beforeSave)
+                    : i < lightEnd ? c.lightNode(int64_t(i), beforeSave)
+                                   : c.cameraNode(int64_t(i), beforeSave);
+    if (!ok) return out;
+  }
+  c.parents();
+  return out;
+}
+
+std::string DescribeSceneCheck(const CPODScene& scene, const SceneCheck& check,
+                               const std::string& file) {
+  std::string line = "Korvex: " + file + ": ";
+  if (check.node >= 0) {
+    line += "node " + std::to_string(check.node);
+    if (scene.pNode != nullptr && uint64_t(check.node) < scene.nNumNode &&
+        scene.pNode[check.node].pszName != nullptr)
+      line += std::string(" \"") + scene.pNode[check.node].pszName + "\"";
+    line += ": ";
+  }
+  return line + check.problem;
+}

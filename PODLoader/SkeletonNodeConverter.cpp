@@ -1,0 +1,428 @@
+#include "SkeletonNodeConverter.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "Assertion.h"
+#include "ChannelKeys.h"
+#include "NodeDataBuffer.h"
+
+using korvex::AllocateNodeData;
+using korvex::LoadMatrixLE;
+using korvex::LoadU32LE;
+using korvex::StoreF32LE;
+using korvex::StoreMatrixLE;
+using korvex::StoreU32LE;
+
+namespace {
+
+const char kSource[] = "PODLoader/SkeletonNodeConverter";
+
+// Sizes and allocations taken from the bone count use its low byte only: the count is a byte in
+// the engine's format, so counts above 255 are not widened here (CheckAnimatedNode refuses them).
+uint32_t LowByte(int32_t k) {
+  return static_cast<uint32_t>(k) & 0xFFu;
+}
+
+// p carried as a row vector with w = 1; the additions run left to right, translation last.
+void CarryPoint(float out[3], const float p[3], const PODMATRIXf& m) {
+  out[0] = p[0] * m.f[0] + p[1] * m.f[4] + p[2] * m.f[8] + m.f[12];
+  out[1] = p[0] * m.f[1] + p[1] * m.f[5] + p[2] * m.f[9] + m.f[13];
+  out[2] = p[0] * m.f[2] + p[1] * m.f[6] + p[2] * m.f[10] + m.f[14];
+}
+
+void AddTo(float sum[3], const float v[3]) {
+  for (int i = 0; i < 3; ++i) sum[i] = sum[i] + v[i];
+}
+
+ZarVector3 Mean(const float sum[3], float count) {
+  return ZarVector3{sum[0] / count, sum[1] / count, sum[2] / count};
+}
+
+}  // namespace
+
+SkeletonNodeConverter::SkeletonNodeConverter() {
+  std::memset(&m_impl, 0, sizeof m_impl);
+}
+
+int32_t SkeletonNodeConverter::boneCount() const {
+  // A mesh without batch counts leaves BatchBoneCnt empty; its bone count is taken as 0, so the
+  // bone tables stay empty and every per-frame volume is the 0/0 mean of no bones.
+  const SSGNodeData& cnt = m_record->BatchBoneCnt;
+  if (cnt.data == nullptr || cnt.length < 4) return 0;
+  return static_cast<int32_t>(LoadU32LE(cnt.data));
+}
+
+int32_t SkeletonNodeConverter::batchEntry(int32_t b) const {
+  return static_cast<int32_t>(LoadU32LE(m_record->Batch.data + 4 * static_cast<size_t>(b)));
+}
+
+void SkeletonNodeConverter::convertSkeletonNode(CPODScene* scene, int nodeIndex,
+                                                SSGQelSkeletalMeshNodeData* record) {
+  m_scene = scene;
+  m_record = record;
+  m_nodeIndex = nodeIndex;
+  m_meshIndex = scene->pNode[nodeIndex].nIdx;
+  m_registeredBones = 0;
+  m_currentFrame = 0;
+
+  init(record);
+  record->numAnimation = scene->nNumFrame;
+  m_frameCount = static_cast<int32_t>(scene->nNumFrame);
+
+  createEvaluationState();
+  setFrame(0);
+  for (uint32_t i = 0; i < scene->nNumNode; ++i) {
+    getWorldMatrixNoCache(m_worldFrameZero[i], scene->pNode[i]);
+  }
+  m_worldCache = m_worldFrameZero;
+  std::fill(m_cachedFrame.begin(), m_cachedFrame.end(), 0.0f);
+  m_impl.pmWorldCache = m_worldCache.data();
+
+  createBoneBatchItem();
+  createBoneIdx();
+  createBoneWeight();
+  createSPODImpl();
+  createBoneIndexBuffer();
+  createBoneWorldMatrixBuffer();
+  createBoundingVolumeBuffer();
+}
+
+void SkeletonNodeConverter::init(SSGQelSkeletalMeshNodeData* record) {
+  SSGNodeData* buffers[] = {&record->Batch,
+                            &record->BatchBoneCnt,
+                            &record->BatchOffset,
+                            &record->BoneIdx_ptr,
+                            &record->BoneWeight_ptr,
+                            &record->sBoneIndexbuffer,
+                            &record->sBoneWorldMatrixbuffer,
+                            &record->sSpherebuffer,
+                            &record->sAABBbuffer};
+  for (SSGNodeData* b : buffers) *b = SSGNodeData{0, 0, nullptr};
+}
+
+// All fields zero, the frame fields copied from the scene, fresh per-node caches. The previous
+// node's caches are released (reused) here; nothing of them is read again.
+void SkeletonNodeConverter::createEvaluationState() {
+  const SPODImpl& sceneState = *m_scene->m_pImpl;
+  std::memset(&m_impl, 0, sizeof m_impl);
+  m_impl.fCurrentFrame = sceneState.fCurrentFrame;
+  m_impl.fFrameBlend = sceneState.fFrameBlend;
+  m_impl.nFrameIndex = sceneState.nFrameIndex;
+  m_impl.bReadFromMemory = sceneState.bReadFromMemory;
+  const size_t n = m_scene->nNumNode;
+  m_cachedFrame.assign(n, 0.0f);
+  m_worldCache.assign(n, PODMATRIXf{});
+  m_worldFrameZero.assign(n, PODMATRIXf{});
+  m_impl.pfCachedFrame = m_cachedFrame.data();
+  m_impl.pmWorldCache = m_worldCache.data();
+  m_impl.pmWorldFrameZero = m_worldFrameZero.data();
+}
+
+// Drives the scene's own frame state: the blend and index the channel rules read are the scene's.
+void SkeletonNodeConverter::setFrame(float frame) {
+  SPODImpl& state = *m_scene->m_pImpl;
+  m_currentFrame = static_cast<int32_t>(frame);
+  if (m_frameCount != 0) {
+    state.nFrameIndex = m_currentFrame;
+    state.fFrameBlend = frame - static_cast<float>(m_currentFrame);
+  } else {
+    state.nFrameIndex = 0;
+    state.fFrameBlend = 0.0f;
+  }
+  if (frame > static_cast<float>(m_frameCount)) {
+    m_currentFrame = 0;
+  } else {
+    state.fCurrentFrame = frame;
+  }
+}
+
+void SkeletonNodeConverter::createBoneBatchItem() {
+  const CPODBoneBatches& batches = m_scene->pMesh[m_meshIndex].sBoneBatches;
+  m_record->boneBatchA = static_cast<uint32_t>(batches.nBatchBoneMax);
+  m_record->boneBatchB = static_cast<uint32_t>(batches.nBatchCnt);
+  if (batches.pnBatchBoneCnt == nullptr || batches.nBatchBoneCntSize < 4) return;
+
+  // Only the first batch is converted; the engine reads one batch per skinned mesh.
+  const int32_t k = batches.pnBatchBoneCnt[0];
+  AllocateNodeData(m_record->BatchBoneCnt, SSGBufferInt32, 4);
+  StoreU32LE(m_record->BatchBoneCnt.data, static_cast<uint32_t>(k));
+
+  const uint32_t entries = LowByte(k);
+  AllocateNodeData(m_record->Batch, SSGBufferInt32, entries * 4);
+  const size_t available = batches.pnBatches ? batches.nBatchesSize / 4 : 0;
+  for (uint32_t b = 0; b < entries && b < available; ++b) {
+    StoreU32LE(m_record->Batch.data + 4 * b, static_cast<uint32_t>(batches.pnBatches[b]));
+  }
+}
+
+namespace {
+
+// Raw copy of a separate per-vertex stream; the bytes beyond what the stream holds (none once
+// vetted) stay zero.
+void CopyBoneStream(SSGNodeData& buffer, CPODData& descriptor, const CPODData& stream,
+                    uint32_t numVertex) {
+  descriptor.eType = stream.eType;
+  descriptor.n = stream.n;
+  descriptor.nStride = stream.nStride;
+  descriptor.pData = nullptr;
+  const uint32_t bytes = numVertex * stream.nStride;
+  AllocateNodeData(buffer, 0, bytes);
+  const size_t held = stream.pData ? stream.nDataSize : 0;
+  if (bytes > 0 && held > 0) std::memcpy(buffer.data, stream.pData, bytes < held ? bytes : held);
+}
+
+}  // namespace
+
+void SkeletonNodeConverter::createBoneIdx() {
+  const SPODMesh& mesh = m_scene->pMesh[m_meshIndex];
+  CopyBoneStream(m_record->BoneIdx_ptr, m_record->boneIdx, mesh.sBoneIdx, mesh.nNumVertex);
+}
+
+void SkeletonNodeConverter::createBoneWeight() {
+  const SPODMesh& mesh = m_scene->pMesh[m_meshIndex];
+  CopyBoneStream(m_record->BoneWeight_ptr, m_record->boneWeight, mesh.sBoneWeight, mesh.nNumVertex);
+}
+
+void SkeletonNodeConverter::createSPODImpl() {
+  const SPODImpl& state = *m_scene->m_pImpl;
+  m_record->evalFrame = state.fCurrentFrame;
+  m_record->evalBlend = state.fFrameBlend;
+  m_record->evalFrameIndex = state.nFrameIndex;
+}
+
+void SkeletonNodeConverter::createBoneIndexBuffer() {
+  const uint32_t bytes = LowByte(boneCount()) * 4;
+  AllocateNodeData(m_record->sBoneIndexbuffer, SSGBufferInt32, bytes);
+  if (bytes > 0) std::memset(m_record->sBoneIndexbuffer.data, 0xFF, bytes);
+}
+
+void SkeletonNodeConverter::createBoneWorldMatrixBuffer() {
+  const uint32_t bytes = m_record->numAnimation * LowByte(boneCount()) * 64;
+  AllocateNodeData(m_record->sBoneWorldMatrixbuffer, SSGBufferMatrix, bytes);
+  calculateAllBoneWorldMatrix();
+}
+
+void SkeletonNodeConverter::createBoundingVolumeBuffer() {
+  AllocateNodeData(m_record->sSpherebuffer, SSGBufferSphere,
+                   m_record->numAnimation * kSGSphereElementSize);
+  AllocateNodeData(m_record->sAABBbuffer, SSGBufferAABB,
+                   m_record->numAnimation * kSGAABBElementSize);
+  calculateBVbuffer();
+}
+
+int SkeletonNodeConverter::getBoneIndex(int bone) const {
+  const int32_t k = boneCount();
+  for (int32_t slot = 0; slot < k; ++slot) {
+    const uint8_t* entry = m_record->sBoneIndexbuffer.data + 4 * static_cast<size_t>(slot);
+    if (static_cast<int32_t>(LoadU32LE(entry)) == bone) return slot;
+  }
+  return -1;
+}
+
+void SkeletonNodeConverter::setBoneIndex(int bone) {
+  if (getBoneIndex(bone) != -1) return;
+  StoreU32LE(m_record->sBoneIndexbuffer.data + 4 * static_cast<size_t>(m_registeredBones),
+             static_cast<uint32_t>(bone));
+  ++m_registeredBones;
+}
+
+void SkeletonNodeConverter::setBoneWorldMatrix(PODMATRIXf matrix, int bone, int frame) {
+  const int _index = getBoneIndex(bone);
+  KX_ASSERT_TEXT(_index != -1, "_index!=-1", kSource, 204);
+  const size_t element =
+      static_cast<size_t>(m_frameCount) * static_cast<size_t>(_index) + static_cast<size_t>(frame);
+  StoreMatrixLE(m_record->sBoneWorldMatrixbuffer.data + 64 * element, matrix);
+}
+
+void SkeletonNodeConverter::getBoneWorldMatrixBuffer(PODMATRIXf& out, int bone, int frame) const {
+  const int _index = getBoneIndex(bone);
+  KX_ASSERT_TEXT(_index != -1, "_index!=-1", kSource, 402);
+  if (frame >= m_frameCount) frame = 0;
+  const size_t element =
+      static_cast<size_t>(m_frameCount) * static_cast<size_t>(_index) + static_cast<size_t>(frame);
+  LoadMatrixLE(out, m_record->sBoneWorldMatrixbuffer.data + 64 * element);
+}
+
+// The geometry word and the trailing word of a volume element carry nothing; they are written 0.
+void SkeletonNodeConverter::setBVSphere(const QelSphere* sphere, int frame) {
+  uint8_t* p = m_record->sSpherebuffer.data + kSGSphereElementSize * static_cast<size_t>(frame);
+  StoreU32LE(p, 0);
+  StoreF32LE(p + 4, sphere->center.x);
+  StoreF32LE(p + 8, sphere->center.y);
+  StoreF32LE(p + 12, sphere->center.z);
+  StoreF32LE(p + 16, sphere->radius);
+  StoreU32LE(p + 20, 0);
+}
+
+void SkeletonNodeConverter::setBVAABB(const QelAABB* box, int frame) {
+  uint8_t* p = m_record->sAABBbuffer.data + kSGAABBElementSize * static_cast<size_t>(frame);
+  const ZarVector3* vectors[] = {&box->min, &box->max, &box->center};
+  StoreU32LE(p, 0);
+  for (int v = 0; v < 3; ++v) {
+    StoreF32LE(p + 4 + 12 * v, vectors[v]->x);
+    StoreF32LE(p + 8 + 12 * v, vectors[v]->y);
+    StoreF32LE(p + 12 + 12 * v, vectors[v]->z);
+  }
+  StoreU32LE(p + 40, 0);
+}
+
+// Channel rules of this converter. Unlike the scene's own evaluation, position and scale are
+// interpolated whatever the flags say, and a present rotation without its flag reads key 0.
+void SkeletonNodeConverter::getTranslationMatrix(PODMATRIXf& out, const SPODNode& node) const {
+  PODVECTOR3f p{node.pfPosition[0], node.pfPosition[1], node.pfPosition[2]};
+  if (korvex::PositionKeyCount(node) > 0) {
+    const SPODImpl& state = *m_scene->m_pImpl;
+    PODMatrixVec3LerpF(p, korvex::PositionKey(node, state.nFrameIndex),
+                       korvex::PositionKey(node, int64_t{state.nFrameIndex} + 1),
+                       state.fFrameBlend);
+  }
+  PODMatrixTranslationF(out, p.x, p.y, p.z);
+}
+
+void SkeletonNodeConverter::getScalingMatrix(PODMATRIXf& out, const SPODNode& node) const {
+  PODVECTOR3f s{node.pfScale[0], node.pfScale[1], node.pfScale[2]};
+  if (korvex::ScaleKeyCount(node) > 0) {
+    const SPODImpl& state = *m_scene->m_pImpl;
+    PODMatrixVec3LerpF(s, korvex::ScaleKey(node, state.nFrameIndex),
+                       korvex::ScaleKey(node, int64_t{state.nFrameIndex} + 1), state.fFrameBlend);
+  }
+  PODMatrixScalingF(out, s.x, s.y, s.z);
+}
+
+void SkeletonNodeConverter::getRotationMatrix(PODMATRIXf& out, const SPODNode& node) const {
+  if (korvex::RotationKeyCount(node) == 0) {
+    PODMatrixIdentityF(out);
+    return;
+  }
+  PODQUATERNIONf q = korvex::RotationKey(node, 0);
+  if (node.nAnimFlags & ePODHasRotationAni) {
+    const SPODImpl& state = *m_scene->m_pImpl;
+    PODMatrixQuaternionSlerpF(q, korvex::RotationKey(node, state.nFrameIndex),
+                              korvex::RotationKey(node, int64_t{state.nFrameIndex} + 1),
+                              state.fFrameBlend);
+  }
+  PODMatrixRotationQuaternionF(out, q);
+}
+
+// S x R x T of the node alone.
+void SkeletonNodeConverter::localMatrix(PODMATRIXf& out, const SPODNode& node) const {
+  PODMATRIXf tmp;
+  getScalingMatrix(out, node);
+  getRotationMatrix(tmp, node);
+  PODMatrixMultiplyF(out, out, tmp);
+  getTranslationMatrix(tmp, node);
+  PODMatrixMultiplyF(out, out, tmp);
+}
+
+// local x parent world, the parent's world evaluated the same way. Walked iteratively, root
+// last, with the products formed child-side first as a recursion would; the walk stops after
+// nNumNode nodes, so a cyclic chain (refused by CheckAnimatedNode) cannot run away.
+void SkeletonNodeConverter::getWorldMatrixNoCache(PODMATRIXf& out, const SPODNode& node) {
+  const uint32_t count = m_scene->nNumNode;
+  m_chain.clear();
+  m_chain.push_back(static_cast<uint32_t>(&node - m_scene->pNode));
+  for (;;) {
+    const int32_t parent = m_scene->pNode[m_chain.back()].nIdxParent;
+    if (parent < 0 || static_cast<uint32_t>(parent) >= count || m_chain.size() >= count) break;
+    m_chain.push_back(static_cast<uint32_t>(parent));
+  }
+  localMatrix(out, m_scene->pNode[m_chain.back()]);
+  PODMATRIXf local;
+  for (size_t k = m_chain.size() - 1; k-- > 0;) {
+    localMatrix(local, m_scene->pNode[m_chain[k]]);
+    PODMatrixMultiplyF(out, local, out);
+  }
+}
+
+// Frame 0 comes from this converter's frame-0 table. The scene's own per-frame cache, which is
+// what a hit would be tested against, is never written by the converters and holds zeros after
+// the reader's flush, so any other frame is computed afresh and only recorded here.
+void SkeletonNodeConverter::getWorldMatrix(PODMATRIXf& out, const SPODNode& node) {
+  const size_t i = static_cast<size_t>(&node - m_scene->pNode);
+  const float frame = m_scene->m_pImpl->fCurrentFrame;
+  if (frame == 0.0f) {
+    out = m_worldFrameZero[i];
+    return;
+  }
+  getWorldMatrixNoCache(out, node);
+  m_worldCache[i] = out;
+  m_cachedFrame[i] = frame;
+}
+
+// Bind pose from the mesh node's first keys (not its static fields), times the inverse of the
+// bone's frame-0 world matrix, times the bone's world matrix at the current frame. A mesh node
+// parented to node 0 keeps no parent transform here: only parents above 0 count.
+void SkeletonNodeConverter::getBoneWorldMatrix(PODMATRIXf& out, const SPODNode& meshNode,
+                                               const SPODNode& boneNode) {
+  const float remembered = static_cast<float>(m_currentFrame);
+  setFrame(0);
+
+  const PODVECTOR3f scale = korvex::ScaleKey(meshNode, 0);
+  const PODVECTOR3f position = korvex::PositionKey(meshNode, 0);
+  PODMATRIXf tmp;
+  PODMatrixScalingF(out, scale.x, scale.y, scale.z);
+  PODMatrixRotationQuaternionF(tmp, korvex::RotationKey(meshNode, 0));
+  PODMatrixMultiplyF(out, out, tmp);
+  PODMatrixTranslationF(tmp, position.x, position.y, position.z);
+  PODMatrixMultiplyF(out, out, tmp);
+  if (meshNode.nIdxParent > 0) {
+    getWorldMatrixNoCache(tmp, m_scene->pNode[meshNode.nIdxParent]);
+    PODMatrixMultiplyF(out, out, tmp);
+  }
+
+  getWorldMatrix(tmp, boneNode);
+  PODMatrixInverseF(tmp, tmp);
+  PODMatrixMultiplyF(out, out, tmp);
+
+  setFrame(remembered);
+  getWorldMatrix(tmp, boneNode);
+  PODMatrixMultiplyF(out, out, tmp);
+}
+
+void SkeletonNodeConverter::calculateAllBoneWorldMatrix() {
+  const SPODNode& meshNode = m_scene->pNode[m_nodeIndex];
+  const int32_t k = boneCount();
+  for (int32_t b = 0; b < k; ++b) {
+    const int32_t bone = batchEntry(b);
+    setBoneIndex(bone);
+    for (int32_t f = 0; f < m_frameCount; ++f) {
+      setFrame(static_cast<float>(f));
+      PODMATRIXf m;
+      getBoneWorldMatrix(m, meshNode, m_scene->pNode[bone]);
+      setBoneWorldMatrix(m, bone, f);
+    }
+  }
+}
+
+// The per-frame volumes follow the mean skinned centre. The three box sums all receive the
+// carried box centre (the carried corners are not used), so each frame's box collapses onto
+// that point: min, max and centre are equal, and the radius stays the static one.
+void SkeletonNodeConverter::calculateBVbuffer() {
+  const int32_t k = boneCount();
+  const float count = static_cast<float>(k);
+  for (int32_t f = 0; f < m_frameCount; ++f) {
+    float sphereSum[3] = {0, 0, 0}, centreSum[3] = {0, 0, 0};
+    float maxSum[3] = {0, 0, 0}, minSum[3] = {0, 0, 0};
+    for (int32_t b = 0; b < k; ++b) {
+      PODMATRIXf m;
+      getBoneWorldMatrixBuffer(m, batchEntry(b), f);
+      float p[3];
+      CarryPoint(p, m_record->sphereCenter, m);
+      AddTo(sphereSum, p);
+      CarryPoint(p, m_record->boxCenter, m);
+      AddTo(centreSum, p);
+      AddTo(maxSum, p);
+      AddTo(minSum, p);
+    }
+    QelSphere sphere{};
+    sphere.center = Mean(sphereSum, count);
+    sphere.radius = m_record->sphereRadius;
+    setBVSphere(&sphere, f);
+    QelAABB box{};
+    box.min = Mean(minSum, count);
+    box.max = Mean(maxSum, count);
+    box.center = Mean(centreSum, count);
+    setBVAABB(&box, f);
+  }
+}

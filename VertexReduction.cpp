@@ -1,0 +1,387 @@
+#include "VertexReduction.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "Assertion.h"
+
+namespace {
+
+constexpr uint32_t kMaxUVSets = 2;
+// Indices are 16-bit, so no triangle can reach a vertex beyond this.
+constexpr size_t kAddressableVertices = 65536;
+// Bone streams are copied once per kept vertex and a vertex with a NaN becomes a new kept vertex
+// at every corner, so a huge per-vertex bone count would multiply the input size. Real skinned
+// meshes carry a handful of bones a vertex; meshes claiming more than this are left alone.
+constexpr uint32_t kMaxBonesPerVertex = 16;
+constexpr double kNearTolerance = 0.001;
+
+// Memo states of an old vertex besides the index of the kept vertex it resolves to.
+constexpr int32_t kUnseen = -1;
+constexpr int32_t kNeverMatches = -2;
+
+const char* NodeName(const SPODNode* node) {
+  // A node without a name prints as an empty name rather than passing null to printf.
+  return node != nullptr && node->pszName != nullptr ? node->pszName : "";
+}
+
+float LoadFloat(const uint8_t* p) {
+  float f;
+  std::memcpy(&f, p, sizeof f);
+  return f;
+}
+
+bool IsPackedFloatStream(const CPODData& d, uint32_t components, uint32_t vertices) {
+  return d.eType == EPODDataFloat && d.n == components && d.nStride == components * 4 &&
+         d.pData != nullptr && d.nDataSize / d.nStride >= vertices;
+}
+
+bool HoldsPackedElements(const CPODData& d, uint32_t elementSize, uint32_t vertices) {
+  if (d.n == 0) return true;
+  return d.nStride == elementSize && d.pData != nullptr && d.nDataSize / d.nStride >= vertices;
+}
+
+// Null when the reduction can handle the mesh, otherwise why not. The reduction reads every
+// stream at a fixed stride and replaces some with packed arrays while keeping their descriptors,
+// so anything else would be read or written out of bounds; such meshes are left as they are.
+const char* WhyNotReducible(const SPODMesh& mesh) {
+  const uint32_t nv = mesh.nNumVertex;
+  if (mesh.pInterleaved != nullptr) return "interleaved vertex data";
+  if (mesh.nNumStrips != 0 || mesh.pnStripLength != nullptr) return "triangle strips";
+  if (!IsPackedFloatStream(mesh.sVertex, 3, nv)) return "positions are not 3 floats a vertex";
+  if (!IsPackedFloatStream(mesh.sNormals, 3, nv)) return "normals missing or not 3 floats a vertex";
+
+  const uint32_t uvSets = std::min(mesh.nNumUVW, kMaxUVSets);
+  if (uvSets > 0 && (mesh.psUVW == nullptr || mesh.nUVWCount < uvSets))
+    return "texture-coordinate descriptors missing";
+  for (uint32_t k = 0; k < uvSets; ++k)
+    if (!IsPackedFloatStream(mesh.psUVW[k], 2, nv))
+      return "texture coordinates are not 2 floats a vertex";
+
+  const CPODData& faces = mesh.sFaces;
+  if (mesh.nNumFaces > static_cast<uint32_t>(INT32_MAX) / 3) return "too many triangles";
+  const size_t corners = static_cast<size_t>(mesh.nNumFaces) * 3;
+  if (faces.eType != EPODDataUInt16 || faces.nStride != 2) return "indices are not 16-bit";
+  if (faces.nDataSize / 2 < corners || (corners > 0 && faces.pData == nullptr))
+    return "index stream shorter than its triangles";
+  for (size_t c = 0; c < corners; ++c) {
+    uint16_t i;
+    std::memcpy(&i, faces.pData + 2 * c, 2);
+    if (i >= nv) return "an index is out of range";
+  }
+
+  if (mesh.sBoneBatches.nBatchCnt > 0) {
+    const CPODData& idx = mesh.sBoneIdx;
+    const CPODData& weights = mesh.sBoneWeight;
+    if (idx.n > kMaxBonesPerVertex || weights.n > kMaxBonesPerVertex)
+      return "too many bones a vertex";
+    // One weight is copied per bone index.
+    if (weights.n < idx.n) return "fewer bone weights than bone indices";
+    if (!HoldsPackedElements(idx, idx.n, nv) || !HoldsPackedElements(weights, weights.n * 4, nv))
+      return "bone streams are not packed or shorter than their vertices";
+  }
+  return nullptr;
+}
+
+// Everything of an old vertex that decides whether it merges.
+struct Corner {
+  float position[3];
+  float u[kMaxUVSets];
+  float v[kMaxUVSets];
+};
+
+uint32_t FloatKeyBits(float f) {
+  // Equal floats must hash alike, and +0.0 equals -0.0.
+  if (f == 0.0f) return 0;
+  uint32_t bits;
+  std::memcpy(&bits, &f, sizeof bits);
+  return bits;
+}
+
+// Kept vertices grouped by the components that must compare equal (the position, and in exact
+// mode the texture coordinates when they take part). Each group lists its kept vertices in list
+// order, so the first match of the full scan is the first match in the group.
+class KeptVertexIndex {
+ public:
+  KeptVertexIndex(size_t maxGroups, uint32_t uvSetsInKey) : m_uvSetsInKey(uvSetsInKey) {
+    size_t capacity = 16;
+    while (capacity < 2 * maxGroups) capacity *= 2;
+    m_slots.assign(capacity, Slot{0, -1, -1});
+    m_mask = capacity - 1;
+  }
+
+  // The slot of the group of `c`: an occupied one if the group exists, else where it goes.
+  size_t find(const Corner& c, const std::vector<buffer>& kept, uint32_t& hash) const {
+    hash = hashOf(c);
+    size_t pos = hash & m_mask;
+    while (m_slots[pos].head >= 0) {
+      if (m_slots[pos].hash == hash && keyEquals(kept[m_slots[pos].head], c)) return pos;
+      pos = (pos + 1) & m_mask;
+    }
+    return pos;
+  }
+
+  int32_t head(size_t slot) const { return m_slots[slot].head; }
+  int32_t next(int32_t entry) const { return m_next[entry]; }
+
+  // Every kept vertex is registered, grouped or not, so entry numbers stay aligned.
+  void registerUngrouped() { m_next.push_back(-1); }
+
+  void append(size_t slot, uint32_t hash, int32_t entry) {
+    m_next.push_back(-1);
+    Slot& s = m_slots[slot];
+    if (s.head < 0) {
+      s = Slot{hash, entry, entry};
+    } else {
+      m_next[s.tail] = entry;
+      s.tail = entry;
+    }
+  }
+
+ private:
+  struct Slot {
+    uint32_t hash;
+    int32_t head;  // first kept vertex of the group, -1 for an empty slot
+    int32_t tail;
+  };
+
+  uint32_t hashOf(const Corner& c) const {
+    uint64_t h = 0x9E3779B97F4A7C15ull;
+    auto mix = [&h](float f) {
+      h = (h ^ FloatKeyBits(f)) * 0xFF51AFD7ED558CCDull;
+      h ^= h >> 29;
+    };
+    for (float f : c.position) mix(f);
+    for (uint32_t k = 0; k < m_uvSetsInKey; ++k) {
+      mix(c.u[k]);
+      mix(c.v[k]);
+    }
+    h *= 0xC4CEB9FE1A85EC53ull;
+    h ^= h >> 32;
+    return static_cast<uint32_t>(h);
+  }
+
+  bool keyEquals(const buffer& b, const Corner& c) const {
+    for (int a = 0; a < 3; ++a)
+      if (!(b.position[a] == c.position[a])) return false;
+    for (uint32_t k = 0; k < m_uvSetsInKey; ++k)
+      if (!(b.u[k] == c.u[k]) || !(b.v[k] == c.v[k])) return false;
+    return true;
+  }
+
+  std::vector<Slot> m_slots;
+  std::vector<int32_t> m_next;
+  size_t m_mask = 0;
+  uint32_t m_uvSetsInKey;
+};
+
+bool IsNear(float a, float b) {
+  return std::fabs(static_cast<double>(a) - static_cast<double>(b)) <= kNearTolerance;
+}
+
+bool UVsNear(const buffer& b, const Corner& c, uint32_t uvSets) {
+  for (uint32_t k = 0; k < uvSets; ++k)
+    if (!IsNear(b.u[k], c.u[k]) || !IsNear(b.v[k], c.v[k])) return false;
+  return true;
+}
+
+// Whether a corner can match a kept vertex at all. One that cannot (a NaN compared exactly, or
+// a non-finite coordinate compared nearly) matches nothing, not even a copy of itself, so it
+// becomes a new kept vertex at every corner and never joins a group.
+bool CanMatch(const Corner& c, uint32_t uvSetsCompared, bool nearly) {
+  for (float f : c.position)
+    if (std::isnan(f)) return false;
+  for (uint32_t k = 0; k < uvSetsCompared; ++k) {
+    const bool ok = nearly ? std::isfinite(c.u[k]) && std::isfinite(c.v[k])
+                           : !std::isnan(c.u[k]) && !std::isnan(c.v[k]);
+    if (!ok) return false;
+  }
+  return true;
+}
+
+void* AllocZeroed(size_t bytes) {
+  // Never null on success, even for an empty mesh: a present stream stays present.
+  return std::calloc(bytes > 0 ? bytes : 1, 1);
+}
+
+void Install(CPODData& d, void* data, size_t bytes) {
+  std::free(d.pData);
+  d.pData = static_cast<uint8_t*>(data);
+  d.nDataSize = bytes;
+}
+
+// Reduces the mesh; null when done, otherwise why the mesh was left as it is.
+const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
+  if (mesh == nullptr) return "no mesh";
+  if (const char* why = WhyNotReducible(*mesh)) return why;
+  if (mesh->nNumUVW > kMaxUVSets) {
+    mesh->nNumUVW = kMaxUVSets;
+    std::printf("Error1: Number of UVW > 2, \"%s\"\n", NodeName(node));
+  }
+
+  const uint32_t uvSets = mesh->nNumUVW;
+  const uint32_t uvSetsCompared = useUV ? uvSets : 0;
+  const bool skinned = mesh->sBoneBatches.nBatchCnt > 0;
+  const uint32_t bonesPerVertex = skinned ? mesh->sBoneIdx.n : 0;
+  const size_t corners = static_cast<size_t>(mesh->nNumFaces) * 3;
+  const size_t addressable = std::min<size_t>(mesh->nNumVertex, kAddressableVertices);
+
+  const uint8_t* positions = mesh->sVertex.pData;
+  const uint8_t* normals = mesh->sNormals.pData;
+
+  std::vector<buffer> kept;
+  kept.reserve(std::min(corners, addressable));
+  KeptVertexIndex index(addressable, nearly ? 0 : uvSetsCompared);
+  // An old vertex resolves to the same kept vertex at every corner that uses it: kept vertices
+  // are only ever appended and never change what they compare on, so the ones the first scan
+  // passed over still fail and the one it stopped at still matches.
+  std::vector<int32_t> resolved(addressable, kUnseen);
+  std::vector<uint16_t> newFaces(corners);
+
+  auto appendKept = [&](uint32_t i, const Corner& c) {
+    buffer b{};
+    std::memcpy(b.position, c.position, sizeof c.position);
+    for (uint32_t k = 0; k < uvSets; ++k) {
+      b.u[k] = c.u[k];
+      b.v[k] = c.v[k];
+    }
+    b.newIndex = static_cast<uint16_t>(kept.size());  // wraps above 65,535 by design
+    if (skinned) {
+      const CPODData& idx = mesh->sBoneIdx;
+      const CPODData& weights = mesh->sBoneWeight;
+      b.boneIndices.resize(bonesPerVertex);
+      b.boneWeights.resize(bonesPerVertex);
+      for (uint32_t j = 0; j < bonesPerVertex; ++j) {
+        b.boneIndices[j] = idx.pData[static_cast<size_t>(idx.nStride) * i + j];
+        b.boneWeights[j] = LoadFloat(weights.pData + static_cast<size_t>(weights.nStride) * i + 4 * j);
+      }
+    }
+    kept.push_back(std::move(b));
+    return static_cast<int32_t>(kept.size() - 1);
+  };
+
+  for (size_t f = 0; f < corners; ++f) {
+    uint16_t i;
+    std::memcpy(&i, mesh->sFaces.pData + 2 * f, 2);
+    int32_t entry = resolved[i];
+    if (entry < 0) {
+      Corner c{};
+      for (int a = 0; a < 3; ++a) c.position[a] = LoadFloat(positions + 12 * size_t{i} + 4 * a);
+      for (uint32_t k = 0; k < uvSets; ++k) {
+        c.u[k] = LoadFloat(mesh->psUVW[k].pData + 8 * size_t{i});
+        c.v[k] = LoadFloat(mesh->psUVW[k].pData + 8 * size_t{i} + 4);
+      }
+      if (entry == kNeverMatches || !CanMatch(c, uvSetsCompared, nearly)) {
+        entry = appendKept(i, c);
+        index.registerUngrouped();
+        resolved[i] = kNeverMatches;
+      } else {
+        uint32_t hash;
+        const size_t slot = index.find(c, kept, hash);
+        entry = index.head(slot);
+        if (nearly && uvSetsCompared > 0) {
+          while (entry >= 0 && !UVsNear(kept[entry], c, uvSetsCompared)) entry = index.next(entry);
+        }
+        if (entry < 0) {
+          entry = appendKept(i, c);
+          index.append(slot, hash, entry);
+        }
+        resolved[i] = entry;
+      }
+    }
+    buffer& b = kept[entry];
+    std::memcpy(b.normal, normals + 12 * size_t{i}, sizeof b.normal);
+    newFaces[f] = b.newIndex;
+  }
+
+  // Allocate everything before changing anything, so a failed allocation leaves the mesh whole.
+  const size_t n = kept.size();
+  const uint32_t weightsPerVertex = skinned ? mesh->sBoneWeight.n : 0;
+  const size_t boneIdxBytes = n * bonesPerVertex;
+  const size_t boneWeightBytes = n * weightsPerVertex * 4;
+  float* newPositions = static_cast<float*>(AllocZeroed(n * 12));
+  float* newNormals = static_cast<float*>(AllocZeroed(n * 12));
+  float* newUVs[kMaxUVSets] = {};
+  for (uint32_t k = 0; k < uvSets; ++k) newUVs[k] = static_cast<float*>(AllocZeroed(n * 8));
+  // The weight array keeps its stride of sBoneWeight.n floats but is filled with one weight per
+  // bone index; the rest is zero rather than left undefined.
+  uint8_t* newBoneIdx = skinned ? static_cast<uint8_t*>(AllocZeroed(boneIdxBytes)) : nullptr;
+  float* newBoneWeights = skinned ? static_cast<float*>(AllocZeroed(boneWeightBytes)) : nullptr;
+  bool allocated = newPositions != nullptr && newNormals != nullptr;
+  for (uint32_t k = 0; k < uvSets; ++k) allocated = allocated && newUVs[k] != nullptr;
+  if (skinned) allocated = allocated && newBoneIdx != nullptr && newBoneWeights != nullptr;
+  if (!allocated) {
+    std::free(newPositions);
+    std::free(newNormals);
+    for (float* uv : newUVs) std::free(uv);
+    std::free(newBoneIdx);
+    std::free(newBoneWeights);
+    return "out of memory";
+  }
+
+  for (size_t e = 0; e < n; ++e) {
+    const buffer& b = kept[e];
+    std::memcpy(newPositions + 3 * e, b.position, 12);
+    std::memcpy(newNormals + 3 * e, b.normal, 12);
+    for (uint32_t k = 0; k < uvSets; ++k) {
+      newUVs[k][2 * e] = b.u[k];
+      newUVs[k][2 * e + 1] = b.v[k];
+    }
+    if (skinned) {
+      std::copy(b.boneIndices.begin(), b.boneIndices.end(), newBoneIdx + e * bonesPerVertex);
+      std::copy(b.boneWeights.begin(), b.boneWeights.end(), newBoneWeights + e * bonesPerVertex);
+    }
+  }
+
+  if (corners > 0) std::memcpy(mesh->sFaces.pData, newFaces.data(), 2 * corners);
+  Install(mesh->sVertex, newPositions, n * 12);
+  for (uint32_t k = 0; k < uvSets; ++k) Install(mesh->psUVW[k], newUVs[k], n * 8);
+  Install(mesh->sNormals, newNormals, n * 12);
+  mesh->nNumVertex = static_cast<uint32_t>(n);
+  if (skinned) {
+    Install(mesh->sBoneIdx, newBoneIdx, boneIdxBytes);
+    Install(mesh->sBoneWeight, newBoneWeights, boneWeightBytes);
+  }
+  return nullptr;
+}
+
+// Standard output is the tool's exact output, so a mesh left alone is noted on standard error.
+void NoteUnreduced(const SPODNode* node, const char* why) {
+  std::fprintf(stderr, "Note: vertices of \"%s\" not reduced: %s\n", NodeName(node), why);
+}
+
+}  // namespace
+
+void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
+  ReduceMesh(node, mesh, useUV, nearly);
+}
+
+void reduceMeshVertex(SPODScene* scene, bool nearly) {
+  std::puts(nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
+                   : "Reducing vertex number with vertex have SAME UV...");
+  // 32-bit totals, wrapping like the counts they add up.
+  uint32_t before = 0;
+  uint32_t after = 0;
+  // Mesh nodes beyond the node array cannot be visited.
+  const uint32_t meshNodes =
+      scene != nullptr && scene->pNode != nullptr ? std::min(scene->nNumMeshNode, scene->nNumNode) : 0;
+  for (uint32_t k = 0; k < meshNodes; ++k) {
+    SPODNode* node = &scene->pNode[k];
+    KX_ASSERT(node->nIdx != -1, "main");
+    if (node->nIdx < 0 || static_cast<uint32_t>(node->nIdx) >= scene->nNumMesh ||
+        scene->pMesh == nullptr) {
+      NoteUnreduced(node, "no such mesh");
+      continue;
+    }
+    SPODMesh* mesh = &scene->pMesh[node->nIdx];
+    before += mesh->nNumVertex;
+    if (const char* why = ReduceMesh(node, mesh, node->nIdxMaterial >= 0, nearly)) NoteUnreduced(node, why);
+    after += mesh->nNumVertex;
+  }
+  std::printf("Total vertex before reduction: %d\n", static_cast<int32_t>(before));
+  std::printf("Total vertex after reduction: %d\n", static_cast<int32_t>(after));
+  std::printf("Difference: %d\n", static_cast<int32_t>(before - after));
+}

@@ -1,0 +1,34 @@
+#pragma once
+// Vertex welding of the input scene before it is saved: the vertices of each mesh that share
+// their position (and, on nodes with a material, their texture coordinates) are merged, the
+// triangle indices rewritten and the position, normal, texture-coordinate and bone streams
+// rebuilt with one element per kept vertex, in order of first use by the triangles.
+//
+// The result is that of scanning the list of kept vertices from its start for every triangle
+// corner and taking the first that matches; this implementation reaches the same result with
+// one hash lookup per distinct vertex.
+
+#include <cstdint>
+#include <vector>
+
+#include "PODModel.h"
+
+// One kept vertex while a mesh is being reduced.
+struct buffer {
+  float position[3];
+  float u[8];  // first coordinate of each texture-coordinate set (only nNumUVW are used)
+  float v[8];  // second coordinate of each set
+  float normal[3];  // the normal of the last corner that merged into this vertex
+  uint16_t newIndex;  // place in the rebuilt streams; wraps above 65,535 vertices
+  std::vector<uint8_t> boneIndices;  // skinned meshes only
+  std::vector<float> boneWeights;    // skinned meshes only, one per bone index
+};
+
+// Reduces the mesh of every mesh node (printing the header line, then the totals). `nearly`
+// lets texture coordinates differ by up to 0.001. A mesh left as it is gets a note on standard
+// error. Takes the scene's records, so a CPODScene is passed as it is.
+void reduceMeshVertex(SPODScene* scene, bool nearly);
+
+// Reduces one mesh in place. `useUV`: texture coordinates take part in the comparison.
+// A mesh whose streams are not laid out as this reduction expects is left untouched.
+void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly);

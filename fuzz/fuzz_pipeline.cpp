@@ -1,0 +1,176 @@
+// Runs the whole still-scene pipeline on fuzzed POD input, as the Korvex driver does: read
+// (options, then scene), check, rename textures, weld, save, read back, check, convert, write.
+// Input: one byte choosing the welding ("-r0", "-r1" or none), then the POD file.
+//
+// Inputs whose defined outcome is one of the pipeline's own assertions (which abort) are
+// recognised first and skipped. Scenes with frames are skipped too: their baking is fuzzed with
+// the animation converters.
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "PODModel.h"
+#include "QelSceneGraphModel.h"
+#include "SceneGraphConverter.h"
+#include "SceneGraphLoader.h"
+#include "SceneGraphWritter.h"
+#include "SceneValidation.h"
+#include "TextureRenaming.h"
+#include "VertexReduction.h"
+
+namespace {
+
+const std::string& ScratchDir() {
+  static std::string dir;
+  if (dir.empty()) {
+    char name[] = "/tmp/fuzz_pipeline.XXXXXX";
+    if (mkdtemp(name) == nullptr) std::abort();
+    dir = name;
+    // The pipeline's progress lines would only slow the fuzzer down.
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
+  }
+  return dir;
+}
+
+bool StartsWith(const char* name, const char* keyword) {
+  return std::strncmp(name, keyword, std::strlen(keyword)) == 0;
+}
+
+bool IsLightMapDefinition(const char* name) {
+  return StartsWith(name, "LIGHTMAP") && std::strlen(name) == 11;
+}
+
+// Whether the light-map link or the header count of the conversion fails its assertion. The
+// scene has passed CheckSceneForConversion, so every index below is in range.
+bool FinalAssertionsFail(const CPODScene& s) {
+  std::set<std::string> definitions;
+  std::set<int32_t> materials;
+  std::vector<std::string> mapped;
+  uint32_t headers = s.nNumLight + s.nNumCamera;
+  for (uint32_t i = 0; i < s.nNumMeshNode; ++i) {
+    const SPODNode& node = s.pNode[i];
+    if (IsLightMapDefinition(node.pszName)) {
+      definitions.insert(node.pszName);
+      materials.insert(node.nIdxMaterial);
+      continue;
+    }
+    ++headers;
+    if (StartsWith(node.pszName, "LIGHTMAP")) mapped.push_back(std::string(node.pszName, 0, 11));
+    if (!StartsWith(node.pszName, "MARKER") && node.nIdxMaterial >= 0)
+      materials.insert(node.nIdxMaterial);
+  }
+  for (const std::string& name : mapped)
+    if (definitions.count(name) == 0) return true;
+  const uint32_t total = s.nNumMeshNode + s.nNumCamera + s.nNumLight + s.nNumMaterial -
+                         static_cast<uint32_t>(definitions.size());
+  return total != headers + materials.size();
+}
+
+// Whether a transformed position is NaN, in the bounding box's own order of operations.
+bool AnyNaN(const SPODMesh& mesh, const PODMATRIXf& matrix) {
+  const float* m = matrix.f;
+  for (uint32_t k = 0; k < mesh.nNumVertex; ++k) {
+    float p[3];
+    std::memcpy(p, mesh.sVertex.pData + 12 * size_t(k), 12);
+    for (int a = 0; a < 3; ++a) {
+      const float t = m[12 + a] + (p[0] * m[a] + p[1] * m[4 + a] + p[2] * m[8 + a]);
+      if (std::isnan(t)) return true;
+    }
+  }
+  return false;
+}
+
+// A NaN position fails the bounding box's order assertions.
+bool BoxAssertionFails(CPODScene& s) {
+  QelSceneGraphModel scratch;
+  SceneGraphConverter converter(&scratch);
+  converter.mScene = &s;
+  PODMATRIXf identity;
+  PODMatrixIdentityF(identity);
+  for (uint32_t i = 0; i < s.nNumMeshNode; ++i) {
+    const SPODNode& node = s.pNode[i];
+    if (IsLightMapDefinition(node.pszName) || StartsWith(node.pszName, "MARKER")) continue;
+    const SPODMesh& mesh = s.pMesh[node.nIdx];
+    SSGQelNodeData* part = converter.createNodeData(static_cast<int>(i));
+    const bool nan = AnyNaN(mesh, part->transform);
+    std::free(part);
+    if (nan) return true;
+    const bool box = StartsWith(node.pszName, "COLLISIONBOX") || StartsWith(node.pszName, "PITBOX") ||
+                     StartsWith(node.pszName, "F1COLLISIONBOX");
+    if (box && AnyNaN(mesh, identity)) return true;
+  }
+  return false;
+}
+
+// A read that fails part-way leaves its arrays without an evaluation state, which Destroy needs
+// to release them: an empty one (nothing evaluates the scene) lets the destructor do it.
+void ReleaseAtExit(CPODScene& scene) {
+  if (scene.m_pImpl == nullptr)
+    scene.m_pImpl = static_cast<SPODImpl*>(std::calloc(1, sizeof(SPODImpl)));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 1) return 0;
+  const std::string& dir = ScratchDir();
+  const bool reduction = data[0] % 3 != 0;
+  const bool nearly = data[0] % 3 == 2;
+  const std::string input = dir + "/in.pod", intermediate = dir + "/in.PODx",
+                    output = dir + "/in.qsn";
+  FILE* f = std::fopen(input.c_str(), "wb");
+  if (f == nullptr) std::abort();
+  if (size > 1 && std::fwrite(data + 1, 1, size - 1, f) != size - 1) std::abort();
+  std::fclose(f);
+
+  char options[2049] = {0};
+  CPODScene inputScene;
+  if (!inputScene.ReadFromFile(input.c_str(), options, 2048)) return 0;
+  inputScene.Destroy();
+  const bool inputRead = inputScene.ReadFromFile(input.c_str());
+  if (!inputRead) ReleaseAtExit(inputScene);
+
+  SceneCheck check = CheckSceneForEdits(inputScene, reduction);
+  if (check.found() || check.assertionAhead) return 0;
+  if (inputRead) {
+    check = CheckSceneForConversion(inputScene, true);
+    if (check.found()) return 0;
+  }
+  renameMeshTextureName(&inputScene);
+  if (reduction) reduceMeshVertex(&inputScene, nearly);
+  const bool saved = inputScene.SavePOD(intermediate.c_str(), options);
+
+  CPODScene reloaded;
+  reloaded.ReadFromFile(intermediate.c_str(), options, 2048);
+  reloaded.Destroy();
+  if (!reloaded.ReadFromFile(intermediate.c_str())) {
+    ReleaseAtExit(reloaded);
+    return 0;
+  }
+  if (!saved) return 0;
+  if (reloaded.nNumFrame != 0) return 0;
+  check = CheckSceneForConversion(reloaded, false);
+  if (check.found() || check.assertionAhead) return 0;
+  if (FinalAssertionsFail(reloaded) || BoxAssertionFails(reloaded)) return 0;
+
+  QelSceneGraphModel model;
+  SceneGraphConverter converter(&model);
+  converter.convertFromPOD(&reloaded, "in.PODx");
+  SceneGraphWritter writer;
+  if (!writer.WritetoFile(output, &model)) std::abort();
+
+  // What was written loads back with every header.
+  QelSceneGraphModel loaded;
+  SceneGraphLoader loader;
+  if (!loader.readFromFile(output, &loaded)) std::abort();
+  if (loaded.nodeheader.size() != model.nodeheader.size()) std::abort();
+  return 0;
+}

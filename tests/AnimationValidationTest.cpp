@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "AnimationValidation.h"
+#include "PODSceneBuilder.h"
+
+namespace {
+
+using korvex::PODSceneBuilder;
+using korvex::PODStream;
+
+// Node 0: skinned mesh with bones 2 and 3; node 1: a camera; 2 and 3 bones (3 below 2).
+void BuildValid(PODSceneBuilder& b) {
+  b.SetNumFrames(4);
+  const int mesh = b.AddMesh(2);
+  b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 1, 1, 1});
+  b.SetFloatStream(mesh, PODStream::BoneWeight, 1, {1, 1});
+  const int skin = b.AddMeshNode("skin", mesh);
+  b.SetAnimScale(skin, PODSceneBuilder::ScaleKeys({1, 1, 1}), false);
+  b.SetAnimRotation(skin, {0, 0, 0, 1}, false);
+  b.SetAnimPosition(skin, {0, 0, 0}, false);
+  b.AddCameraNode("camera", 0.7f, 1, 100);
+  const int hip = b.AddNode("hip");
+  const int knee = b.AddNode("knee", hip);
+  b.SetBoneBatches(mesh, 2, {{hip, knee}}, {0});
+}
+
+TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) {
+  struct Case {
+    const char* expected;  // part of the problem text; empty: the scene passes
+    std::function<void(CPODScene&)> spoil;
+    unsigned node = 0;
+  };
+  auto cnt = [](CPODScene& s) -> int32_t& { return s.pMesh[0].sBoneBatches.pnBatchBoneCnt[0]; };
+  const Case cases[] = {
+      {"", [](CPODScene&) {}},
+      {"", [](CPODScene&) {}, 1},
+      {"no pfAnimRotation key", [](CPODScene& s) { s.pNode[0].nAnimRotationSize = 12; }},
+      {"no pfAnimScale key", [](CPODScene& s) { s.pNode[0].nAnimScaleSize = 8; }},
+      {"no pfAnimPosition key", [](CPODScene& s) { s.pNode[0].nAnimPositionSize = 0; }},
+      {"outside 0..255", [&](CPODScene& s) { cnt(s) = 256; }},
+      {"outside 0..255", [&](CPODScene& s) { cnt(s) = -1; }},
+      {"pnBatches holds 1", [](CPODScene& s) { s.pMesh[0].sBoneBatches.nBatchesSize = 4; }},
+      {"bone node index 4", [](CPODScene& s) { s.pMesh[0].sBoneBatches.pnBatches[1] = 4; }},
+      {"bone node index -1", [](CPODScene& s) { s.pMesh[0].sBoneBatches.pnBatches[0] = -1; }},
+      {"sBoneWeight holds fewer", [](CPODScene& s) { s.pMesh[0].sBoneWeight.nDataSize = 4; }},
+      {"interleaved sBoneWeight",
+       [](CPODScene& s) { s.pMesh[0].pInterleaved = reinterpret_cast<uint8_t*>(s.pNode); }},
+      {"cyclic", [](CPODScene& s) { s.pNode[2].nIdxParent = 3; }},
+      {"parent 9 outside", [](CPODScene& s) { s.pNode[1].nIdxParent = 9; }},
+      {"frame count 65537", [](CPODScene& s) { s.nNumFrame = 65537; }},
+      {"camera node's nIdx", [](CPODScene& s) { s.pNode[1].nIdx = 1; }, 1},
+      {"mesh node's nIdx", [](CPODScene& s) { s.pNode[0].nIdx = -1; }},
+      // Nothing is baked: keyword meshes, other node kinds, scenes without frames.
+      {"",
+       [](CPODScene& s) {
+         s.pNode[0].nAnimRotationSize = 0;
+         std::free(s.pNode[0].pszName);
+         s.pNode[0].pszName = static_cast<char*>(std::calloc(8, 1));
+         std::memcpy(s.pNode[0].pszName, "MARKER1", 7);
+       }},
+      {"",
+       [](CPODScene& s) {
+         s.pNode[0].nAnimRotationSize = 0;
+         s.nNumFrame = 0;
+       }},
+      {"", [](CPODScene& s) { s.pNode[2].nIdxParent = 2; }, 2},
+      {"node index is outside", [](CPODScene&) {}, 4},
+  };
+  for (const Case& c : cases) {
+    PODSceneBuilder b;
+    BuildValid(b);
+    CPODScene scene;
+    ASSERT_TRUE(b.Build(scene));
+    c.spoil(scene);
+    const std::string problem = CheckAnimatedNode(scene, c.node);
+    if (c.expected[0] == '\0') {
+      EXPECT_EQ(problem, "") << "case for node " << c.node;
+    } else {
+      EXPECT_NE(problem.find(c.expected), std::string::npos) << problem << " / " << c.expected;
+    }
+    scene.pMesh[0].pInterleaved = nullptr;  // not the scene's to free
+  }
+}
+
+// Sixteen bones at the end of a 64-node chain over 65536 frames: within the frame and matrix
+// limits (16 x 65536 matrices = 64 MiB), but about 68 million node evaluations.
+TEST(AnimationValidation, RefusesBoneChainsTooDeepForTheFrameCount) {
+  for (uint32_t frames : {2048u, 65536u}) {
+    PODSceneBuilder b;
+    BuildValid(b);
+    int bone = 3;
+    for (int i = 0; i < 62; ++i) bone = b.AddNode("link", bone);
+    b.SetBoneBatches(0, 16, {std::vector<int32_t>(16, bone)}, {0});
+    b.SetNumFrames(frames);
+    CPODScene scene;
+    ASSERT_TRUE(b.Build(scene));
+    EXPECT_EQ(CheckAnimatedNode(scene, 0),
+              frames == 2048 ? "" : "bone hierarchy too deep for the frame count");
+  }
+}
+
+}  // namespace

@@ -1,0 +1,276 @@
+// The Korvex command: argument positions, the derived file names, the messages and exit
+// statuses, the assertions that end a run, and the refusal of scenes the pipeline cannot
+// process safely. Every input path holds a "/", so nothing is written at the file-system root.
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "PODModel.h"
+#include "PODSceneBuilder.h"
+#include "TestSupport.h"
+
+namespace {
+
+using korvex::PODSceneBuilder;
+using korvex::PODStream;
+using korvex_test::FileExists;
+using korvex_test::KorvexExe;
+using korvex_test::RunResult;
+using korvex_test::TempDir;
+
+const int kAbort = 128 + 6;  // killed by SIGABRT
+
+RunResult Korvex(const std::vector<std::string>& args, const std::string& cwd = "") {
+  return korvex_test::Run(KorvexExe(), args, cwd);
+}
+
+// A triangle mesh with normals and one texture-coordinate set.
+int AddTriangle(PODSceneBuilder& b) {
+  const int mesh = b.AddMesh(3);
+  b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 1, 0, 0, 0, 1, 0});
+  b.SetFloatStream(mesh, PODStream::Normals, 3, {0, 0, 1, 0, 0, 1, 0, 0, 1});
+  b.AddFloatUVW(mesh, 2, {0, 0, 1, 0, 0, 1});
+  b.SetFaces(mesh, {0, 1, 2});
+  return mesh;
+}
+
+// One textured triangle node: a scene every step of the pipeline accepts.
+void BuildSimple(PODSceneBuilder& b) {
+  b.AddTexture("t.png");
+  b.AddMaterial("M", 0);
+  b.AddMeshNode("Tri", AddTriangle(b), 0);
+}
+
+bool Save(PODSceneBuilder& b, const std::string& path) {
+  CPODScene scene;
+  return b.Build(scene) && scene.SavePOD(path.c_str(), "options");
+}
+
+std::string WriteSimple(const std::string& path) {
+  PODSceneBuilder b;
+  BuildSimple(b);
+  EXPECT_TRUE(Save(b, path));
+  return path;
+}
+
+TEST(Driver, WrongArgumentCountPrintsTheUsage) {
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{}, std::vector<std::string>{"a", "b", "c", "d"}}) {
+    const RunResult r = Korvex(args);
+    EXPECT_EQ(r.out, "The correct format is: Korvex file1\n");
+    EXPECT_EQ(r.exitStatus, 1);
+  }
+}
+
+TEST(Driver, MissingInputIsInvalid) {
+  TempDir dir;
+  const RunResult r = Korvex({dir.file("none.pod")});
+  EXPECT_EQ(r.out, "Converting " + dir.file("none.pod") + "\nInvalid input file\n");
+  EXPECT_EQ(r.exitStatus, 1);
+}
+
+// The last argument is the input whatever came before; only the first one is a flag position.
+// "-r0" or "-r1" as the input path holds no ".", so the name derivation ends the run abnormally
+// (an uncaught out-of-range error) right after the first line.
+TEST(Driver, FlagTakenAsInputEndsInTheNameDerivation) {
+  TempDir dir;
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"-r0"}, std::vector<std::string>{"car.pod", "-r1"}}) {
+    const RunResult r = Korvex(args, dir.path());
+    EXPECT_EQ(r.out, "Converting " + args.back() + "\n");
+    EXPECT_NE(r.err.find("out_of_range"), std::string::npos) << r.err;
+    EXPECT_EQ(r.exitStatus, kAbort);
+  }
+}
+
+TEST(Driver, FileNameWithoutDotEndsBeforeAnyFileIsOpened) {
+  TempDir dir;
+  ASSERT_EQ(::mkdir(dir.file("dir.old").c_str(), 0755), 0);
+  const std::string input = WriteSimple(dir.file("dir.old/model"));
+  const RunResult r = Korvex({input});
+  EXPECT_EQ(r.out, "Converting " + input + "\n");
+  EXPECT_NE(r.err.find("out_of_range"), std::string::npos) << r.err;
+  EXPECT_EQ(r.exitStatus, kAbort);
+  // The output name would have been "dir.qsn/model"; the intermediate name was never made.
+  EXPECT_FALSE(FileExists(dir.file("dir.qsn")));
+  EXPECT_FALSE(FileExists(dir.file("dir.old/model.PODx")));
+}
+
+TEST(Driver, FirstArgumentSelectsReduction) {
+  TempDir dir;
+  const std::string input = WriteSimple(dir.file("car.pod"));
+  // "-R1" is no flag (case matters): plain conversion of the last argument.
+  RunResult r = Korvex({"-R1", input});
+  EXPECT_EQ(r.out, "Converting " + input + "\nRenaming texture...\n");
+  EXPECT_EQ(r.exitStatus, 0);
+  EXPECT_TRUE(FileExists(dir.file("car.qsn")));
+
+  // The middle argument is ignored; "-r1" compares texture coordinates nearly.
+  r = Korvex({"-r1", "anything", input});
+  EXPECT_EQ(r.exitStatus, 0);
+  EXPECT_EQ(r.out.find("Converting " + input + "\nRenaming texture..."), 0u) << r.out;
+  EXPECT_NE(r.out.find("NEARLY same UV"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("Total vertex before reduction: 3\n"), std::string::npos) << r.out;
+
+  r = Korvex({"-r0", input});
+  EXPECT_NE(r.out.find("SAME UV"), std::string::npos) << r.out;
+  EXPECT_EQ(r.exitStatus, 0);
+}
+
+TEST(Driver, NamesDerivedFromTheInputPath) {
+  TempDir dir;
+  // The three characters after the last "." become "qsn"; the file name's last "." and up to
+  // four more characters become ".PODx".
+  WriteSimple(dir.file("a.podx"));
+  RunResult r = Korvex({dir.file("a.podx")});
+  EXPECT_EQ(r.exitStatus, 0);
+  EXPECT_TRUE(FileExists(dir.file("a.qsnx")));
+  EXPECT_TRUE(FileExists(dir.file("a.PODx")));
+
+  WriteSimple(dir.file("b.p"));
+  r = Korvex({dir.file("b.p")});
+  EXPECT_EQ(r.exitStatus, 0);
+  EXPECT_TRUE(FileExists(dir.file("b.qsn")));
+  EXPECT_TRUE(FileExists(dir.file("b.PODx")));
+
+  WriteSimple(dir.file("c.podfile"));
+  r = Korvex({dir.file("c.podfile")});
+  EXPECT_EQ(r.exitStatus, 0);
+  EXPECT_TRUE(FileExists(dir.file("c.qsnfile")));
+  EXPECT_TRUE(FileExists(dir.file("c.PODxile")));
+
+  // A relative path works from the working directory.
+  ASSERT_EQ(::mkdir(dir.file("models").c_str(), 0755), 0);
+  WriteSimple(dir.file("models/car.pod"));
+  r = Korvex({"./models/car.pod"}, dir.path());
+  EXPECT_EQ(r.exitStatus, 0);
+  EXPECT_TRUE(FileExists(dir.file("models/car.PODx")));
+  EXPECT_TRUE(FileExists(dir.file("models/car.qsn")));
+}
+
+TEST(Driver, UnwritableIntermediateIsReportedWithStatusZero) {
+  TempDir dir;
+  const std::string input = WriteSimple(dir.file("car.pod"));
+  ASSERT_EQ(::mkdir(dir.file("car.PODx").c_str(), 0755), 0);  // cannot be opened as a file
+  const RunResult r = Korvex({input});
+  EXPECT_EQ(r.out, "Converting " + input + "\nRenaming texture...Invalid input file or save file\n");
+  EXPECT_EQ(r.exitStatus, 0);
+  EXPECT_FALSE(FileExists(dir.file("car.qsn")));
+}
+
+TEST(Driver, UnwritableOutputEndsWithStatusOne) {
+  TempDir dir;
+  const std::string input = WriteSimple(dir.file("car.pod"));
+  ASSERT_EQ(::mkdir(dir.file("car.qsn").c_str(), 0755), 0);
+  const RunResult r = Korvex({input});
+  EXPECT_EQ(r.out, "Converting " + input + "\nRenaming texture...\n");
+  EXPECT_NE(r.err.find("car.qsn"), std::string::npos) << r.err;
+  EXPECT_EQ(r.exitStatus, 1);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Assertions: expression, function and source name on standard error, abort, no .qsn.
+
+struct AssertionCase {
+  const char* name;
+  void (*build)(PODSceneBuilder&);
+  std::vector<std::string> flags;
+  const char* expected;
+};
+
+void MeshNodeWithoutMesh(PODSceneBuilder& b) { b.AddMeshNode("Lost", -1); }
+void LightMapWithoutMaterial(PODSceneBuilder& b) { b.AddMeshNode("LIGHTMAP001", AddTriangle(b)); }
+void LightMapNotDefined(PODSceneBuilder& b) {
+  b.AddMaterial("M", -1);
+  b.AddMeshNode("LIGHTMAP002wall", AddTriangle(b), 0);
+}
+void MaterialOnlyOnAMarker(PODSceneBuilder& b) {
+  b.AddMaterial("M", -1);
+  b.AddMeshNode("MARKER1", AddTriangle(b), 0);
+}
+void PositionsOfFourFloats(PODSceneBuilder& b) {
+  const int mesh = b.AddMesh(1);
+  b.SetFloatStream(mesh, PODStream::Vertex, 4, {0, 0, 0, 1});
+  b.AddMeshNode("Quad", mesh);
+}
+void GoodNodeThenMeshNodeWithoutMesh(PODSceneBuilder& b) {
+  b.AddMeshNode("Fine", AddTriangle(b));
+  b.AddMeshNode("Lost", -1);
+}
+
+TEST(DriverDeathTest, SpecifiedAssertionsEndTheRun) {
+  const AssertionCase cases[] = {
+      {"nidx", MeshNodeWithoutMesh, {},
+       "PODLoader/SceneGraphConverter:[0-9]+: buildMeshType: Assertion `node.nIdx != -1' failed"},
+      {"lightmapdef", LightMapWithoutMaterial, {},
+       "PODLoader/SceneGraphConverter:[0-9]+: buildMeshType: Assertion `node.nIdxMaterial != -1' "
+       "failed"},
+      {"lightmapped", LightMapNotDefined, {},
+       "PODLoader/SceneGraphConverter:[0-9]+: buildLightMapMesh: Assertion `lightmap != "
+       "this->m_LightMap.end\\(\\)' failed"},
+      {"count", MaterialOnlyOnAMarker, {},
+       "PODLoader/SceneGraphConverter:[0-9]+: convertFromPOD: Assertion `"},
+      {"stride", PositionsOfFourFloats, {},
+       "PODLoader/SceneGraphConverter:[0-9]+: CreateBoundingSphere: Assertion `vertex->n == 3' "
+       "failed"},
+      // With welding the reduction meets the node first (its source is the driver's).
+      {"reduce", GoodNodeThenMeshNodeWithoutMesh, {"-r0"},
+       "main:[0-9]+: reduceMeshVertex: Assertion `node->nIdx != -1' failed"},
+  };
+  for (const AssertionCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir dir;
+    PODSceneBuilder b;
+    c.build(b);
+    const std::string input = dir.file(std::string(c.name) + ".pod");
+    ASSERT_TRUE(Save(b, input));
+    std::vector<std::string> args = c.flags;
+    args.push_back(input);
+    const RunResult r = Korvex(args);
+    EXPECT_EQ(r.exitStatus, kAbort);
+    EXPECT_TRUE(testing::internal::RE::PartialMatch(r.err, testing::internal::RE(c.expected)))
+        << r.err;
+    EXPECT_FALSE(FileExists(dir.file(std::string(c.name) + ".qsn")));
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Scenes the pipeline would read outside their arrays: one message naming file, node and
+// problem, status 1, nothing written.
+
+TEST(Driver, SceneThatCannotBeConvertedIsRefusedBeforeItIsEdited) {
+  TempDir dir;
+  PODSceneBuilder b;
+  b.AddMaterial("M", -1);
+  b.AddMeshNode("Box", AddTriangle(b), 5);  // one material only
+  const std::string input = dir.file("bad.pod");
+  ASSERT_TRUE(Save(b, input));
+  const RunResult r = Korvex({"-r0", input});
+  EXPECT_EQ(r.out, "Converting " + input + "\n");  // neither renamed nor welded
+  EXPECT_EQ(r.err, "Korvex: " + input +
+                       ": node 0 \"Box\": material index 5 is out of range (1 materials)\n");
+  EXPECT_EQ(r.exitStatus, 1);
+  EXPECT_FALSE(FileExists(dir.file("bad.PODx")));
+  EXPECT_FALSE(FileExists(dir.file("bad.qsn")));
+}
+
+TEST(Driver, CameraTargetReadFromANodeWithoutPositionIsRefused) {
+  TempDir dir;
+  PODSceneBuilder b;
+  b.AddCameraNode("Cam", 1, 1, 10, 1);  // camera 0 reads node 0 (itself): no position key
+  b.AddNode("Target");
+  const std::string input = dir.file("cam.pod");
+  ASSERT_TRUE(Save(b, input));
+  const RunResult r = Korvex({input});
+  EXPECT_EQ(r.err, "Korvex: " + input +
+                       ": node 0 \"Cam\": target position is read from node 0, which has no "
+                       "position key\n");
+  EXPECT_EQ(r.exitStatus, 1);
+  EXPECT_FALSE(FileExists(dir.file("cam.qsn")));
+}
+
+}  // namespace

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
 
 #include "Assertion.h"
 
@@ -18,6 +19,8 @@ constexpr size_t kAddressableVertices = 65536;
 // meshes carry a handful of bones a vertex; meshes claiming more than this are left alone.
 constexpr uint32_t kMaxBonesPerVertex = 16;
 constexpr double kNearTolerance = 0.001;
+// A position group of near mode this long is searched through its cells instead of one by one.
+constexpr uint32_t kLongGroup = 8;
 
 // Memo states of an old vertex besides the index of the kept vertex it resolves to.
 constexpr int32_t kUnseen = -1;
@@ -109,7 +112,7 @@ class KeptVertexIndex {
   KeptVertexIndex(size_t maxGroups, uint32_t uvSetsInKey) : m_uvSetsInKey(uvSetsInKey) {
     size_t capacity = 16;
     while (capacity < 2 * maxGroups) capacity *= 2;
-    m_slots.assign(capacity, Slot{0, -1, -1});
+    m_slots.assign(capacity, Slot{0, -1, -1, 0});
     m_mask = capacity - 1;
   }
 
@@ -125,6 +128,8 @@ class KeptVertexIndex {
   }
 
   int32_t head(size_t slot) const { return m_slots[slot].head; }
+  uint32_t length(size_t slot) const { return m_slots[slot].length; }
+  size_t capacity() const { return m_slots.size(); }
   int32_t next(int32_t entry) const { return m_next[entry]; }
 
   // Every kept vertex is registered, grouped or not, so entry numbers stay aligned.
@@ -134,10 +139,11 @@ class KeptVertexIndex {
     m_next.push_back(-1);
     Slot& s = m_slots[slot];
     if (s.head < 0) {
-      s = Slot{hash, entry, entry};
+      s = Slot{hash, entry, entry, 1};
     } else {
       m_next[s.tail] = entry;
       s.tail = entry;
+      ++s.length;
     }
   }
 
@@ -146,6 +152,7 @@ class KeptVertexIndex {
     uint32_t hash;
     int32_t head;  // first kept vertex of the group, -1 for an empty slot
     int32_t tail;
+    uint32_t length;
   };
 
   uint32_t hashOf(const Corner& c) const {
@@ -187,6 +194,103 @@ bool UVsNear(const buffer& b, const Corner& c, uint32_t uvSets) {
     if (!IsNear(b.u[k], c.u[k]) || !IsNear(b.v[k], c.v[k])) return false;
   return true;
 }
+
+// Cells of side 0.002 in each compared coordinate, scaled by 500 (exact for a float) and floored.
+// Two coordinates within 0.001 lie in the same or adjacent cells, on the side of the half-cell
+// the corner sits in. From 2^20 on floats are 1/8 or more apart, so only equal values are near:
+// they all share one far cell.
+constexpr float kFarCoordinate = 1048576.0f;
+constexpr int64_t kFarCell = INT64_MIN;
+constexpr double kSlack = 1e-9;  // covers the tolerance's excess over 0.001 and any rounding
+
+int64_t CellOf(float x) {
+  if (!(std::fabs(x) < kFarCoordinate)) return kFarCell;
+  return static_cast<int64_t>(std::floor(static_cast<double>(x) * 500.0));
+}
+
+// The cells a kept coordinate near `x` can lie in; returns how many (1 to 3).
+int CellsNear(float x, int64_t* out) {
+  const int64_t own = CellOf(x);
+  if (own == kFarCell) {
+    out[0] = own;
+    return 1;
+  }
+  const double offset = static_cast<double>(x) * 500.0 - static_cast<double>(own);
+  int n = 0;
+  if (offset < 0.5 + kSlack) out[n++] = own - 1;
+  out[n++] = own;
+  if (offset > 0.5 - kSlack) out[n++] = own + 1;
+  return n;
+}
+
+// Kept vertices of long position groups (near mode) by group and cell. The kept vertices of one
+// group match none of each other, so a cell holds at most one in each half-cell combination
+// (2^d for d compared coordinates): a lookup probes at most 2^d cells of at most 2^d entries,
+// and the first match in list order is the smallest first match over the probed cells.
+class NearCells {
+ public:
+  NearCells(size_t groups, uint32_t uvSets) : m_covered(groups, false), m_dims(2 * uvSets) {}
+
+  bool covers(size_t group) const { return m_covered[group]; }
+
+  // Entries of a group are added in list order.
+  void add(size_t group, int32_t entry, const buffer& b) {
+    m_covered[group] = true;
+    Key key{group, {}};
+    for (uint32_t d = 0; d < m_dims; ++d) key.cell[d] = CellOf(coordinate(b.u, b.v, d));
+    m_cells[key].push_back(entry);
+  }
+
+  int32_t firstMatch(size_t group, const Corner& c, const std::vector<buffer>& kept) const {
+    int64_t options[2 * kMaxUVSets][3];
+    int count[2 * kMaxUVSets];
+    for (uint32_t d = 0; d < m_dims; ++d) count[d] = CellsNear(coordinate(c.u, c.v, d), options[d]);
+    int choice[2 * kMaxUVSets] = {};
+    int32_t best = -1;
+    for (;;) {
+      Key key{group, {}};
+      for (uint32_t d = 0; d < m_dims; ++d) key.cell[d] = options[d][choice[d]];
+      const auto it = m_cells.find(key);
+      if (it != m_cells.end()) {
+        for (int32_t e : it->second) {
+          if (best >= 0 && e >= best) break;
+          if (UVsNear(kept[e], c, m_dims / 2)) {
+            best = e;
+            break;
+          }
+        }
+      }
+      uint32_t d = 0;
+      while (d < m_dims && ++choice[d] == count[d]) choice[d++] = 0;
+      if (d == m_dims) return best;
+    }
+  }
+
+ private:
+  struct Key {
+    size_t group;
+    int64_t cell[2 * kMaxUVSets];
+    bool operator==(const Key& o) const {
+      return group == o.group && std::equal(cell, cell + 2 * kMaxUVSets, o.cell);
+    }
+  };
+  struct KeyHash {
+    size_t operator()(const Key& k) const {
+      uint64_t h = k.group * 0x9E3779B97F4A7C15ull;
+      for (int64_t c : k.cell) h = (h ^ static_cast<uint64_t>(c)) * 0xFF51AFD7ED558CCDull, h ^= h >> 29;
+      return static_cast<size_t>(h);
+    }
+  };
+
+  template <typename Coordinates>
+  static float coordinate(const Coordinates& u, const Coordinates& v, uint32_t d) {
+    return d % 2 == 0 ? u[d / 2] : v[d / 2];
+  }
+
+  std::vector<bool> m_covered;
+  uint32_t m_dims;
+  std::unordered_map<Key, std::vector<int32_t>, KeyHash> m_cells;
+};
 
 // Whether a corner can match a kept vertex at all. One that cannot (a NaN compared exactly, or
 // a non-finite coordinate compared nearly) matches nothing, not even a copy of itself, so it
@@ -235,6 +339,7 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) 
   std::vector<buffer> kept;
   kept.reserve(std::min(corners, addressable));
   KeptVertexIndex index(addressable, nearly ? 0 : uvSetsCompared);
+  NearCells cells(nearly ? index.capacity() : 0, uvSetsCompared);
   // An old vertex resolves to the same kept vertex at every corner that uses it: kept vertices
   // are only ever appended and never change what they compare on, so the ones the first scan
   // passed over still fail and the one it stopped at still matches.
@@ -281,13 +386,21 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) 
       } else {
         uint32_t hash;
         const size_t slot = index.find(c, kept, hash);
+        const bool nearUV = nearly && uvSetsCompared > 0;
         entry = index.head(slot);
-        if (nearly && uvSetsCompared > 0) {
+        if (nearUV && cells.covers(slot)) {
+          entry = cells.firstMatch(slot, c, kept);
+        } else if (nearUV) {
           while (entry >= 0 && !UVsNear(kept[entry], c, uvSetsCompared)) entry = index.next(entry);
         }
         if (entry < 0) {
           entry = appendKept(i, c);
           index.append(slot, hash, entry);
+          if (nearUV && cells.covers(slot)) {
+            cells.add(slot, entry, kept[entry]);
+          } else if (nearUV && index.length(slot) >= kLongGroup) {
+            for (int32_t e = index.head(slot); e >= 0; e = index.next(e)) cells.add(slot, e, kept[e]);
+          }
         }
         resolved[i] = entry;
       }

@@ -6,7 +6,8 @@
 //
 // The result is that of scanning the list of kept vertices from its start for every triangle
 // corner and taking the first that matches; this implementation reaches the same result with
-// one hash lookup per distinct vertex.
+// one hash lookup per distinct old vertex (plus, in near mode, a walk of the kept vertices at
+// that position, or of a few cells of them when there are many).
 
 #include <cstdint>
 #include <vector>

@@ -109,22 +109,4 @@ TEST(AnimationNodeConverter, UnflaggedChannelsReadTheirFirstKey) {
   EXPECT_EQ(c.matrix(1), Translation(0, 0, 0));
 }
 
-TEST(AnimationNodeConverter, FlaggedChannelsAreBlendedAndTheLastFrameReadsTheLastKey) {
-  // Exactly F keys each (the builder allocates no more), so the weight-0 neighbour of the last
-  // frame must come from the last key and not from past the array.
-  TwoNodes s(2);
-  s.b.SetAnimScale(s.parent, PODSceneBuilder::ScaleKeys({1, 1, 1, 2, 3, 4}));
-  s.b.SetAnimRotation(s.parent, {0, 0, 0, 1, 0, 0, kHalfSqrt2, kHalfSqrt2});
-  s.b.SetAnimPosition(s.parent, {0, 0, 0, 7, 8, 9});
-  CPODScene scene;
-  ASSERT_TRUE(s.b.Build(scene));
-  AnimationNodeConverter conv;
-  Table t;
-  conv.convertAnimationNode(&scene, s.parent, &t.d);
-  // diag(2,3,4) then rows x -> (0,-1,0), y -> (1,0,0): rows (0,-2,0), (3,0,0), (0,0,4).
-  const std::vector<float> expected = {0, -2, 0, 0, 3, 0, 0, 0, 0, 0, 4, 0, 7, 8, 9, 1};
-  const std::vector<float> m = t.matrix(1);
-  for (int e = 0; e < 16; ++e) EXPECT_NEAR(m[e], expected[e], 1e-6f) << e;
-}
-
 }  // namespace

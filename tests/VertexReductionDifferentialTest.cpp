@@ -52,9 +52,11 @@ class SceneGenerator {
   }
 
   // Coordinates on a chain 0.0009 apart (neighbours merge nearly, the ends do not), a value
-  // 0.0011 away, and a few unrelated ones.
+  // 0.0011 away, a few unrelated ones, or anywhere in a band 0.02 wide on a 0.0001 grid (many
+  // near-distinct values around one position, at every offset from the 0.002 steps).
   float textureComponent() {
     static const float pool[] = {0.5f, 0.5009f, 0.5018f, 0.5027f, 0.5011f, 0.4989f, 0.0f, -0.0f, 0.25f};
+    if (chance(40)) return special(0.49f + 0.0001f * float(number(0, 200)));
     return special(pool[number(0, 8)]);
   }
 

@@ -42,7 +42,24 @@ bool ImportAndWrite(const std::string& input, const std::string& output,
                     ImportSummary& summary, std::string& error) {
   Assimp::Importer importer;
   importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE, aiPrimitiveType_POINT | aiPrimitiveType_LINE);
-  const aiScene* scene = importer.ReadFile(input, ImportPostProcessSteps());
+  // Read first and post-processed after, so that a file without triangles is told as such
+  // rather than by the library's validation.
+  const aiScene* scene = importer.ReadFile(input, 0);
+  if (scene != nullptr) {
+    bool triangles = false;
+    const unsigned int meshes = scene->mMeshes ? scene->mNumMeshes : 0;
+    for (unsigned int m = 0; m < meshes; ++m) {
+      const aiMesh* mesh = scene->mMeshes[m];
+      if (mesh && (mesh->mPrimitiveTypes & (aiPrimitiveType_TRIANGLE | aiPrimitiveType_POLYGON)))
+        triangles = true;
+    }
+    if (!triangles) {
+      error = "cannot convert " + input + ": the file holds " +
+              (meshes == 0 ? "no meshes" : "no triangles (only points or lines)");
+      return false;
+    }
+    scene = importer.ApplyPostProcessing(ImportPostProcessSteps());
+  }
   if (scene == nullptr) {
     const char* why = importer.GetErrorString();
     error = "cannot read " + input + ": " + (why && *why ? why : "not a model file it can read");

@@ -398,7 +398,7 @@ bool PODSceneImporter::SampleFrames(std::string& error) {
     std::vector<aiMatrix4x4> world(n);
     for (size_t s = 0; s < n; ++s) {
       const int32_t parent = m_hierarchy[s].parent;
-      world[s] = FrameLocalMatrix(s, 0);
+      world[s] = SampledLocalMatrix(s, 0);
       if (parent >= 0) world[s] = world[parent] * world[s];
       if (m_isBone[s] && m_hasBind[s] &&
           !TransformsClose(world[s], m_bindWorld[s], kBindTolerance))
@@ -443,13 +443,14 @@ LocalTransform PODSceneImporter::FrameLocal(size_t source, uint32_t frame) const
   return m_hierarchy[source].rest;
 }
 
-// The source's own matrix where it is not animated, so that a still hierarchy compares exactly.
-aiMatrix4x4 PODSceneImporter::FrameLocalMatrix(size_t source, uint32_t frame) const {
-  if (m_channel[source] < 0) {
+// The local matrix at sampled frame `sample`: the source's own matrix where it is not animated,
+// so that a still hierarchy compares exactly.
+aiMatrix4x4 PODSceneImporter::SampledLocalMatrix(size_t source, uint32_t sample) const {
+  if (m_channel[source] < 0 || sample >= m_samples[source].size()) {
     const aiMatrix4x4& own = m_hierarchy[source].node->mTransformation;
     return IsFinite(own) ? own : aiMatrix4x4();
   }
-  return ComposeTransform(FrameLocal(source, frame));
+  return ComposeTransform(m_samples[source][sample]);
 }
 
 int32_t PODSceneImporter::Plan(const PlannedNode& node) {

@@ -79,7 +79,8 @@ class PODSceneImporter {
   bool ConvertMesh(uint32_t mesh, std::string& error);
   void RegisterBind(int32_t source, const aiMatrix4x4& offset, const std::string& meshName);
   bool SampleFrames(std::string& error);
-  aiMatrix4x4 FrameLocalMatrix(size_t source, uint32_t frame) const;
+  aiMatrix4x4 SampledLocalMatrix(size_t source, uint32_t sample) const;
+  // The local transform at written frame `frame` (valid once the frames are settled).
   LocalTransform FrameLocal(size_t source, uint32_t frame) const;
   void PlanNodes();
   int32_t Plan(const PlannedNode& node);

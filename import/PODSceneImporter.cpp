@@ -135,6 +135,7 @@ bool PODSceneImporter::Convert(CPODScene& out, ImportSummary& summary, std::stri
   if (!SampleFrames(error)) return false;
   PlanNodes();
   PlanMaterials();
+  if (!CheckLightMaps(error)) return false;
   if (!Build(out, error)) return false;
   summary = m_summary;
   return true;
@@ -424,6 +425,15 @@ bool PODSceneImporter::SampleFrames(std::string& error) {
     }
   }
   m_frames = m_sampledFrames + (m_bindInserted ? 1 : 0);
+  uint64_t moving = 0;
+  for (size_t s = 0; s < n; ++s)
+    moving += m_channel[s] >= 0 || (m_bindInserted && m_isBone[s] && m_hasBind[s]) ? 1 : 0;
+  if (moving * m_frames > kMaxNodeFrames) {
+    error = "animation " + Quoted(m_summary.animation) + " moves " + std::to_string(moving) +
+            " nodes over " + std::to_string(m_frames) + " frames, more than " +
+            std::to_string(kMaxNodeFrames) + " node frames: use --frames or a lower --fps";
+    return false;
+  }
   if (m_frames > kMaxFrames) {
     error = "animation " + Quoted(m_summary.animation) + " with the bind pose inserted needs " +
             std::to_string(m_frames) + " frames, more than the " + std::to_string(kMaxFrames) +
@@ -571,6 +581,53 @@ void PODSceneImporter::PlanMaterials() {
   }
 }
 
+bool PODSceneImporter::CheckLightMaps(std::string& error) const {
+  const size_t kDefinitionLength = 11;
+  std::unordered_map<std::string, int> definitions;
+  for (int32_t id : m_order[static_cast<int>(Kind::kMesh)]) {
+    const PlannedNode& node = m_planned[id];
+    if (!StartsWith(node.name, "LIGHTMAP") || node.name.size() != kDefinitionLength) continue;
+    if (node.material < 0) {
+      error = "mesh node " + Quoted(node.name) + " defines a light map but has no material";
+      return false;
+    }
+    if (++definitions[node.name] == 2) {
+      error = "two mesh nodes define light map " + Quoted(node.name);
+      return false;
+    }
+  }
+  for (int32_t id : m_order[static_cast<int>(Kind::kMesh)]) {
+    const PlannedNode& node = m_planned[id];
+    if (!StartsWith(node.name, "LIGHTMAP") || node.name.size() == kDefinitionLength) continue;
+    const std::string map = node.name.substr(0, kDefinitionLength);
+    if (definitions.count(map) == 0) {
+      error = "mesh node " + Quoted(node.name) + " uses light map " + Quoted(map) +
+              ", which no mesh node defines (a light map is defined by a mesh node whose name "
+              "is LIGHTMAP and three more characters)";
+      return false;
+    }
+  }
+  return true;
+}
+
+// Only animated nodes and, when the bind pose is inserted, bound bones change from frame to
+// frame; every other node is written with one key without evaluating each frame.
+bool PODSceneImporter::CanMove(const PlannedNode& node) const {
+  if (m_frames == 0 || node.source < 0) return false;
+  const size_t s = static_cast<size_t>(node.source);
+  return m_channel[s] >= 0 || (m_bindInserted && m_isBone[s] && m_hasBind[s]);
+}
+
+// A piece of a skinned mesh whose vertices follow no bone at all is written without skin: a
+// batch of no bones would give Korvex nothing to average its volumes over.
+bool PODSceneImporter::SkinnedPiece(uint32_t mesh, uint32_t piece) const {
+  const MeshConversion& c = m_meshes[mesh];
+  if (!c.skinned) return false;
+  for (const BoneBatch& batch : c.partition.pieces[piece].batches)
+    if (!batch.bones.empty()) return true;
+  return false;
+}
+
 bool PODSceneImporter::Build(CPODScene& out, std::string& error) {
   PODSceneBuilder builder;
   builder.SetNumFrames(m_frames);
@@ -640,7 +697,7 @@ bool PODSceneImporter::Build(CPODScene& out, std::string& error) {
           const MeshConversion& c = m_meshes[node.mesh];
           index = builder.AddMeshNode(node.name.c_str(), c.podMesh[node.piece], node.material,
                                       parent);
-          if (c.skinned) {
+          if (SkinnedPiece(node.mesh, node.piece)) {
             ++m_summary.skinnedMeshNodes;
             for (const BoneBatch& batch : c.partition.pieces[node.piece].batches)
               for (uint32_t bone : batch.bones) boneWritten[c.boneSource[bone]] = 1;
@@ -732,7 +789,7 @@ void PODSceneImporter::BuildMeshPiece(PODSceneBuilder& builder, uint32_t meshInd
     ++sets;
   }
   builder.SetFaces(podMesh, piece.indices);
-  if (!c.skinned) return;
+  if (!SkinnedPiece(meshIndex, pieceIndex)) return;
 
   size_t perVertex = 1;
   for (const VertexInfluences& in : piece.influences) perVertex = std::max<size_t>(perVertex, in.count);
@@ -765,7 +822,7 @@ void PODSceneImporter::BuildMeshPiece(PODSceneBuilder& builder, uint32_t meshInd
 
 void PODSceneImporter::BuildChannels(PODSceneBuilder& builder, const PlannedNode& node,
                                      int index) {
-  const size_t frames = m_frames == 0 ? 1 : m_frames;
+  const size_t frames = CanMove(node) ? m_frames : 1;
   std::vector<float> position(frames * 3), rotation(frames * 4), scale(frames * 7, 0.0f);
   for (size_t f = 0; f < frames; ++f) {
     LocalTransform t;

@@ -18,6 +18,9 @@
 //   pose inserted as frame 0.
 // - Materials are the source materials some mesh node uses (mesh nodes named MARKER... use none);
 //   textures are the diffuse textures of those materials, by the file name the source gives.
+// - Light maps as Korvex links them (a mesh node LIGHTMAPxyz of exactly 11 characters defines
+//   one, with its material; other LIGHTMAP... mesh nodes use the one their first 11 characters
+//   name) are checked: a scene Korvex would stop at is refused.
 
 #include <assimp/scene.h>
 
@@ -37,7 +40,7 @@ namespace korvex_import {
 
 // Ceilings that keep a hostile file from asking for absurd amounts of memory.
 const size_t kMaxSourceNodes = size_t{1} << 22;
-const uint64_t kMaxNodeFrames = uint64_t{1} << 24;  // animated nodes times frames
+const uint64_t kMaxNodeFrames = uint64_t{1} << 22;  // moving nodes times frames
 
 class PODSceneImporter {
  public:
@@ -86,6 +89,9 @@ class PODSceneImporter {
   int32_t Plan(const PlannedNode& node);
   void PlanTarget(int32_t owner, const aiVector3D& direction);
   void PlanMaterials();
+  bool CheckLightMaps(std::string& error) const;
+  bool CanMove(const PlannedNode& node) const;
+  bool SkinnedPiece(uint32_t mesh, uint32_t piece) const;
   bool Build(CPODScene& out, std::string& error);
   void BuildMeshPiece(korvex::PODSceneBuilder& builder, uint32_t mesh, uint32_t piece);
   void BuildChannels(korvex::PODSceneBuilder& builder, const PlannedNode& node, int index);

@@ -115,13 +115,15 @@ TEST(PodImportObj, KeywordNamesMaterialsAndCounts) {
   obj += ObjQuad("COLLISIONBOX_wall", "Glass", base, 2);
   obj += ObjQuad("MARKER_spawn", "Glass", base, 3);
   obj += ObjQuad("SKYBOX", "Glass", base, 4);
+  obj += ObjQuad("LIGHTMAP001", "Glass", base, 5);
+  obj += ObjQuad("LIGHTMAP001wall", "Wood", base, 6);
   ASSERT_TRUE(WriteText(dir.file("scene.obj"), obj));
 
   auto c = Convert(dir, dir.file("scene.obj"));
   ASSERT_CONVERTED(c);
   QelSceneGraphModel& m = c->model;
-  // Five quads of 4 vertices and 2 triangles each; every name reaches its own kind.
-  EXPECT_NE(c->import.out.find("(20 vertices, 10 triangles)"), std::string::npos) << c->import.out;
+  // Seven quads of 4 vertices and 2 triangles each; every name reaches its own kind.
+  EXPECT_NE(c->import.out.find("(28 vertices, 14 triangles)"), std::string::npos) << c->import.out;
   ASSERT_NE(Find<ESGMeshNode>(m, "Crate"), nullptr);
   EXPECT_EQ(Find<ESGMeshNode>(m, "Crate")->numVertex, 4u);
   EXPECT_EQ(Find<ESGMeshNode>(m, "Crate")->numFace, 2u);
@@ -129,7 +131,12 @@ TEST(PodImportObj, KeywordNamesMaterialsAndCounts) {
   EXPECT_NE(Find<ESGCollisionBoxNode>(m, "COLLISIONBOX_wall"), nullptr);
   EXPECT_NE(Find<ESGMarkerNode>(m, "MARKER_spawn"), nullptr);
   EXPECT_NE(Find<ESGSkyBoxNode>(m, "SKYBOX"), nullptr);
-  EXPECT_EQ(m.meshnode.size(), 1u);
+  // The light-mapped mesh is linked to the light map's material (Glass) as its second one.
+  ASSERT_EQ(m.meshnode.size(), 2u);
+  const SSGQelMeshNodeData* wall = Find<ESGMeshNode>(m, "LIGHTMAP001wall");
+  ASSERT_NE(wall, nullptr);
+  ASSERT_GE(wall->materialIndex[1], 0);
+  EXPECT_STREQ(m.material.at(wall->materialIndex[1])->materialName, "Glass");
 
   // "Unused" is dropped; Korvex would have asserted on it.
   ASSERT_EQ(m.material.size(), 2u);
@@ -397,6 +404,8 @@ TEST(PodImportRefusals, BadInputsGiveStatusOneAndLeaveNothingBehind) {
                         "{\"asset\":{\"version\":\"2.0\"},\"scene\":0,"
                         "\"scenes\":[{\"nodes\":[0]}],\"nodes\":[{\"name\":\"Empty\"}]}"));
   ASSERT_TRUE(WriteText(dir.file("skin.gltf"), SkinnedQuad(0, 90)));
+  int base = 0;
+  ASSERT_TRUE(WriteText(dir.file("lightmap.obj"), ObjQuad("LIGHTMAP002floor", "None", base, 0)));
   ASSERT_TRUE(WriteText(dir.file("kept.pod"), "earlier"));
   const std::vector<std::string> before = DirectoryEntries(dir.path());
   struct Case {
@@ -409,6 +418,7 @@ TEST(PodImportRefusals, BadInputsGiveStatusOneAndLeaveNothingBehind) {
       {{dir.file("lines.obj"), dir.file("out.pod")}, "no triangles"},
       {{dir.file("empty.gltf"), dir.file("kept.pod")}, "no meshes"},
       {{"--animation", "Run", dir.file("skin.gltf"), dir.file("out.pod")}, "\"Wave\""},
+      {{dir.file("lightmap.obj"), dir.file("out.pod")}, "light map \"LIGHTMAP002\""},
       {{dir.file("skin.gltf"), dir.path() + "/no/such/dir/out.pod"}, "cannot write"},
   };
   for (const Case& c : cases) {

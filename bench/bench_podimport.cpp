@@ -4,12 +4,12 @@
 // writing the POD file) takes at most twice as long as the library alone; the "ratio" counter of
 // BM_PodimportOverLibrary is podimport's time over the library's, timed in one process.
 
-#include <assimp/Importer.hpp>
 #include <assimp/config.h>
 #include <assimp/scene.h>
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include <assimp/Importer.hpp>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -46,8 +46,8 @@ class GridFile {
       for (int x = 0; x < kColumns; ++x) {
         const int a = y * (kColumns + 1) + x + 1, b = a + 1, c = a + kColumns + 2,
                   d = a + kColumns + 1;
-        std::fprintf(f, "f %d/%d/1 %d/%d/1 %d/%d/1\nf %d/%d/1 %d/%d/1 %d/%d/1\n", a, a, b, b, c,
-                     c, a, a, c, c, d, d);
+        std::fprintf(f, "f %d/%d/1 %d/%d/1 %d/%d/1\nf %d/%d/1 %d/%d/1 %d/%d/1\n", a, a, b, b, c, c,
+                     a, a, c, c, d, d);
       }
     }
     if (std::fclose(f) != 0) std::abort();

@@ -17,9 +17,8 @@ template <class Key>
 void Bracket(const Key* keys, unsigned int count, double ticks, unsigned int& first,
              unsigned int& second, double& weight) {
   const Key* end = keys + count;
-  const Key* after = std::upper_bound(keys, end, ticks, [](double t, const Key& k) {
-    return t < KeyTime(k);
-  });
+  const Key* after =
+      std::upper_bound(keys, end, ticks, [](double t, const Key& k) { return t < KeyTime(k); });
   if (after == keys) {
     first = second = 0;
     weight = 0.0;

@@ -80,8 +80,8 @@ ImportArguments ParseImportArguments(const std::vector<std::string>& args) {
     if (name == "--frames") {
       long long frames = 0;
       if (!ParseInteger(value, 0, kMaxFrames, frames))
-        return UsageError("--frames takes a whole number from 0 to " +
-                          std::to_string(kMaxFrames) + ", not \"" + value + "\"");
+        return UsageError("--frames takes a whole number from 0 to " + std::to_string(kMaxFrames) +
+                          ", not \"" + value + "\"");
       result.options.maxFrames = frames;
     } else if (name == "--fps") {
       if (!ParseRate(value, result.options.fps))

@@ -15,11 +15,12 @@ std::string Count(uint64_t n, const char* one, const char* many) {
 std::string FormatImportSummary(const ImportSummary& s, const std::string& output) {
   std::string text = "podimport: wrote " + output + "\n";
   const uint64_t nodes = uint64_t{s.meshNodes} + s.lightNodes + s.cameraNodes + s.otherNodes;
-  text += "  nodes:     " + std::to_string(nodes) + " (" + std::to_string(s.meshNodes) +
-          " mesh, " + std::to_string(s.lightNodes) + " light, " + std::to_string(s.cameraNodes) +
-          " camera, " + std::to_string(s.otherNodes) + " other)\n";
-  text += "  meshes:    " + std::to_string(s.meshes) + " (" + Count(s.vertices, "vertex", "vertices") +
-          ", " + Count(s.triangles, "triangle", "triangles") + ")\n";
+  text += "  nodes:     " + std::to_string(nodes) + " (" + std::to_string(s.meshNodes) + " mesh, " +
+          std::to_string(s.lightNodes) + " light, " + std::to_string(s.cameraNodes) + " camera, " +
+          std::to_string(s.otherNodes) + " other)\n";
+  text += "  meshes:    " + std::to_string(s.meshes) + " (" +
+          Count(s.vertices, "vertex", "vertices") + ", " +
+          Count(s.triangles, "triangle", "triangles") + ")\n";
   text += "  materials: " + std::to_string(s.materials) + " (" +
           Count(s.textures, "texture", "textures") + ")\n";
   if (s.frames == 0) {

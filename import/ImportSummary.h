@@ -22,7 +22,7 @@ struct ImportSummary {
   bool bindPoseInserted = false;
   std::string animation;  // name of the sampled animation
   double fps = 0.0;
-  uint32_t bones = 0;             // nodes that some written bone batch names
+  uint32_t bones = 0;  // nodes that some written bone batch names
   uint32_t skinnedMeshNodes = 0;
   std::vector<std::string> notes;  // what was left out or changed, one line each
 };

@@ -156,9 +156,10 @@ class Partitioner {
           it->weight += in.item[i].weight;
       }
     }
-    std::stable_sort(totals.begin(), totals.end(), [](const BoneInfluence& a, const BoneInfluence& b) {
-      return a.weight != b.weight ? a.weight > b.weight : a.bone < b.bone;
-    });
+    std::stable_sort(totals.begin(), totals.end(),
+                     [](const BoneInfluence& a, const BoneInfluence& b) {
+                       return a.weight != b.weight ? a.weight > b.weight : a.bone < b.bone;
+                     });
     for (const BoneInfluence& t : totals) {
       if (chosen.size() >= m_maxBones) break;
       if (std::find(chosen.begin(), chosen.end(), t.bone) == chosen.end()) chosen.push_back(t.bone);

@@ -1,11 +1,11 @@
 #include "ModelFileImport.h"
 
-#include <assimp/Importer.hpp>
 #include <assimp/config.h>
 #include <assimp/postprocess.h>
 #include <assimp/scene.h>
 #include <sys/stat.h>
 
+#include <assimp/Importer.hpp>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -41,7 +41,8 @@ bool ImportAndWrite(const std::string& input, const std::string& output,
                     const ImportOptions& options, const std::string& exportOptions,
                     ImportSummary& summary, std::string& error) {
   Assimp::Importer importer;
-  importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE, aiPrimitiveType_POINT | aiPrimitiveType_LINE);
+  importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE,
+                              aiPrimitiveType_POINT | aiPrimitiveType_LINE);
   // Read first and post-processed after, so that a file without triangles is told as such
   // rather than by the library's validation.
   const aiScene* scene = importer.ReadFile(input, 0);

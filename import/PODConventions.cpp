@@ -6,13 +6,13 @@
 namespace korvex_import {
 
 PODQUATERNIONf PODRotationKey(const aiQuaternion& rotation) {
-  const double length = std::sqrt(double(rotation.x) * rotation.x + double(rotation.y) * rotation.y +
-                                  double(rotation.z) * rotation.z + double(rotation.w) * rotation.w);
+  const double length =
+      std::sqrt(double(rotation.x) * rotation.x + double(rotation.y) * rotation.y +
+                double(rotation.z) * rotation.z + double(rotation.w) * rotation.w);
   if (!std::isfinite(length) || length == 0.0) return PODQUATERNIONf{0, 0, 0, 1};
-  return PODQUATERNIONf{static_cast<float>(-rotation.x / length),
-                        static_cast<float>(-rotation.y / length),
-                        static_cast<float>(-rotation.z / length),
-                        static_cast<float>(rotation.w / length)};
+  return PODQUATERNIONf{
+      static_cast<float>(-rotation.x / length), static_cast<float>(-rotation.y / length),
+      static_cast<float>(-rotation.z / length), static_cast<float>(rotation.w / length)};
 }
 
 PODMATRIXf PODMatrixFromSource(const aiMatrix4x4& m) {

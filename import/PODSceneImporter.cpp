@@ -24,7 +24,9 @@ bool StartsWith(const std::string& text, const char* prefix) {
   return text.compare(0, std::strlen(prefix), prefix) == 0;
 }
 
-std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
+std::string Quoted(const std::string& text) {
+  return "\"" + text + "\"";
+}
 
 std::string MeshName(const aiMesh& mesh, uint32_t index) {
   const std::string name = NameOf(mesh.mName);
@@ -38,7 +40,9 @@ aiVector3D UnitOr(const aiVector3D& v, const aiVector3D& fallback) {
                     static_cast<ai_real>(v.z / length));
 }
 
-float FiniteOr(float value, float fallback) { return std::isfinite(value) ? value : fallback; }
+float FiniteOr(float value, float fallback) {
+  return std::isfinite(value) ? value : fallback;
+}
 
 void GetColour(const aiMaterial& material, const char* key, unsigned int type, unsigned int index,
                float out[3], float fallback) {
@@ -125,8 +129,9 @@ bool PODSceneImporter::Convert(CPODScene& out, ImportSummary& summary, std::stri
     }
   }
   if (badReferences > 0)
-    Note(std::to_string(badReferences) + " references of nodes to meshes that do not exist: "
-                                         "left out");
+    Note(std::to_string(badReferences) +
+         " references of nodes to meshes that do not exist: "
+         "left out");
   if (!anyMesh) {
     error = meshCount == 0 ? "the file holds no meshes"
                            : "the file holds no triangles (only points, lines or empty meshes)";
@@ -224,8 +229,7 @@ void PODSceneImporter::ResolveLightsAndCameras() {
     else if (m_channel[s] < 0)
       m_channel[s] = static_cast<int32_t>(c);
   }
-  if (unmatched > 0)
-    Note(std::to_string(unmatched) + " animation channels name no node: ignored");
+  if (unmatched > 0) Note(std::to_string(unmatched) + " animation channels name no node: ignored");
   if (m_animation->mNumMeshChannels > 0 || m_animation->mNumMorphMeshChannels > 0)
     Note("vertex and morph-target animation is not kept");
 }
@@ -260,7 +264,8 @@ bool PODSceneImporter::ConvertMesh(uint32_t index, std::string& error) {
   for (uint32_t v = 0; v < vertexCount; ++v) {
     const aiVector3D& p = mesh.mVertices[v];
     if (!std::isfinite(p.x) || !std::isfinite(p.y) || !std::isfinite(p.z)) {
-      error = "mesh " + name + ": vertex " + std::to_string(v) + " has a position that is not a "
+      error = "mesh " + name + ": vertex " + std::to_string(v) +
+              " has a position that is not a "
               "finite number";
       return false;
     }
@@ -346,7 +351,8 @@ void PODSceneImporter::RegisterBind(int32_t source, const aiMatrix4x4& offset,
   const ai_real determinant = offset.Determinant();
   if (IsFinite(offset) && std::isfinite(determinant) && determinant != 0) bind.Inverse();
   if (!IsFinite(offset) || !std::isfinite(determinant) || determinant == 0 || !IsFinite(bind)) {
-    Note("bone " + bone + " of mesh " + meshName + " has an offset matrix that cannot be "
+    Note("bone " + bone + " of mesh " + meshName +
+         " has an offset matrix that cannot be "
          "inverted: its pose at frame 0 stands for its bind pose");
     return;
   }
@@ -354,7 +360,8 @@ void PODSceneImporter::RegisterBind(int32_t source, const aiMatrix4x4& offset,
     m_hasBind[source] = 1;
     m_bindWorld[source] = bind;
   } else if (!TransformsClose(bind, m_bindWorld[source], kBindTolerance)) {
-    Note("bone " + bone + ": mesh " + meshName + " is bound to it in another pose than an "
+    Note("bone " + bone + ": mesh " + meshName +
+         " is bound to it in another pose than an "
          "earlier mesh, whose bind pose is kept");
   }
 }
@@ -387,8 +394,8 @@ bool PODSceneImporter::SampleFrames(std::string& error) {
       const aiNodeAnim& channel = *m_animation->mChannels[m_channel[s]];
       m_samples[s].resize(frames);
       for (uint64_t k = 0; k < frames; ++k)
-        m_samples[s][k] = SampleChannel(channel, FrameTicks(*m_animation, m_options.fps, k),
-                                        m_hierarchy[s].rest);
+        m_samples[s][k] =
+            SampleChannel(channel, FrameTicks(*m_animation, m_options.fps, k), m_hierarchy[s].rest);
     }
   }
 
@@ -401,8 +408,7 @@ bool PODSceneImporter::SampleFrames(std::string& error) {
       const int32_t parent = m_hierarchy[s].parent;
       world[s] = SampledLocalMatrix(s, 0);
       if (parent >= 0) world[s] = world[parent] * world[s];
-      if (m_isBone[s] && m_hasBind[s] &&
-          !TransformsClose(world[s], m_bindWorld[s], kBindTolerance))
+      if (m_isBone[s] && m_hasBind[s] && !TransformsClose(world[s], m_bindWorld[s], kBindTolerance))
         m_bindInserted = true;
     }
   }
@@ -577,7 +583,8 @@ void PODSceneImporter::PlanMaterials() {
   for (int32_t id : m_order[static_cast<int>(Kind::kMesh)]) {
     PlannedNode& node = m_planned[id];
     const unsigned int material = m_scene.mMeshes[node.mesh]->mMaterialIndex;
-    if (!StartsWith(node.name, "MARKER") && material < count) node.material = m_materialOf[material];
+    if (!StartsWith(node.name, "MARKER") && material < count)
+      node.material = m_materialOf[material];
   }
 }
 
@@ -695,8 +702,8 @@ bool PODSceneImporter::Build(CPODScene& out, std::string& error) {
       switch (node.kind) {
         case Kind::kMesh: {
           const MeshConversion& c = m_meshes[node.mesh];
-          index = builder.AddMeshNode(node.name.c_str(), c.podMesh[node.piece], node.material,
-                                      parent);
+          index =
+              builder.AddMeshNode(node.name.c_str(), c.podMesh[node.piece], node.material, parent);
           if (SkinnedPiece(node.mesh, node.piece)) {
             ++m_summary.skinnedMeshNodes;
             for (const BoneBatch& batch : c.partition.pieces[node.piece].batches)
@@ -792,7 +799,8 @@ void PODSceneImporter::BuildMeshPiece(PODSceneBuilder& builder, uint32_t meshInd
   if (!SkinnedPiece(meshIndex, pieceIndex)) return;
 
   size_t perVertex = 1;
-  for (const VertexInfluences& in : piece.influences) perVertex = std::max<size_t>(perVertex, in.count);
+  for (const VertexInfluences& in : piece.influences)
+    perVertex = std::max<size_t>(perVertex, in.count);
   std::vector<uint8_t> slots(count * perVertex, 0);
   std::vector<float> weights(count * perVertex, 0.0f);
   for (size_t v = 0; v < count; ++v) {
@@ -804,15 +812,15 @@ void PODSceneImporter::BuildMeshPiece(PODSceneBuilder& builder, uint32_t meshInd
   }
   builder.SetStream(podMesh, PODStream::BoneIdx, EPODDataUInt8, static_cast<uint32_t>(perVertex),
                     slots.data(), slots.size());
-  builder.SetStream(podMesh, PODStream::BoneWeight, EPODDataFloat,
-                    static_cast<uint32_t>(perVertex), weights.data(),
-                    weights.size() * sizeof(float));
+  builder.SetStream(podMesh, PODStream::BoneWeight, EPODDataFloat, static_cast<uint32_t>(perVertex),
+                    weights.data(), weights.size() * sizeof(float));
   std::vector<std::vector<int32_t>> bones;
   std::vector<int32_t> offsets;
   int32_t boneMax = 0;
   for (const BoneBatch& batch : piece.batches) {
     std::vector<int32_t> nodes;
-    for (uint32_t bone : batch.bones) nodes.push_back(m_planned[m_primary[c.boneSource[bone]]].index);
+    for (uint32_t bone : batch.bones)
+      nodes.push_back(m_planned[m_primary[c.boneSource[bone]]].index);
     boneMax = std::max<int32_t>(boneMax, static_cast<int32_t>(nodes.size()));
     bones.push_back(std::move(nodes));
     offsets.push_back(static_cast<int32_t>(batch.firstTriangle));
@@ -820,8 +828,7 @@ void PODSceneImporter::BuildMeshPiece(PODSceneBuilder& builder, uint32_t meshInd
   builder.SetBoneBatches(podMesh, boneMax, bones, offsets);
 }
 
-void PODSceneImporter::BuildChannels(PODSceneBuilder& builder, const PlannedNode& node,
-                                     int index) {
+void PODSceneImporter::BuildChannels(PODSceneBuilder& builder, const PlannedNode& node, int index) {
   const size_t frames = CanMove(node) ? m_frames : 1;
   std::vector<float> position(frames * 3), rotation(frames * 4), scale(frames * 7, 0.0f);
   for (size_t f = 0; f < frames; ++f) {

@@ -53,8 +53,8 @@ class PODSceneImporter {
  private:
   struct MeshConversion {
     bool converted = false;
-    bool usable = false;   // has triangles
-    bool skinned = false;  // some vertex follows a bone
+    bool usable = false;              // has triangles
+    bool skinned = false;             // some vertex follows a bone
     std::vector<int32_t> boneSource;  // mesh bone number -> source node
     PartitionResult partition;
     std::vector<int32_t> podMesh;  // POD mesh of each piece, -1 until built
@@ -69,12 +69,12 @@ class PODSceneImporter {
     int32_t parentPlanned = -1;  // or this planned node (target nodes)
     uint32_t mesh = 0;           // source mesh and piece (mesh nodes)
     uint32_t piece = 0;
-    int32_t light = -1;   // source light (light nodes)
-    int32_t camera = -1;  // source camera (camera nodes)
-    int32_t target = -1;  // planned target node of a light or camera
+    int32_t light = -1;                // source light (light nodes)
+    int32_t camera = -1;               // source camera (camera nodes)
+    int32_t target = -1;               // planned target node of a light or camera
     aiVector3D targetOffset{0, 0, 0};  // position of a target node under its parent
-    int32_t material = -1;  // POD material (mesh nodes)
-    int32_t index = -1;     // index in the written node array
+    int32_t material = -1;             // POD material (mesh nodes)
+    int32_t index = -1;                // index in the written node array
   };
 
   bool SelectAnimation(std::string& error);
@@ -121,8 +121,8 @@ class PODSceneImporter {
   float m_ambient[3] = {0, 0, 0};
 
   std::vector<PlannedNode> m_planned;
-  std::vector<int32_t> m_order[4];  // planned nodes of each kind, in order
-  std::vector<int32_t> m_materialOf;  // source material -> POD material, -1
+  std::vector<int32_t> m_order[4];        // planned nodes of each kind, in order
+  std::vector<int32_t> m_materialOf;      // source material -> POD material, -1
   std::vector<uint32_t> m_usedMaterials;  // source materials, in POD order
 };
 

@@ -31,7 +31,8 @@ bool SourceHierarchy::Build(const aiNode* root, size_t maxNodes) {
     if (parent >= 0) ++m_nodes[parent].childCount;
     m_byName.emplace(NameOf(node->mName), index);
     if (node->mChildren != nullptr) {
-      for (unsigned int c = node->mNumChildren; c-- > 0;) stack.emplace_back(node->mChildren[c], index);
+      for (unsigned int c = node->mNumChildren; c-- > 0;)
+        stack.emplace_back(node->mChildren[c], index);
     }
   }
   return true;

@@ -3,9 +3,8 @@
 // a light, and glTF skins with animations; and the refusals of bad command lines and inputs.
 // Expected values are derived by hand from the models written here.
 
-#include <gtest/gtest.h>
-
 #include <dirent.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
@@ -14,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "PodImportFiles.h"
 #include "PODModel.h"
+#include "PodImportFiles.h"
 #include "QelSceneGraphModel.h"
 #include "SceneGraphLoader.h"
 #include "TestSupport.h"
@@ -55,9 +54,9 @@ std::unique_ptr<Converted> Convert(const TempDir& dir, const std::string& source
   return out;
 }
 
-#define ASSERT_CONVERTED(c)                                                           \
-  ASSERT_EQ((c)->import.exitStatus, 0) << (c)->import.err;                            \
-  ASSERT_EQ((c)->korvex.exitStatus, 0) << (c)->korvex.out << (c)->korvex.err;         \
+#define ASSERT_CONVERTED(c)                                                   \
+  ASSERT_EQ((c)->import.exitStatus, 0) << (c)->import.err;                    \
+  ASSERT_EQ((c)->korvex.exitStatus, 0) << (c)->korvex.out << (c)->korvex.err; \
   ASSERT_TRUE((c)->loaded) << (c)->error
 
 // The record of kind K whose node header carries `name`, or null.
@@ -156,7 +155,8 @@ TEST(PodImportObj, KeywordNamesMaterialsAndCounts) {
   EXPECT_EQ(crate->numUVW, 1u);
   bool corner = false;
   for (uint32_t v = 0; v < crate->numVertex; ++v)
-    corner = corner || (FloatAt(crate->UVWBuffer, 2 * v) == 1 && FloatAt(crate->UVWBuffer, 2 * v + 1) == 1);
+    corner = corner ||
+             (FloatAt(crate->UVWBuffer, 2 * v) == 1 && FloatAt(crate->UVWBuffer, 2 * v + 1) == 1);
   EXPECT_TRUE(corner);
 }
 
@@ -217,7 +217,8 @@ TEST(PodImportGltf, TransformCameraLightAndNodeOrder) {
       "\"extensions\":{\"KHR_lights_punctual\":{\"light\":0}}},"
       "{\"name\":\"Cam\",\"camera\":0,\"translation\":[0,0,10]},"
       "{\"name\":\"Crate\",\"mesh\":0,\"translation\":[1,2,3],\"scale\":[2,2,2],\"rotation\":" +
-      std::string(rotation) + "}],"
+      std::string(rotation) +
+      "}],"
       "\"cameras\":[{\"type\":\"perspective\",\"perspective\":{\"yfov\":0.5,"
       "\"aspectRatio\":1.5,\"znear\":0.25,\"zfar\":400}}],"
       "\"meshes\":[{\"primitives\":[{\"attributes\":{\"POSITION\":0},\"indices\":1}]}]");
@@ -253,8 +254,8 @@ TEST(PodImportGltf, TransformCameraLightAndNodeOrder) {
   const SPODLight& lamp = pod.pLight[0];
   EXPECT_EQ(uint32_t(lamp.eType), 2u);  // spot
   EXPECT_FLOAT_EQ(lamp.pfColour[1], 0.5f);
-  for (const auto& [owner, targetIndex] : {std::make_pair(1, lamp.nIdxTarget),
-                                           std::make_pair(2, pod.pCamera[0].nIdxTarget)}) {
+  for (const auto& [owner, targetIndex] :
+       {std::make_pair(1, lamp.nIdxTarget), std::make_pair(2, pod.pCamera[0].nIdxTarget)}) {
     ASSERT_GE(targetIndex, 3);
     const SPODNode& target = pod.pNode[targetIndex];
     EXPECT_EQ(std::string(target.pszName), std::string(pod.pNode[owner].pszName) + ".Target");
@@ -285,8 +286,9 @@ std::string SkinnedQuad(double fromDeg, double toDeg) {
   g.Shorts({0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0}, "VEC4", 4);
   g.Floats({.3f, .3f, 0, 0, 1, 0, 0, 0, .5f, .5f, 0, 0, 0, 1, 0, 0}, "VEC4", 4);
   // Inverse bind matrices (column-major): identity, and a translation by (-1, 0, 0).
-  g.Floats({1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1,
-            1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, -1, 0, 0, 1}, "MAT4", 16);
+  g.Floats({1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0,  0, 0, 1,
+            1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, -1, 0, 0, 1},
+           "MAT4", 16);
   g.Floats({0, 1}, "SCALAR", 1);
   const double a = fromDeg * kPi / 360, b = toDeg * kPi / 360;
   g.Floats({0, 0, float(sin(a)), float(cos(a)), 0, 0, float(sin(b)), float(cos(b))}, "VEC4", 4);
@@ -346,8 +348,8 @@ void ExpectPose(const SSGQelSkeletalMeshNodeData& r, uint32_t frame, double deg)
     Skinned(r, v, frame, got);
     Expected(p, deg, want);
     for (int c = 0; c < 3; ++c)
-      EXPECT_NEAR(got[c], want[c], 1e-4) << "vertex (" << p[0] << ", " << p[1] << ") frame "
-                                          << frame << " axis " << c;
+      EXPECT_NEAR(got[c], want[c], 1e-4)
+          << "vertex (" << p[0] << ", " << p[1] << ") frame " << frame << " axis " << c;
   }
 }
 
@@ -358,7 +360,8 @@ TEST(PodImportSkin, AnimationStartingAtTheBindPose) {
   ASSERT_CONVERTED(c);
   // One second at 30 fps: frames 0 to 30, the first of them the bind pose already.
   EXPECT_NE(c->import.out.find("frames:    31 (31 frames of animation \"Wave\" at 30 fps)"),
-            std::string::npos) << c->import.out;
+            std::string::npos)
+      << c->import.out;
   const SSGQelSkeletalMeshNodeData* r = Find<ESGSkeletalMeshNode>(c->model, "Skin");
   ASSERT_NE(r, nullptr);
   ASSERT_EQ(r->numAnimation, 31u);
@@ -383,7 +386,8 @@ TEST(PodImportSkin, BindPoseInsertedWhenTheAnimationStartsElsewhere) {
   auto c = Convert(dir, dir.file("skin.gltf"), {"--fps", "10", "--frames", "8"});
   ASSERT_CONVERTED(c);
   EXPECT_NE(c->import.out.find("frames:    9 (bind pose as frame 0, then 8 frames"),
-            std::string::npos) << c->import.out;
+            std::string::npos)
+      << c->import.out;
   const SSGQelSkeletalMeshNodeData* r = Find<ESGSkeletalMeshNode>(c->model, "Skin");
   ASSERT_NE(r, nullptr);
   ASSERT_EQ(r->numAnimation, 9u);
@@ -438,9 +442,12 @@ TEST(PodImportRefusals, CommandLineMistakesGiveStatusTwo) {
   TempDir dir;
   ASSERT_TRUE(WriteText(dir.file("skin.gltf"), SkinnedQuad(0, 90)));
   const std::string in = dir.file("skin.gltf"), out = dir.file("out.pod");
+  // clang-format off
   const std::vector<std::vector<std::string>> mistakes = {
-      {}, {in}, {in, out, out}, {"--fps", "0", in, out}, {"--max-bones", "256", in, out},
-      {"--frames", "-1", in, out}, {"--frames", in, out}, {"--colour", in, out}};
+      {}, {in}, {in, out, out}, {"--fps", "0", in, out}, {"--fps=nan", in, out},
+      {"--max-bones", "256", in, out}, {"--max-bones=0", in, out}, {"--frames", "-1", in, out},
+      {"--frames=65537", in, out}, {"--frames", in, out}, {"--colour", in, out}};
+  // clang-format on
   for (const std::vector<std::string>& args : mistakes) {
     const RunResult r = PodImport(args);
     EXPECT_EQ(r.exitStatus, 2) << ::testing::PrintToString(args);

@@ -3,7 +3,6 @@
 // as a base64 data URI, and helpers to run podimport and Korvex on them.
 
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -12,8 +11,7 @@
 namespace podimport_test {
 
 inline std::string Base64(const std::vector<uint8_t>& bytes) {
-  static const char kDigits[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  static const char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string out;
   for (size_t i = 0; i < bytes.size(); i += 3) {
     const uint32_t b0 = bytes[i];
@@ -33,14 +31,12 @@ class Gltf {
  public:
   // An accessor of floats, `type` "SCALAR", "VEC2", "VEC3", "VEC4" or "MAT4".
   int Floats(const std::vector<float>& values, const char* type, int components) {
-    const int count = static_cast<int>(values.size()) / components;
-    std::string extra;
-    if (std::strcmp(type, "VEC3") == 0 || std::strcmp(type, "SCALAR") == 0) extra = MinMax(values, components);
-    return Add(values.data(), values.size() * 4, 5126, type, count, extra);
+    return Add(values.data(), values.size() * 4, 5126, type,
+               static_cast<int>(values.size()) / components);
   }
   int Shorts(const std::vector<uint16_t>& values, const char* type, int components) {
     return Add(values.data(), values.size() * 2, 5123, type,
-               static_cast<int>(values.size()) / components, "");
+               static_cast<int>(values.size()) / components);
   }
 
   // The whole file: `body` holds the members other than asset, buffers, views and accessors.
@@ -48,29 +44,14 @@ class Gltf {
     std::string views, accessors;
     for (size_t i = 0; i < m_views.size(); ++i) views += (i ? "," : "") + m_views[i];
     for (size_t i = 0; i < m_accessors.size(); ++i) accessors += (i ? "," : "") + m_accessors[i];
-    return "{\"asset\":{\"version\":\"2.0\"}," + body + ",\"buffers\":[{\"byteLength\":" +
-           std::to_string(m_bytes.size()) +
+    return "{\"asset\":{\"version\":\"2.0\"}," + body +
+           ",\"buffers\":[{\"byteLength\":" + std::to_string(m_bytes.size()) +
            ",\"uri\":\"data:application/octet-stream;base64," + Base64(m_bytes) +
            "\"}],\"bufferViews\":[" + views + "],\"accessors\":[" + accessors + "]}";
   }
 
  private:
-  static std::string MinMax(const std::vector<float>& v, int components) {
-    std::string lo, hi;
-    for (int c = 0; c < components; ++c) {
-      float a = v[c], b = v[c];
-      for (size_t i = c; i < v.size(); i += components) {
-        a = v[i] < a ? v[i] : a;
-        b = v[i] > b ? v[i] : b;
-      }
-      lo += (c ? "," : "") + std::to_string(a);
-      hi += (c ? "," : "") + std::to_string(b);
-    }
-    return ",\"min\":[" + lo + "],\"max\":[" + hi + "]";
-  }
-
-  int Add(const void* data, size_t bytes, int componentType, const char* type, int count,
-          const std::string& extra) {
+  int Add(const void* data, size_t bytes, int componentType, const char* type, int count) {
     const size_t offset = m_bytes.size();
     m_bytes.insert(m_bytes.end(), static_cast<const uint8_t*>(data),
                    static_cast<const uint8_t*>(data) + bytes);
@@ -79,8 +60,7 @@ class Gltf {
                       ",\"byteLength\":" + std::to_string(bytes) + "}");
     m_accessors.push_back("{\"bufferView\":" + std::to_string(m_views.size() - 1) +
                           ",\"componentType\":" + std::to_string(componentType) +
-                          ",\"count\":" + std::to_string(count) + ",\"type\":\"" + type + "\"" +
-                          extra + "}");
+                          ",\"count\":" + std::to_string(count) + ",\"type\":\"" + type + "\"}");
     return static_cast<int>(m_accessors.size() - 1);
   }
 
@@ -93,7 +73,9 @@ inline bool WriteText(const std::string& path, const std::string& text) {
   return korvex_test::WriteFileBytes(path, std::vector<uint8_t>(text.begin(), text.end()));
 }
 
-inline std::string PodImportExe() { return korvex_test::BinDir() + "/podimport"; }
+inline std::string PodImportExe() {
+  return korvex_test::BinDir() + "/podimport";
+}
 
 inline korvex_test::RunResult PodImport(const std::vector<std::string>& args) {
   return korvex_test::Run(PodImportExe(), args);

@@ -38,6 +38,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "podimport: %s\n", error.c_str());
     return 1;
   }
-  if (!parsed.options.quiet) std::fputs(FormatImportSummary(summary, parsed.output).c_str(), stdout);
+  if (!parsed.options.quiet)
+    std::fputs(FormatImportSummary(summary, parsed.output).c_str(), stdout);
   return 0;
 }

@@ -129,9 +129,7 @@ bool PODSceneImporter::Convert(CPODScene& out, ImportSummary& summary, std::stri
     }
   }
   if (badReferences > 0)
-    Note(std::to_string(badReferences) +
-         " references of nodes to meshes that do not exist: "
-         "left out");
+    Note(std::to_string(badReferences) + " node references to missing meshes left out");
   if (!anyMesh) {
     error = meshCount == 0 ? "the file holds no meshes"
                            : "the file holds no triangles (only points, lines or empty meshes)";
@@ -188,9 +186,12 @@ void PODSceneImporter::ResolveLightsAndCameras() {
     if (light == nullptr) continue;
     const std::string name = Quoted(NameOf(light->mName));
     if (light->mType == aiLightSource_AMBIENT) {
-      m_ambient[0] += FiniteOr(light->mColorAmbient.r + light->mColorDiffuse.r, 0.0f);
-      m_ambient[1] += FiniteOr(light->mColorAmbient.g + light->mColorDiffuse.g, 0.0f);
-      m_ambient[2] += FiniteOr(light->mColorAmbient.b + light->mColorDiffuse.b, 0.0f);
+      // Importers put an ambient light's colour in its ambient colour, some in the diffuse.
+      const aiColor3D& a = light->mColorAmbient;
+      const aiColor3D& colour = (a.r != 0 || a.g != 0 || a.b != 0) ? a : light->mColorDiffuse;
+      m_ambient[0] += FiniteOr(colour.r, 0.0f);
+      m_ambient[1] += FiniteOr(colour.g, 0.0f);
+      m_ambient[2] += FiniteOr(colour.b, 0.0f);
       Note("ambient light " + name + " is added to the scene's ambient colour");
       continue;
     }

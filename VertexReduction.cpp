@@ -197,8 +197,8 @@ bool UVsNear(const buffer& b, const Corner& c, uint32_t uvSets) {
 
 // Cells of side 0.002 in each compared coordinate, scaled by 500 (exact for a float) and floored.
 // Two coordinates within 0.001 lie in the same or adjacent cells, on the side of the half-cell
-// the corner sits in. From 2^20 on floats are 1/8 or more apart, so only equal values are near:
-// they all share one far cell.
+// the corner sits in. A float of magnitude 2^20 or more is at least 1/16 away from any other
+// float, so only equal values are near it: such values share one far cell.
 constexpr float kFarCoordinate = 1048576.0f;
 constexpr int64_t kFarCell = INT64_MIN;
 constexpr double kSlack = 1e-9;  // covers the tolerance's excess over 0.001 and any rounding
@@ -277,7 +277,10 @@ class NearCells {
   struct KeyHash {
     size_t operator()(const Key& k) const {
       uint64_t h = k.group * 0x9E3779B97F4A7C15ull;
-      for (int64_t c : k.cell) h = (h ^ static_cast<uint64_t>(c)) * 0xFF51AFD7ED558CCDull, h ^= h >> 29;
+      for (int64_t c : k.cell) {
+        h = (h ^ static_cast<uint64_t>(c)) * 0xFF51AFD7ED558CCDull;
+        h ^= h >> 29;
+      }
       return static_cast<size_t>(h);
     }
   };
@@ -473,8 +476,10 @@ void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
 }
 
 void reduceMeshVertex(SPODScene* scene, bool nearly) {
-  std::puts(nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
-                   : "Reducing vertex number with vertex have SAME UV...");
+  // Like the texture renaming's line, this one is left open: the count lines follow on it.
+  std::fputs(nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
+                    : "Reducing vertex number with vertex have SAME UV...",
+             stdout);
   // 32-bit totals, wrapping like the counts they add up.
   uint32_t before = 0;
   uint32_t after = 0;

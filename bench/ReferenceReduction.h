@@ -147,7 +147,7 @@ inline void ReduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly
 }
 
 inline void ReduceMeshVertex(SPODScene* scene, bool nearly) {
-  std::printf("%s\n", nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
+  std::printf("%s", nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
                              : "Reducing vertex number with vertex have SAME UV...");
   int32_t before = 0, after = 0;
   for (uint32_t k = 0; k < scene->nNumMeshNode; ++k) {

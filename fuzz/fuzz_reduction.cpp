@@ -44,6 +44,15 @@ CPODData Stream(Bytes& in, EPODDataType type, uint32_t n, uint32_t elementSize, 
   return d;
 }
 
+// Replaces raw bytes by values that repeat and lie close together: few distinct positions, and
+// coordinates on a 0.0001 grid, so that long groups of near-distinct coordinates form.
+void Structure(Bytes& in, CPODData& d, float base, float step, uint32_t steps) {
+  for (size_t k = 0; d.pData != nullptr && k + 4 <= d.nDataSize; k += 4) {
+    const float f = base + step * float(in.small(steps));
+    std::memcpy(d.pData + k, &f, 4);
+  }
+}
+
 SPODMesh MakeMesh(Bytes& in) {
   SPODMesh m{};
   m.nNumVertex = in.small(40);
@@ -60,6 +69,10 @@ SPODMesh MakeMesh(Bytes& in) {
   if (m.nUVWCount > 0) {
     m.psUVW = static_cast<CPODData*>(std::calloc(m.nUVWCount, sizeof(CPODData)));
     for (size_t k = 0; k < m.nUVWCount; ++k) m.psUVW[k] = Stream(in, EPODDataFloat, 2, 4, m.nNumVertex);
+  }
+  if (in.small(1) == 0) {
+    Structure(in, m.sVertex, 0, 1, in.small(1));  // one position, or the corners of a cube
+    for (size_t k = 0; k < m.nUVWCount; ++k) Structure(in, m.psUVW[k], 0.49f, 0.0001f, 200);
   }
   if (in.small(2) == 0) {
     m.sBoneBatches.nBatchCnt = 1;

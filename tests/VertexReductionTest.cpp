@@ -27,8 +27,8 @@ std::string Totals(int before, int after) {
          "\nDifference: " + std::to_string(before - after) + "\n";
 }
 
-const char kSameHeader[] = "Reducing vertex number with vertex have SAME UV...\n";
-const char kNearHeader[] = "Reducing vertex number with vertex have NEARLY same UV...\n";
+const char kSameHeader[] = "Reducing vertex number with vertex have SAME UV...";
+const char kNearHeader[] = "Reducing vertex number with vertex have NEARLY same UV...";
 
 // A unit cube exported as 6 quads of 4 vertices each (vertex 4f+c is corner c of face f) with the
 // face normal and texture coordinates (f, c); corner positions are P(b) = (b&1, b>>1&1, b>>2).

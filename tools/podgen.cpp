@@ -2,7 +2,7 @@
 //
 //   podgen example OUT.pod     the bundled example: one node of every still kind
 //   podgen minimal OUT.pod     one textured triangle
-//   podgen animated OUT.pod    a skinned mesh on two bones, an animated mesh and camera, 6 frames
+//   podgen animated OUT.pod    a skinned mesh on two bones, animated meshes and camera, 6 frames
 //
 // Scenes are built in memory and saved with the POD writer, with an export-options block ahead
 // of the scene (the converter refuses files without one).
@@ -125,8 +125,8 @@ void BuildMinimal(PODSceneBuilder& b) {
   Place(b, b.AddMeshNode("Triangle", mesh, material), 1, 2, 3);
 }
 
-// Six frames: a quad skinned to a hip and a knee bone, a crate that moves and turns, and a
-// camera that moves back, all keyed per frame.
+// Six frames: a quad skinned to a hip and a knee bone, a crate that moves and turns, a door
+// keyed by whole matrices, and a camera that moves back, all keyed per frame.
 void BuildAnimated(PODSceneBuilder& b) {
   const int frames = 6;
   b.SetNumFrames(frames);
@@ -140,6 +140,7 @@ void BuildAnimated(PODSceneBuilder& b) {
   const int skin = b.AddMeshNode("Skin", quad);
   Place(b, skin, 0, 0, 1);
   const int crate = b.AddMeshNode("Crate", cube, wood);
+  const int door = b.AddMeshNode("Door", cube);
   const int camera = b.AddCameraNode("Camera01", 0.785398f, 0.1f, 500.0f);
   const int hip = b.AddNode("Hip");
   const int knee = b.AddNode("Knee", hip);
@@ -147,8 +148,9 @@ void BuildAnimated(PODSceneBuilder& b) {
   Place(b, camera, 0, 5, 15);
   Place(b, hip, 0, 0, 0);
   Place(b, knee, 0, 1, 0);
-  std::vector<float> crateAt, turn, cameraAt, lift;
+  std::vector<float> crateAt, turn, cameraAt, lift, swing;
   for (int f = 0; f < frames; ++f) {
+    swing.insert(swing.end(), {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 3, 0, 0.5f * f, 1});
     crateAt.insert(crateAt.end(), {float(f), 0, 0});
     turn.insert(turn.end(), {0, 0, 0.1f * f, 1});
     cameraAt.insert(cameraAt.end(), {0, 5, 15.0f + f});
@@ -157,6 +159,8 @@ void BuildAnimated(PODSceneBuilder& b) {
   b.SetAnimPosition(crate, crateAt);
   b.SetAnimRotation(crate, turn);
   b.SetAnimPosition(camera, cameraAt);
+  Place(b, door, 3, 0, 0);
+  b.SetAnimMatrix(door, swing);
   b.SetAnimPosition(hip, lift);
   b.SetAnimRotation(knee, turn);
   b.SetBoneBatches(quad, 2, {{hip, knee}}, {0});

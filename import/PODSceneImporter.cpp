@@ -579,8 +579,10 @@ void PODSceneImporter::PlanMaterials() {
     m_usedMaterials.push_back(i);
   }
   if (m_usedMaterials.size() < count)
-    Note(std::to_string(count - m_usedMaterials.size()) +
-         " materials that no mesh node uses are left out");
+    Note(count - m_usedMaterials.size() == 1
+             ? "1 material that no mesh node uses is left out"
+             : std::to_string(count - m_usedMaterials.size()) +
+                   " materials that no mesh node uses are left out");
   for (int32_t id : m_order[static_cast<int>(Kind::kMesh)]) {
     PlannedNode& node = m_planned[id];
     const unsigned int material = m_scene.mMeshes[node.mesh]->mMaterialIndex;

@@ -92,6 +92,12 @@ bool ImportModelFile(const std::string& input, const std::string& output,
                      const ImportOptions& options, const std::string& exportOptions,
                      ImportSummary& summary, std::string& error) {
   if (!ReadableFile(input, error)) return false;
+  struct stat in, out;
+  if (stat(input.c_str(), &in) == 0 && stat(output.c_str(), &out) == 0 && in.st_dev == out.st_dev &&
+      in.st_ino == out.st_ino) {
+    error = "cannot write " + output + ": it is the input file";
+    return false;
+  }
   try {
     return ImportAndWrite(input, output, options, exportOptions, summary, error);
   } catch (const std::bad_alloc&) {

@@ -423,6 +423,7 @@ TEST(PodImportRefusals, BadInputsGiveStatusOneAndLeaveNothingBehind) {
       {{dir.file("empty.gltf"), dir.file("kept.pod")}, "no meshes"},
       {{"--animation", "Run", dir.file("skin.gltf"), dir.file("out.pod")}, "\"Wave\""},
       {{dir.file("lightmap.obj"), dir.file("out.pod")}, "light map \"LIGHTMAP002\""},
+      {{dir.file("skin.gltf"), dir.path() + "/./skin.gltf"}, "it is the input file"},
       {{dir.file("skin.gltf"), dir.path() + "/no/such/dir/out.pod"}, "cannot write"},
   };
   for (const Case& c : cases) {

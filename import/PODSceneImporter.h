@@ -13,9 +13,14 @@
 //   direction. Light kinds: point 0, directional 1, spot 2; area lights become point lights and
 //   ambient lights add their colour to the scene's ambient colour.
 // - Every node has position, rotation and scale channels: one key when still, one key a frame
-//   when it moves. Frame 0 is the bind pose whenever a skinned mesh exists, because Korvex takes
-//   each bone's matrix relative to frame 0: an animation that does not start there gets the bind
-//   pose inserted as frame 0.
+//   when it moves. One animation is sampled at a fixed rate, so nNumFrame is the number of
+//   samples. Korvex takes each bone's matrix relative to frame 0, so with skinned meshes frame 0
+//   must be the bind pose: an animation that does not start there gets the bind pose inserted
+//   as an extra frame 0 (bones in their bind pose, every other node in its rest pose). A scene
+//   without animation is still (nNumFrame 0) and its skinned meshes show their bind pose.
+// - Skin: at most 4 bones a vertex (the strongest, scaled to sum 1); bone indices are unsigned
+//   bytes (n = the most bones any vertex of the mesh follows), weights floats; batches of at most
+//   --max-bones bones, each batch's offset counted in triangles of its mesh.
 // - Materials are the source materials some mesh node uses (mesh nodes named MARKER... use none);
 //   textures are the diffuse textures of those materials, by the file name the source gives.
 // - Light maps as Korvex links them (a mesh node LIGHTMAPxyz of exactly 11 characters defines

@@ -6,14 +6,27 @@ FUZZ_BUILD ?= build-fuzz
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
 
-.PHONY: all build run test asan bench fuzz fuzz-run clean
+.PHONY: all build run test asan bench fuzz fuzz-run clean assimp
 
 all: build
 
-$(BUILD)/CMakeCache.txt:
+# podimport needs the Open Asset Import Library: installed here when missing and run as root
+# (Debian); otherwise CMake leaves podimport out. A build configured before the library came is
+# configured again.
+ASSIMP_HEADER ?= /usr/include/assimp/Importer.hpp
+assimp:
+	@[ -f $(ASSIMP_HEADER) ] || [ "$$(id -u)" != 0 ] || \
+	  { echo "Installing libassimp-dev for podimport"; apt-get update -qq && \
+	    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq libassimp-dev >/dev/null; } || \
+	  echo "libassimp-dev could not be installed: podimport is left out"
+reconfigure-for-assimp = @if [ -f $(ASSIMP_HEADER) ] && \
+	  grep -q '^assimp_DIR:PATH=.*NOTFOUND' $(1)/CMakeCache.txt; then cmake -S . -B $(1) >/dev/null; fi
+
+$(BUILD)/CMakeCache.txt: | assimp
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release
 
-build: $(BUILD)/CMakeCache.txt
+build: assimp $(BUILD)/CMakeCache.txt
+	$(call reconfigure-for-assimp,$(BUILD))
 	cmake --build $(BUILD) -j $(JOBS)
 
 run: build
@@ -23,10 +36,11 @@ run: build
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-$(ASAN_BUILD)/CMakeCache.txt:
+$(ASAN_BUILD)/CMakeCache.txt: | assimp
 	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKORVEX_SANITIZE=ON -DKORVEX_BENCH=OFF
 
-asan: $(ASAN_BUILD)/CMakeCache.txt
+asan: assimp $(ASAN_BUILD)/CMakeCache.txt
+	$(call reconfigure-for-assimp,$(ASAN_BUILD))
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS)

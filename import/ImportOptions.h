@@ -1,0 +1,22 @@
+#pragma once
+// What podimport is asked to do beside the two file names.
+
+#include <cstdint>
+#include <string>
+
+namespace korvex_import {
+
+// The most frames Korvex bakes (it refuses scenes with more), so also the most podimport samples.
+const uint32_t kMaxFrames = 65536;
+// Bone indices are stored as unsigned bytes, so a batch holds at most 255 bones.
+const int kMaxBonesLimit = 255;
+
+struct ImportOptions {
+  int64_t maxFrames = -1;  // most animation frames to sample; -1: the whole animation
+  double fps = 30.0;       // frames sampled per second of animation
+  std::string animation;   // name or index of the animation to sample; empty: the first
+  int maxBones = 60;       // bones per bone batch
+  bool quiet = false;      // no summary on standard output
+};
+
+}  // namespace korvex_import

@@ -5,6 +5,8 @@ ASAN_BUILD ?= build-asan
 FUZZ_BUILD ?= build-fuzz
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
+# Ninja when the machine has it, make otherwise.
+GENERATOR  ?= $(shell command -v ninja >/dev/null 2>&1 && echo Ninja || echo 'Unix Makefiles')
 
 .PHONY: all build run test asan bench fuzz fuzz-run clean assimp
 
@@ -23,7 +25,7 @@ reconfigure-for-assimp = @if [ -f $(ASSIMP_HEADER) ] && \
 	  grep -q '^assimp_DIR:PATH=.*NOTFOUND' $(1)/CMakeCache.txt; then cmake -S . -B $(1) >/dev/null; fi
 
 $(BUILD)/CMakeCache.txt: | assimp
-	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release
+	cmake -S . -B $(BUILD) -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=Release
 
 build: assimp $(BUILD)/CMakeCache.txt
 	$(call reconfigure-for-assimp,$(BUILD))
@@ -37,7 +39,7 @@ test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
 $(ASAN_BUILD)/CMakeCache.txt: | assimp
-	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKORVEX_SANITIZE=ON -DKORVEX_BENCH=OFF
+	cmake -S . -B $(ASAN_BUILD) -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=Debug -DKORVEX_SANITIZE=ON -DKORVEX_BENCH=OFF
 
 asan: assimp $(ASAN_BUILD)/CMakeCache.txt
 	$(call reconfigure-for-assimp,$(ASAN_BUILD))
@@ -49,12 +51,12 @@ bench: build
 	@for b in $(BUILD)/bench_*; do [ -x "$$b" ] && echo "== $$b" && "$$b" || true; done
 
 $(FUZZ_BUILD)/CMakeCache.txt:
-	CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVEX_FUZZ=ON
+	CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVEX_FUZZ=ON
 
 fuzz: $(FUZZ_BUILD)/CMakeCache.txt
 	cmake --build $(FUZZ_BUILD) -j $(JOBS)
 
-# Runs every fuzz target for FUZZ_SECONDS on its corpus (fuzz/corpus/NAME, seeded by fuzz/seed.sh).
+# Runs every fuzz target for FUZZ_SECONDS on its corpus (starting from the seeds in fuzz/corpus/NAME).
 fuzz-run: fuzz
 	@set -e; for src in fuzz/fuzz_*.cpp; do \
 	  name=$$(basename $$src .cpp); \

@@ -58,7 +58,7 @@ void BuildFullScene(CPODScene& scene) {
   b.SetNumFrames(2);
   b.SetBackgroundColour(0.1f, 0.2f, 0.3f);
   b.SetAmbientColour(0.4f, 0.5f, 0.6f);
-  const int tex = b.AddTexture("wall.pvr");
+  const int tex = b.AddTexture("wall.png");
   const int mat = b.AddMaterial("brick", tex);
   b.SetMaterialEffect(mat, "fx.pfx", "Brick");
   b.AddMaterial("plain");

@@ -29,7 +29,7 @@ std::vector<uint8_t> LightAndMaterialFile(const TempDir& dir) {
   auto* light = AddNode<SSGQelLightNodeData>(model, ESGLightNode, "Light");
   light->colour[2] = 0.75f;
   light->targetIndex = -1;
-  std::strcpy(AddNode<SSGQelMaterialData>(model, ESGMaterial, "Mat")->textureName, "wall.pvr");
+  std::strcpy(AddNode<SSGQelMaterialData>(model, ESGMaterial, "Mat")->textureName, "wall.png");
   SetFileHeader(model, "lm.PODx");
   return Write(model, dir.file("lm.qsn"));
 }
@@ -52,7 +52,7 @@ TEST(SceneGraphLoader, LoadsLightAndMaterialWithTheirHeadersInFileOrder) {
   ASSERT_EQ(model.material.size(), 1u);
   EXPECT_EQ(model.lightnode[0]->colour[2], 0.75f);
   EXPECT_EQ(model.lightnode[0]->targetIndex, -1);
-  EXPECT_EQ(std::string(model.material[0]->textureName), "wall.pvr");
+  EXPECT_EQ(std::string(model.material[0]->textureName), "wall.png");
 }
 
 TEST(SceneGraphLoader, EveryKindSurvivesWriteLoadWriteAndItsArraysAreReachable) {

@@ -54,7 +54,7 @@ TEST(SceneGraphWriter, LightAndMaterialMatchTheDocumentedFileByteForByte) {
   material->specular[2] = 0.3f;
   material->shininess = 8.0f;
   std::strcpy(material->materialName, "Stone");
-  std::strcpy(material->textureName, "stone.pvr");
+  std::strcpy(material->textureName, "stone.tga");
   SetFileHeader(model, "scene.PODx");
 
   // Offsets: 2 headers x 144 + 268 = 556 for the light, 556 + 100 = 656 for the material.
@@ -85,7 +85,7 @@ TEST(SceneGraphWriter, LightAndMaterialMatchTheDocumentedFileByteForByte) {
   PutF32(expected, 696, 0.3f);
   PutF32(expected, 700, 8.0f);
   PutText(expected, 704, "Stone");
-  PutText(expected, 832, "stone.pvr");
+  PutText(expected, 832, "stone.tga");
 
   TempDir dir;
   EXPECT_EQ(WriteModel(model, dir), expected);

@@ -87,7 +87,7 @@ void LightAndMaterial(QelSceneGraphModel& model) {
   auto* material = Add<SSGQelMaterialData>(model, ESGMaterial, "Stone");
   material->opacity = 1.0f;
   std::strcpy(material->materialName, "Stone");
-  std::strcpy(material->textureName, "stone.pvr");
+  std::strcpy(material->textureName, "stone.tga");
 }
 
 void EveryKind(QelSceneGraphModel& model) {

@@ -56,7 +56,7 @@ void BuildEveryKindModel(QelSceneGraphModel& model) {
   FillMesh(*AddNode<SSGQelMeshNodeData>(model, ESGMeshNode, "Mesh"), 2, 1);
   AddNode<SSGQelLightNodeData>(model, ESGLightNode, "Light")->colour[1] = 0.5f;
   AddNode<SSGQelCameraNodeData>(model, ESGCameraNode, "Camera")->FOV = 0.75f;
-  std::strcpy(AddNode<SSGQelMaterialData>(model, ESGMaterial, "Mat")->textureName, "t.pvr");
+  std::strcpy(AddNode<SSGQelMaterialData>(model, ESGMaterial, "Mat")->textureName, "t.png");
   auto* box = AddNode<SSGQelCollisionBoxNodeData>(model, ESGCollisionBoxNode, "COLBOX");
   FillMesh(*box, 1, 2);
   box->localBoxMax[2] = 4.0f;

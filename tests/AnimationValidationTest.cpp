@@ -4,7 +4,6 @@
 #include <cstring>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "AnimationValidation.h"
 #include "PODSceneBuilder.h"
@@ -41,33 +40,19 @@ TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) 
       {"", [](CPODScene&) {}},
       {"", [](CPODScene&) {}, 1},
       {"no pfAnimRotation key", [](CPODScene& s) { s.pNode[0].nAnimRotationSize = 12; }},
-      {"no pfAnimScale key", [](CPODScene& s) { s.pNode[0].nAnimScaleSize = 8; }},
-      {"no pfAnimPosition key", [](CPODScene& s) { s.pNode[0].nAnimPositionSize = 0; }},
       {"outside 0..255", [&](CPODScene& s) { cnt(s) = 256; }},
-      {"pnBatches holds 1", [](CPODScene& s) { s.pMesh[0].sBoneBatches.nBatchesSize = 4; }},
       {"bone node index 4", [](CPODScene& s) { s.pMesh[0].sBoneBatches.pnBatches[1] = 4; }},
       {"sBoneWeight holds fewer", [](CPODScene& s) { s.pMesh[0].sBoneWeight.nDataSize = 4; }},
-      {"interleaved sBoneWeight",
-       [](CPODScene& s) { s.pMesh[0].pInterleaved = reinterpret_cast<uint8_t*>(s.pNode); }},
       {"cyclic", [](CPODScene& s) { s.pNode[2].nIdxParent = 3; }},
-      {"parent 9 outside", [](CPODScene& s) { s.pNode[1].nIdxParent = 9; }},
       {"frame count 65537", [](CPODScene& s) { s.nNumFrame = 65537; }},
       {"camera node's nIdx", [](CPODScene& s) { s.pNode[1].nIdx = 1; }, 1},
-      {"mesh node's nIdx", [](CPODScene& s) { s.pNode[0].nIdx = -1; }},
-      // Nothing is baked: keyword meshes, other node kinds, scenes without frames.
-      {"",
+      {"",  // a keyword mesh is not baked, so its missing key does not matter
        [](CPODScene& s) {
          s.pNode[0].nAnimRotationSize = 0;
          std::free(s.pNode[0].pszName);
          s.pNode[0].pszName = static_cast<char*>(std::calloc(8, 1));
          std::memcpy(s.pNode[0].pszName, "MARKER1", 7);
        }},
-      {"",
-       [](CPODScene& s) {
-         s.pNode[0].nAnimRotationSize = 0;
-         s.nNumFrame = 0;
-       }},
-      {"", [](CPODScene& s) { s.pNode[2].nIdxParent = 2; }, 2},
       {"node index is outside", [](CPODScene&) {}, 4},
   };
   for (const Case& c : cases) {
@@ -82,24 +67,6 @@ TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) 
     } else {
       EXPECT_NE(problem.find(c.expected), std::string::npos) << problem << " / " << c.expected;
     }
-    scene.pMesh[0].pInterleaved = nullptr;  // not the scene's to free
-  }
-}
-
-// Sixteen bones at the end of a 64-node chain over 65536 frames: within the frame and matrix
-// limits (16 x 65536 matrices = 64 MiB), but about 68 million node evaluations.
-TEST(AnimationValidation, RefusesBoneChainsTooDeepForTheFrameCount) {
-  for (uint32_t frames : {2048u, 65536u}) {
-    PODSceneBuilder b;
-    BuildValid(b);
-    int bone = 3;
-    for (int i = 0; i < 62; ++i) bone = b.AddNode("link", bone);
-    b.SetBoneBatches(0, 16, {std::vector<int32_t>(16, bone)}, {0});
-    b.SetNumFrames(frames);
-    CPODScene scene;
-    ASSERT_TRUE(b.Build(scene));
-    EXPECT_EQ(CheckAnimatedNode(scene, 0),
-              frames == 2048 ? "" : "bone hierarchy too deep for the frame count");
   }
 }
 

@@ -1,9 +1,8 @@
-// Bounding sphere and box of a position stream: values from hand arithmetic, the running-mean
-// order of the centre, and the assertions that guard the stream format.
+// Bounding sphere and box of a position stream: values from hand arithmetic, and the assertions
+// that guard the stream format.
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -46,50 +45,6 @@ TEST(BoundingVolumes, TwoPointsUnderTheIdentity) {
   EXPECT_EQ(std::vector<float>(mn, mn + 3), (std::vector<float>{0, 0, 0}));
   EXPECT_EQ(std::vector<float>(mx, mx + 3), (std::vector<float>{2, 0, 0}));
   EXPECT_EQ(std::vector<float>(bc, bc + 3), (std::vector<float>{1, 0, 0}));
-}
-
-TEST(BoundingVolumes, WithoutMatrixPositionsAreTakenAsStored) {
-  std::vector<float> p = {-0.0f, 5, 7};
-  CPODData d = Positions(p);
-  float c[3], mn[3], mx[3];
-  ASSERT_TRUE(CreateBoundingAABB(nullptr, &d, 1, c, mn, mx));
-  EXPECT_TRUE(std::signbit(mn[0]));  // stored -0; through the identity it would be 0 + (-0) = +0
-  PODMATRIXf m = Identity();
-  ASSERT_TRUE(CreateBoundingAABB(&m, &d, 1, c, mn, mx));
-  EXPECT_FALSE(std::signbit(mn[0]));
-}
-
-TEST(BoundingVolumes, CentreIsARunningMeanInSinglePrecision) {
-  // The running mean c_k = v_k / (k + 1) + c_(k-1) * (k / (k + 1)) rounds differently from the
-  // plain mean; this set shows the difference in the last bit.
-  std::vector<float> p = {0.1f, 0, 0, 0.7f, 0, 0, 0.3f, 0, 0, 1e-3f, 0, 0, 5.3f, 0, 0};
-  float running = 0.0f;
-  for (int k = 0; k < 5; ++k) {
-    const float t = float(k), w = 1.0f + t;
-    running = p[3 * k] / w + running * (t / w);
-  }
-  float sum = 0.0f;
-  for (int k = 0; k < 5; ++k) sum += p[3 * k];
-  ASSERT_NE(running, sum / 5.0f) << "pick values whose two means differ";
-
-  CPODData d = Positions(p);
-  float c[3], r;
-  ASSERT_TRUE(CreateBoundingSphere(nullptr, &d, 5, c, &r));
-  EXPECT_EQ(c[0], running);
-  // The farthest point is 5.3; the radius is its distance along x.
-  EXPECT_EQ(r, std::sqrt((5.3f - running) * (5.3f - running)));
-}
-
-TEST(BoundingVolumes, NoVerticesWritesNothing) {
-  std::vector<float> p;
-  CPODData d = Positions(p);
-  float c[3] = {7, 7, 7}, r = 7, mn[3] = {7, 7, 7}, mx[3] = {7, 7, 7};
-  EXPECT_FALSE(CreateBoundingSphere(nullptr, &d, 0, c, &r));
-  EXPECT_FALSE(CreateBoundingAABB(nullptr, &d, 0, c, mn, mx));
-  EXPECT_EQ(c[0], 7.0f);
-  EXPECT_EQ(r, 7.0f);
-  EXPECT_EQ(mn[2], 7.0f);
-  EXPECT_EQ(mx[1], 7.0f);
 }
 
 // The assertion line: expression, function and source name.

@@ -1,6 +1,5 @@
-// The parts of podimport below the command line: bone influences, the cutting of meshes into
-// pieces and bone batches, the transform conventions, animation sampling, and the conversion
-// of a scene built in memory with the import library's own types.
+// The parts of podimport below the command line: bone influences, and the conversion of a scene
+// built in memory with the import library's own types.
 
 #include <assimp/scene.h>
 #include <gtest/gtest.h>
@@ -10,10 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "AnimationSampling.h"
 #include "BoneInfluences.h"
-#include "MeshPartition.h"
-#include "PODConventions.h"
 #include "PODSceneImporter.h"
 
 namespace {
@@ -36,103 +32,6 @@ TEST(PodImportInfluences, StrongestFourKeptAndScaledToOne) {
     EXPECT_NEAR(in.item[i].weight, weights[i], 1e-6);
   }
   EXPECT_EQ(LimitInfluences({{0, 0}, {1, nan}}, kMaxInfluences).count, 0);
-}
-
-// The source triangles a partition stands for, piece after piece.
-std::vector<uint32_t> SourceTriangles(const PartitionResult& result) {
-  std::vector<uint32_t> triangles;
-  for (const MeshPiece& piece : result.pieces)
-    for (uint16_t index : piece.indices) triangles.push_back(piece.sourceVertex.at(index));
-  return triangles;
-}
-
-TEST(PodImportPartition, BatchesHoldAtMostMaxBones) {
-  // Vertex v follows bone v alone.
-  std::vector<VertexInfluences> influences(6);
-  for (uint32_t v = 0; v < 6; ++v) influences[v] = LimitInfluences({{v, 1}}, kMaxInfluences);
-  const std::vector<uint32_t> triangles = {0, 1, 2, 3, 4, 5, 0, 1, 3};
-  PartitionLimits limits;
-  limits.maxBones = 3;
-  const PartitionResult result = PartitionMesh(triangles, 6, &influences, 6, limits);
-  ASSERT_EQ(result.pieces.size(), 1u);
-  const MeshPiece& piece = result.pieces[0];
-  // Each triangle brings three bones: one batch each, vertices stored once per batch.
-  ASSERT_EQ(piece.batches.size(), 3u);
-  EXPECT_EQ(piece.sourceVertex.size(), 9u);
-  for (uint32_t b = 0; b < 3; ++b) EXPECT_EQ(piece.batches[b].firstTriangle, b);
-  EXPECT_EQ(SourceTriangles(result), triangles);
-  for (size_t corner = 0; corner < piece.indices.size(); ++corner) {
-    const uint16_t v = piece.indices[corner];
-    const BoneBatch& batch = piece.batches[corner / 3];
-    ASSERT_EQ(piece.influences[v].count, 1);
-    EXPECT_EQ(batch.bones.at(piece.influences[v].item[0].bone), piece.sourceVertex[v]);
-  }
-  EXPECT_EQ(result.prunedTriangles, 0u);
-
-  // A triangle that alone needs three bones, with room for two: the strongest of its first
-  // two vertices stay, the third vertex is left without a bone.
-  limits.maxBones = 2;
-  const PartitionResult pruned = PartitionMesh({0, 1, 2}, 6, &influences, 6, limits);
-  EXPECT_EQ(pruned.prunedTriangles, 1u);
-  ASSERT_EQ(pruned.pieces.size(), 1u);
-  EXPECT_EQ(pruned.pieces[0].batches[0].bones, (std::vector<uint32_t>{0, 1}));
-  EXPECT_EQ(pruned.pieces[0].influences[2].count, 0);
-}
-
-TEST(PodImportConventions, PODKeysRebuildTheSourceMatrix) {
-  // 90 degrees about z, scale (2, 3, 4), at (1, 2, 3): as columns, T * R * S is
-  // [0 -3 0 1; 2 0 0 2; 0 0 4 3].
-  LocalTransform t;
-  t.rotation = aiQuaternion(std::sqrt(0.5f), 0, 0, std::sqrt(0.5f));
-  t.scale = aiVector3D(2, 3, 4);
-  t.position = aiVector3D(1, 2, 3);
-  const aiMatrix4x4 m = ComposeTransform(t);
-  const float expected[3][4] = {{0, -3, 0, 1}, {2, 0, 0, 2}, {0, 0, 4, 3}};
-  for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 4; ++c) EXPECT_NEAR(m[r][c], expected[r][c], 1e-6) << r << c;
-
-  // POD's world matrix S * R * T of the keys is the transpose of the source's matrix: the
-  // rotation key must be the conjugate, the quaternion itself turns the other way.
-  const aiQuaternion q = aiQuaternion(aiVector3D(1, 2, 2).Normalize(), 0.7f);
-  t.rotation = q;
-  const PODMATRIXf source = PODMatrixFromSource(ComposeTransform(t));
-  auto world = [&t](const PODQUATERNIONf& key) {
-    PODMATRIXf s, r, p, out;
-    PODMatrixScalingF(s, t.scale.x, t.scale.y, t.scale.z);
-    PODMatrixRotationQuaternionF(r, key);
-    PODMatrixTranslationF(p, t.position.x, t.position.y, t.position.z);
-    PODMatrixMultiplyF(out, s, r);
-    PODMatrixMultiplyF(out, out, p);
-    return out;
-  };
-  const PODMATRIXf conjugate = world(PODRotationKey(q));
-  const PODMATRIXf same = world(PODQUATERNIONf{q.x, q.y, q.z, q.w});
-  float worst = 0, worstSame = 0;
-  for (int i = 0; i < 16; ++i) {
-    worst = std::max(worst, std::fabs(conjugate.f[i] - source.f[i]));
-    worstSame = std::max(worstSame, std::fabs(same.f[i] - source.f[i]));
-  }
-  EXPECT_LT(worst, 1e-5f);
-  EXPECT_GT(worstSame, 0.1f);
-}
-
-TEST(PodImportSampling, KeysInterpolatedAndHeldOutsideTheirSpan) {
-  aiNodeAnim channel;
-  channel.mNumPositionKeys = 2;
-  channel.mPositionKeys = new aiVectorKey[2]{{10, aiVector3D(0, 0, 0)}, {20, aiVector3D(4, 2, 0)}};
-  LocalTransform rest;
-  rest.scale = aiVector3D(5, 5, 5);
-  EXPECT_FLOAT_EQ(SampleChannel(channel, 12.5, rest).position.y, 0.5f);
-  EXPECT_FLOAT_EQ(SampleChannel(channel, 0, rest).position.x, 0);
-  EXPECT_FLOAT_EQ(SampleChannel(channel, 99, rest).position.x, 4);
-  EXPECT_FLOAT_EQ(SampleChannel(channel, 15, rest).scale.z, 5);  // no scale keys: the rest's
-
-  aiAnimation animation;
-  animation.mDuration = 1000;
-  animation.mTicksPerSecond = 0;  // taken as 25 ticks a second: 40 seconds, 401 frames at 10
-  EXPECT_EQ(WholeAnimationFrames(animation, 10), 401u);
-  animation.mDuration = std::nan("");
-  EXPECT_EQ(WholeAnimationFrames(animation, 10), 1u);
 }
 
 // --- a scene built with the library's own types ------------------------------------------------

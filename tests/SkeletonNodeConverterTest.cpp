@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -13,9 +12,7 @@ namespace {
 using korvex::PODSceneBuilder;
 using korvex::PODStream;
 
-const float kHalfSqrt2 = 0.70710678f;
-
-// A skinned two-vertex mesh node with identity bind keys (node 0, or 1 after a plain mesh node);
+// A skinned two-vertex mesh node 0 with identity bind keys;
 // then the bones hip (a root) and knee (below hip). The record holds the static volumes the mesh
 // conversion would have left.
 struct Skin {
@@ -25,13 +22,12 @@ struct Skin {
   SkeletonNodeConverter conv;
   SSGQelSkeletalMeshNodeData* r =
       static_cast<SSGQelSkeletalMeshNodeData*>(std::calloc(1, sizeof(SSGQelSkeletalMeshNodeData)));
-  explicit Skin(uint32_t frames, bool plainFirst = false) {
+  explicit Skin(uint32_t frames) {
     b.SetNumFrames(frames);
     mesh = b.AddMesh(2);
     b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 1, 0, 0});
     const uint8_t idx[] = {0, 1, 2, 3, 4, 5, 6, 7};
     b.SetStream(mesh, PODStream::BoneIdx, EPODDataUByte4, 1, idx, sizeof idx);
-    if (plainFirst) b.AddMeshNode("plain", mesh);
     skin = b.AddMeshNode("skin", mesh);
     b.SetAnimScale(skin, PODSceneBuilder::ScaleKeys({1, 1, 1}), false);
     b.SetAnimRotation(skin, {0, 0, 0, 1}, false);
@@ -71,12 +67,6 @@ struct Skin {
   }
 };
 
-// Carries point p by a stored matrix as a row vector with w = 1.
-std::vector<float> Carry(const std::vector<float>& m, float x, float y, float z) {
-  return {x * m[0] + y * m[4] + z * m[8] + m[12], x * m[1] + y * m[5] + z * m[9] + m[13],
-          x * m[2] + y * m[6] + z * m[10] + m[14]};
-}
-
 void ExpectPoint(const std::vector<float>& p, float x, float y, float z) {
   EXPECT_NEAR(p[0], x, 1e-5f);
   EXPECT_NEAR(p[1], y, 1e-5f);
@@ -98,45 +88,6 @@ TEST(SkeletonNodeConverter, BoneMatricesAtFrameZeroAreIdentityWhenFirstKeysMatch
   for (int slot = 0; slot < 2; ++slot) {
     const std::vector<float> m = s.matrix(slot, 0);
     for (int e = 0; e < 16; ++e) EXPECT_NEAR(m[e], e % 5 == 0 ? 1.0f : 0.0f, 1e-5f) << e;
-  }
-}
-
-TEST(SkeletonNodeConverter, BoneMatricesCarryTheBindPoseIntoEachFrame) {
-  Skin s(3);
-  // Hip: moves and turns 90 degrees about z at frame 1; the knee's position keys are not
-  // flagged but are interpolated all the same by this converter.
-  s.b.SetAnimPosition(s.hip, {1, 2, 3, 4, 2, 3, 4, 5, 3});
-  const float h = kHalfSqrt2;
-  s.b.SetAnimRotation(s.hip, {0, 0, 0, 1, 0, 0, h, h, 0, 0, h, h});
-  s.b.SetAnimPosition(s.knee, {0, 1, 0, 0, 3, 0, 0, 5, 0}, false);
-  s.convert({s.hip, s.knee});
-
-  // Rotation (0, 0, h, h) maps x to (0, -1, 0) and y to (1, 0, 0) (rows of its matrix).
-  // Hip at frame 2 (the last, whose key n+1 does not exist): its bind origin (1,2,3) goes to
-  // (4,5,3), and the point one unit along x from it to (4,5,3) + (0,-1,0).
-  ExpectPoint(Carry(s.matrix(0, 2), 1, 2, 3), 4, 5, 3);
-  ExpectPoint(Carry(s.matrix(0, 2), 2, 2, 3), 4, 4, 3);
-  // Knee origin: frame 0 at (0,1,0) + (1,2,3); frame 1 at (0,3,0) turned = (3,0,0), + (4,2,3).
-  ExpectPoint(Carry(s.matrix(1, 1), 1, 3, 3), 7, 2, 3);
-
-  // The scene's frame state is left at the last frame; the record copied it at frame 0.
-  EXPECT_EQ(s.scene.m_pImpl->fCurrentFrame, 2.0f);
-  EXPECT_EQ(s.scene.m_pImpl->nFrameIndex, 2);
-  EXPECT_EQ(s.scene.m_pImpl->fFrameBlend, 0.0f);
-  EXPECT_EQ(s.r->evalFrame, 0.0f);
-}
-
-TEST(SkeletonNodeConverter, OnlyAParentAboveNodeZeroEntersTheBindPose) {
-  // Node 0 a plain mesh node moved by (5,0,0), node 1 the skin. Parented to node 0 the skin keeps
-  // no parent transform; parented to another node moved the same, its bone matrix is that move.
-  for (bool toNodeZero : {true, false}) {
-    Skin s(1, true);
-    const int other = s.b.AddNode("other");
-    s.b.SetPosition(other, 5, 0, 0);
-    s.b.SetPosition(0, 5, 0, 0);
-    s.b.SetParent(s.skin, toNodeZero ? 0 : other);
-    s.convert({s.hip});
-    EXPECT_EQ(s.matrix(0, 0)[12], toNodeZero ? 0.0f : 5.0f) << toNodeZero;
   }
 }
 

@@ -50,6 +50,15 @@ bool Save(PODSceneBuilder& b, const std::string& path) {
   return b.Build(scene) && scene.SavePOD(path.c_str(), "options");
 }
 
+// Writes the scene made by `build` as DIR/NAME.pod.
+std::string SaveAs(const TempDir& dir, const std::string& name, void (*build)(PODSceneBuilder&)) {
+  PODSceneBuilder b;
+  build(b);
+  const std::string input = dir.file(name + ".pod");
+  EXPECT_TRUE(Save(b, input));
+  return input;
+}
+
 std::string WriteSimple(const std::string& path) {
   PODSceneBuilder b;
   BuildSimple(b);
@@ -180,10 +189,7 @@ TEST(DriverDeathTest, SpecifiedAssertionsEndTheRun) {
   for (const AssertionCase& c : cases) {
     SCOPED_TRACE(c.name);
     TempDir dir;
-    PODSceneBuilder b;
-    c.build(b);
-    const std::string input = dir.file(std::string(c.name) + ".pod");
-    ASSERT_TRUE(Save(b, input));
+    const std::string input = SaveAs(dir, c.name, c.build);
     std::vector<std::string> args = c.flags;
     args.push_back(input);
     const RunResult r = Korvex(args);
@@ -221,10 +227,7 @@ TEST(Driver, ScenesThatCannotBeConvertedAreRefusedBeforeTheyAreEdited) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     TempDir dir;
-    PODSceneBuilder b;
-    c.build(b);
-    const std::string input = dir.file(std::string(c.name) + ".pod");
-    ASSERT_TRUE(Save(b, input));
+    const std::string input = SaveAs(dir, c.name, c.build);
     const RunResult r = Korvex({"-r0", input});
     EXPECT_EQ(r.out, "Converting " + input + "\n");  // neither renamed nor welded
     EXPECT_EQ(r.err, "Korvex: " + input + ": " + c.problem + "\n");

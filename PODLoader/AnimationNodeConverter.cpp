@@ -1,14 +1,7 @@
 #include "AnimationNodeConverter.h"
 
-#include <algorithm>
-#include <cstring>
-
 #include "ChannelKeys.h"
 #include "NodeDataBuffer.h"
-
-AnimationNodeConverter::AnimationNodeConverter() {
-  std::memset(&m_impl, 0, sizeof m_impl);
-}
 
 void AnimationNodeConverter::init() {
   m_currentFrame = 0;
@@ -24,52 +17,9 @@ void AnimationNodeConverter::convertAnimationNode(CPODScene* scene, int nodeInde
   init();
   m_frameCount = static_cast<int32_t>(scene->nNumFrame);
 
-  createEvaluationState();
-  setFrame(0);
-  for (uint32_t i = 0; i < scene->nNumNode; ++i) {
-    getWorldMatrixNoCache(m_worldFrameZero[i], scene->pNode[i]);
-  }
-  m_worldCache = m_worldFrameZero;
-  std::fill(m_cachedFrame.begin(), m_cachedFrame.end(), 0.0f);
-  m_impl.pmWorldCache = m_worldCache.data();
+  startFrames([this](PODMATRIXf& out, const SPODNode& node) { getWorldMatrixNoCache(out, node); });
 
   createWorldMatrixBuffer();
-}
-
-// All fields zero, the frame fields copied from the scene, fresh per-node caches. The previous
-// node's caches are released (reused) here; nothing of them is read again.
-void AnimationNodeConverter::createEvaluationState() {
-  const SPODImpl& sceneState = *m_scene->m_pImpl;
-  std::memset(&m_impl, 0, sizeof m_impl);
-  m_impl.fCurrentFrame = sceneState.fCurrentFrame;
-  m_impl.fFrameBlend = sceneState.fFrameBlend;
-  m_impl.nFrameIndex = sceneState.nFrameIndex;
-  m_impl.bReadFromMemory = sceneState.bReadFromMemory;
-  const size_t n = m_scene->nNumNode;
-  m_cachedFrame.assign(n, 0.0f);
-  m_worldCache.assign(n, PODMATRIXf{});
-  m_worldFrameZero.assign(n, PODMATRIXf{});
-  m_impl.pfCachedFrame = m_cachedFrame.data();
-  m_impl.pmWorldCache = m_worldCache.data();
-  m_impl.pmWorldFrameZero = m_worldFrameZero.data();
-}
-
-// Drives the scene's own frame state: the blend and index the channel rules read are the scene's.
-void AnimationNodeConverter::setFrame(float frame) {
-  SPODImpl& state = *m_scene->m_pImpl;
-  m_currentFrame = static_cast<int32_t>(frame);
-  if (m_frameCount != 0) {
-    state.nFrameIndex = m_currentFrame;
-    state.fFrameBlend = frame - static_cast<float>(m_currentFrame);
-  } else {
-    state.nFrameIndex = 0;
-    state.fFrameBlend = 0.0f;
-  }
-  if (frame > static_cast<float>(m_frameCount)) {
-    m_currentFrame = 0;
-  } else {
-    state.fCurrentFrame = frame;
-  }
 }
 
 // Channel rules of this converter: those of the scene's own evaluation, except that a present

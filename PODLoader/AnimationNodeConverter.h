@@ -4,23 +4,18 @@
 // object serves every such node of a conversion; each convertAnimationNode starts afresh.
 
 #include <cstdint>
-#include <vector>
 
+#include "ConverterFrameState.h"
 #include "PODModel.h"
 #include "SceneGraphRecords.h"
 
-class AnimationNodeConverter {
+class AnimationNodeConverter : public ConverterFrameState {
  public:
-  AnimationNodeConverter();
-  AnimationNodeConverter(const AnimationNodeConverter&) = delete;
-  AnimationNodeConverter& operator=(const AnimationNodeConverter&) = delete;
-
   // Fills `buffer` with nNumFrame matrices of node `nodeIndex`, driving the scene's frame state;
   // it is left at the last frame.
   void convertAnimationNode(CPODScene* scene, int nodeIndex, SSGNodeData* buffer);
 
   void init();
-  void setFrame(float frame);
 
   // One channel at the current frame, with this converter's rules (see the .cpp).
   void getTranslationMatrix(PODMATRIXf& out, const SPODNode& node) const;
@@ -36,22 +31,8 @@ class AnimationNodeConverter {
   void createWorldMatrixBuffer();
   void calculateAllWorldMatrix();
 
-  int32_t currentFrame() const { return m_currentFrame; }
-
  private:
-  void createEvaluationState();
-
-  CPODScene* m_scene = nullptr;
   SSGNodeData* m_buffer = nullptr;
   int32_t m_nodeIndex = 0;
   int32_t m_objectIndex = 0;
-  int32_t m_frameCount = 0;
-  int32_t m_currentFrame = 0;
-
-  // The converter's own evaluation state; its arrays live in the vectors below, which replace
-  // those of the previous node at each conversion and are released with the converter.
-  SPODImpl m_impl;
-  std::vector<float> m_cachedFrame;
-  std::vector<PODMATRIXf> m_worldCache;
-  std::vector<PODMATRIXf> m_worldFrameZero;
 };

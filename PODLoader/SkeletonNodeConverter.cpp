@@ -1,6 +1,5 @@
 #include "SkeletonNodeConverter.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "Assertion.h"
@@ -41,10 +40,6 @@ ZarVector3 Mean(const float sum[3], float count) {
 
 }  // namespace
 
-SkeletonNodeConverter::SkeletonNodeConverter() {
-  std::memset(&m_impl, 0, sizeof m_impl);
-}
-
 int32_t SkeletonNodeConverter::boneCount() const {
   // A mesh without batch counts leaves BatchBoneCnt empty; its bone count is taken as 0, so the
   // bone tables stay empty and every per-frame volume is the 0/0 mean of no bones.
@@ -70,14 +65,7 @@ void SkeletonNodeConverter::convertSkeletonNode(CPODScene* scene, int nodeIndex,
   record->numAnimation = scene->nNumFrame;
   m_frameCount = static_cast<int32_t>(scene->nNumFrame);
 
-  createEvaluationState();
-  setFrame(0);
-  for (uint32_t i = 0; i < scene->nNumNode; ++i) {
-    getWorldMatrixNoCache(m_worldFrameZero[i], scene->pNode[i]);
-  }
-  m_worldCache = m_worldFrameZero;
-  std::fill(m_cachedFrame.begin(), m_cachedFrame.end(), 0.0f);
-  m_impl.pmWorldCache = m_worldCache.data();
+  startFrames([this](PODMATRIXf& out, const SPODNode& node) { getWorldMatrixNoCache(out, node); });
 
   createBoneBatchItem();
   createBoneIdx();
@@ -99,42 +87,6 @@ void SkeletonNodeConverter::init(SSGQelSkeletalMeshNodeData* record) {
                             &record->sSpherebuffer,
                             &record->sAABBbuffer};
   for (SSGNodeData* b : buffers) *b = SSGNodeData{0, 0, nullptr};
-}
-
-// All fields zero, the frame fields copied from the scene, fresh per-node caches. The previous
-// node's caches are released (reused) here; nothing of them is read again.
-void SkeletonNodeConverter::createEvaluationState() {
-  const SPODImpl& sceneState = *m_scene->m_pImpl;
-  std::memset(&m_impl, 0, sizeof m_impl);
-  m_impl.fCurrentFrame = sceneState.fCurrentFrame;
-  m_impl.fFrameBlend = sceneState.fFrameBlend;
-  m_impl.nFrameIndex = sceneState.nFrameIndex;
-  m_impl.bReadFromMemory = sceneState.bReadFromMemory;
-  const size_t n = m_scene->nNumNode;
-  m_cachedFrame.assign(n, 0.0f);
-  m_worldCache.assign(n, PODMATRIXf{});
-  m_worldFrameZero.assign(n, PODMATRIXf{});
-  m_impl.pfCachedFrame = m_cachedFrame.data();
-  m_impl.pmWorldCache = m_worldCache.data();
-  m_impl.pmWorldFrameZero = m_worldFrameZero.data();
-}
-
-// Drives the scene's own frame state: the blend and index the channel rules read are the scene's.
-void SkeletonNodeConverter::setFrame(float frame) {
-  SPODImpl& state = *m_scene->m_pImpl;
-  m_currentFrame = static_cast<int32_t>(frame);
-  if (m_frameCount != 0) {
-    state.nFrameIndex = m_currentFrame;
-    state.fFrameBlend = frame - static_cast<float>(m_currentFrame);
-  } else {
-    state.nFrameIndex = 0;
-    state.fFrameBlend = 0.0f;
-  }
-  if (frame > static_cast<float>(m_frameCount)) {
-    m_currentFrame = 0;
-  } else {
-    state.fCurrentFrame = frame;
-  }
 }
 
 void SkeletonNodeConverter::createBoneBatchItem() {

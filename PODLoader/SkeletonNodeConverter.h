@@ -7,21 +7,17 @@
 #include <cstdint>
 #include <vector>
 
+#include "ConverterFrameState.h"
 #include "PODModel.h"
 #include "SceneGraphRecords.h"
 
-class SkeletonNodeConverter {
+class SkeletonNodeConverter : public ConverterFrameState {
  public:
-  SkeletonNodeConverter();
-  SkeletonNodeConverter(const SkeletonNodeConverter&) = delete;
-  SkeletonNodeConverter& operator=(const SkeletonNodeConverter&) = delete;
-
   // Fills the skeletal part of `record` (its mesh part must already be filled). The node must
   // have passed CheckAnimatedNode: its mesh's first batch and bone streams are read as vetted.
   void convertSkeletonNode(CPODScene* scene, int nodeIndex, SSGQelSkeletalMeshNodeData* record);
 
   void init(SSGQelSkeletalMeshNodeData* record);
-  void setFrame(float frame);
 
   void createBoneBatchItem();
   void createBoneIdx();
@@ -53,26 +49,15 @@ class SkeletonNodeConverter {
 
   // The bone count K of the record's first batch; 0 when the mesh has no batch counts.
   int32_t boneCount() const;
-  int32_t currentFrame() const { return m_currentFrame; }
 
  private:
   int32_t batchEntry(int32_t b) const;
-  void createEvaluationState();
   void localMatrix(PODMATRIXf& out, const SPODNode& node) const;
 
-  CPODScene* m_scene = nullptr;
   SSGQelSkeletalMeshNodeData* m_record = nullptr;
   int32_t m_nodeIndex = 0;
   int32_t m_meshIndex = 0;
-  int32_t m_frameCount = 0;
-  int32_t m_currentFrame = 0;
   int32_t m_registeredBones = 0;
 
-  // The converter's own evaluation state; its arrays live in the vectors below, which replace
-  // those of the previous node at each conversion.
-  SPODImpl m_impl;
-  std::vector<float> m_cachedFrame;
-  std::vector<PODMATRIXf> m_worldCache;
-  std::vector<PODMATRIXf> m_worldFrameZero;
   std::vector<uint32_t> m_chain;  // scratch: a node and its ancestors, child first
 };

@@ -71,31 +71,6 @@ TEST(PODEvaluation, PositionAndScaleFallBackToKeyZeroButRotationToStaticValue) {
   ExpectNear(RotatedX(scene, unflagged), 0, -1, 0);
 }
 
-TEST(PODEvaluation, AnimatedChannelsBlendNeighbouringKeys) {
-  PODSceneBuilder b;
-  b.SetNumFrames(3);
-  const int n = b.AddNode("n");
-  b.SetAnimPosition(n, {0, 0, 0, 2, 4, 6, 10, 20, 30});
-  b.SetAnimScale(n, PODSceneBuilder::ScaleKeys({1, 1, 1, 3, 5, 7, 9, 9, 9}));
-  // Keys 1 and 2: identity, then 90 degrees about z.
-  b.SetAnimRotation(n, {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, kHalfSqrt2, kHalfSqrt2});
-  CPODScene scene;
-  ASSERT_TRUE(b.Build(scene));
-  scene.SetFrame(1.5f);  // halfway between keys 1 and 2, exact in float
-  ExpectNear(Position(scene, n), 6, 12, 18, 0);
-  ExpectNear(Scale(scene, n), 6, 7, 8, 0);
-  ExpectNear(RotatedX(scene, n), kHalfSqrt2, -kHalfSqrt2, 0);  // 45 degrees
-
-  // Frame -0.5 is index 0 (truncated toward zero), blend -0.5: position extrapolates, rotation
-  // becomes no rotation at all.
-  scene.SetFrame(-0.5f);
-  ExpectNear(Position(scene, n), -1, -2, -3, 0);
-  PODMATRIXf m, id;
-  scene.GetRotationMatrix(m, scene.pNode[n]);
-  PODMatrixIdentityF(id);
-  ExpectMatricesNear(m, id, 0);
-}
-
 // Arrays hold exactly the keys they need, so under AddressSanitizer any read of key N (one past
 // the last) at the last frame would be reported.
 TEST(PODEvaluation, LastFrameEqualsLastKeyWithoutReadingPastTheArray) {
@@ -124,43 +99,6 @@ TEST(PODEvaluation, LastFrameEqualsLastKeyWithoutReadingPastTheArray) {
   ExpectNear(Position(scene, shortNode), 9, 8, 7, 0);
   scene.SetFrame(0.5f);
   ExpectNear(Position(scene, brokenNode), 4, 5, 6, 0);
-}
-
-TEST(PODEvaluation, WorldIsScaleRotationTranslationThenParent) {
-  PODSceneBuilder b;
-  const int parent = b.AddNode("parent");
-  b.SetPosition(parent, 10, 0, 0);
-  const int child = b.AddNode("child", parent);
-  b.SetScale(child, 2, 2, 2);
-  b.SetRotation(child, 0, 0, kHalfSqrt2, kHalfSqrt2);
-  b.SetPosition(child, 1, 0, 0);
-  CPODScene scene;
-  ASSERT_TRUE(b.Build(scene));
-  // (1,0,0): scaled (2,0,0), rotated (0,-2,0), moved (1,-2,0), parent (11,-2,0).
-  PODMATRIXf m;
-  scene.GetWorldMatrixNoCache(m, scene.pNode[child]);
-  ExpectNear(Transform(m, {1, 0, 0}), 11, -2, 0);
-  scene.GetWorldMatrix(m, scene.pNode[child]);
-  ExpectNear(Transform(m, {1, 0, 0}), 11, -2, 0);
-}
-
-TEST(PODEvaluation, BrokenParentChainsEndInsteadOfLooping) {
-  PODSceneBuilder b;
-  const int a = b.AddNode("a");
-  const int c = b.AddNode("c", a);
-  b.SetParent(a, c);  // a <-> c
-  const int orphan = b.AddNode("orphan", 99);
-  b.SetPosition(a, 1, 0, 0);
-  b.SetPosition(c, 0, 1, 0);
-  b.SetPosition(orphan, 0, 0, 1);
-  CPODScene scene;
-  ASSERT_TRUE(b.Build(scene));  // runs FlushCache over the cycle
-  PODMATRIXf m;
-  scene.GetWorldMatrixNoCache(m, scene.pNode[orphan]);
-  ExpectNear(Transform(m, {0, 0, 0}), 0, 0, 1, 0);
-  // The cycle is walked for nNumNode steps: a, c, a, c (3 nodes, 3 steps) -> 2a + 2c.
-  scene.GetWorldMatrixNoCache(m, scene.pNode[a]);
-  ExpectNear(Transform(m, {0, 0, 0}), 2, 2, 0, 0);
 }
 
 // The frame-0 cache reuses parents' matrices; it must equal the from-scratch product bit for bit,
@@ -224,21 +162,6 @@ TEST(PODEvaluation, CacheIsKeyedByFrameAndFrameZeroUsesItsOwnCache) {
   EXPECT_EQ(worldX(), -3.0f);
 }
 
-TEST(PODEvaluation, StillSceneEvaluatesKeyZeroButCachesUnderTheGivenFrame) {
-  PODSceneBuilder b;  // nNumFrame 0
-  const int n = b.AddNode("n");
-  b.SetAnimPosition(n, {1, 2, 3, 4, 5, 6});
-  CPODScene scene;
-  ASSERT_TRUE(b.Build(scene));
-  scene.SetFrame(2.5f);
-  EXPECT_EQ(scene.m_pImpl->fCurrentFrame, 2.5f);
-  EXPECT_EQ(scene.m_pImpl->fFrameBlend, 0.0f);
-  PODMATRIXf m;
-  scene.GetWorldMatrix(m, scene.pNode[n]);
-  EXPECT_EQ(m.f[12], 1.0f);
-  EXPECT_EQ(scene.m_pImpl->pfCachedFrame[n], 2.5f);
-}
-
 TEST(PODEvaluation, BoneMatrixCarriesBindPoseIntoAnimatedPose) {
   PODSceneBuilder b;
   b.SetNumFrames(3);
@@ -265,55 +188,6 @@ TEST(PODEvaluation, BoneMatrixCarriesBindPoseIntoAnimatedPose) {
   scene.GetWorldMatrixNoCache(expected, scene.pNode[bone]);
   ExpectMatricesNear(own, expected, 1e-5f);
   EXPECT_EQ(scene.m_pImpl->nFrameIndex, 2);
-}
-
-TEST(PODEvaluation, CamerasAndLightsArePlacedByTheirNodes) {
-  PODSceneBuilder b;
-  b.SetNumFrames(3);
-  b.AddMeshNode("mesh", 0);
-  const int light = b.AddLightNode("light", 1, 1, 1);
-  b.SetRotation(light, 0, 0, kHalfSqrt2, kHalfSqrt2);  // y axis becomes (1, 0, 0)
-  b.SetPosition(light, 7, 8, 9);
-  const int cam = b.AddCameraNode("cam", 0.9f, 1, 100, 4);
-  b.SetPosition(cam, 1, 2, 3);
-  b.AddCameraNode("still", 0.3f, 1, 100);
-  const int target = b.AddNode("target");
-  ASSERT_EQ(target, 4);
-  b.SetPosition(target, 4, 5, 6);
-  b.SetAnimFOV(0, {0.5f, 0.7f, 0.9f});
-  CPODScene scene;
-  ASSERT_TRUE(b.Build(scene));
-
-  PODVECTOR3f pos, dir;
-  scene.GetLight(pos, dir, 0);
-  ExpectNear(pos, 7, 8, 9);
-  ExpectNear(dir, -1, 0, 0);
-  EXPECT_EQ(scene.GetLightPosition(0).w, 1.0f);
-
-  scene.SetFrame(1.5f);
-  PODVECTOR3f from, to, up{42, 42, 42};
-  const float fov = scene.GetCamera(from, to, up, 0);
-  EXPECT_FLOAT_EQ(fov, 0.8f);
-  ExpectNear(from, 1, 2, 3);
-  ExpectNear(to, 1, 1, 3);  // from minus the y axis
-  EXPECT_EQ(up.x, 42.0f);
-  scene.GetCameraPos(from, to, 0);
-  ExpectNear(to, 4, 5, 6);
-
-  // No target: "to" untouched; no FOV array: the static value.
-  to = PODVECTOR3f{-7, -7, -7};
-  EXPECT_EQ(scene.GetCameraPos(from, to, 1), 0.3f);
-  EXPECT_EQ(to.x, -7.0f);
-
-  // The last frame's blend pairs the last FOV key with itself.
-  scene.SetFrame(2.0f);
-  EXPECT_EQ(scene.GetCamera(from, to, up, 0), 0.9f);
-
-  // Indices naming no camera or light leave the outputs alone.
-  from = PODVECTOR3f{-1, -1, -1};
-  scene.GetCamera(from, to, up, 5);
-  scene.GetLight(from, dir, 3);
-  EXPECT_EQ(from.x, -1.0f);
 }
 
 }  // namespace

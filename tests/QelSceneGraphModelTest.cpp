@@ -11,36 +11,6 @@ namespace {
 
 using namespace korvex_test;
 
-TEST(QelSceneGraphModel, FileHeaderKindCopiesTheWholeHeader) {
-  QelSceneGraphModel model;
-  EXPECT_EQ(model.header.PODFilename[255], 0);
-  auto* fileHeader = SGNewRecord<SSGFileHeader>();
-  fileHeader->type = 1000;
-  fileHeader->version = 3;
-  fileHeader->totalNodeNumber = 4;
-  std::memset(fileHeader->PODFilename, 'p', sizeof fileHeader->PODFilename);
-  model.createNode(fileHeader, ESGFileHeader);
-  EXPECT_EQ(model.header.version, 3u);
-  EXPECT_EQ(model.header.totalNodeNumber, 4u);
-  EXPECT_EQ(std::string(model.header.PODFilename, 256), std::string(256, 'p'));
-  EXPECT_EQ(fileHeader->totalNodeNumber, 4u);  // still the creator's to read
-}
-
-TEST(QelSceneGraphModel, RecordsGoToTheSequenceOfTheirKind) {
-  QelSceneGraphModel model;
-  BuildEveryKindModel(model);
-  const uint32_t kinds[] = {2001, 2002, 2003, 2004, 2005, 2006, 2007, 2008, 2009, 2010, 2011, 2012};
-  for (uint32_t kind : kinds) EXPECT_EQ(model.recordCount(kind), 1u) << kind;
-  EXPECT_EQ(model.record(ESGCameraNode, 0), model.cameranode[0]);
-  EXPECT_EQ(model.record(ESGAnimationCameraNode, 0), model.animationcameranode[0]);
-  SSGQelNodeData stray{};
-  model.createNode(&stray, static_cast<ESGName>(1500));  // ignored, not taken
-  model.createNode(&stray, static_cast<ESGName>(2013));
-  size_t total = 0;
-  for (uint32_t kind = 2000; kind <= 2013; ++kind) total += model.recordCount(kind);
-  EXPECT_EQ(total, 12u);
-}
-
 class PODFileAccess : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -108,16 +78,6 @@ TEST_F(PODFileAccess, LazyLoadingJoinsDirectoryAndFileName) {
   EXPECT_EQ(model.PODFilePath, dir.file("scene.PODx"));
   EXPECT_EQ(model.PODFile, nullptr);
   EXPECT_EQ(Bytes(box->normal, 24), Pattern(60, 24));
-}
-
-TEST_F(PODFileAccess, EmptyFileNameDoesNotAbortAndOpensTheDirectoryPrefixAlone) {
-  QelSceneGraphModel model;
-  SSGQelMeshNodeData* m = AddMesh(model, ESGMeshNode);
-  SetFileHeader(model, "");
-  model.PODDirectory = dir.file("scene.PODx");
-  model.loadAllNodeDataFromPOD();
-  EXPECT_EQ(model.PODFilePath, dir.file("scene.PODx"));
-  EXPECT_EQ(Bytes(m->vertex, 24), Pattern(10, 24));
 }
 
 }  // namespace

@@ -34,27 +34,6 @@ std::vector<uint8_t> LightAndMaterialFile(const TempDir& dir) {
   return Write(model, dir.file("lm.qsn"));
 }
 
-TEST(SceneGraphLoader, LoadsLightAndMaterialWithTheirHeadersInFileOrder) {
-  TempDir dir;
-  LightAndMaterialFile(dir);
-  QelSceneGraphModel model;
-  SceneGraphLoader loader;
-  ASSERT_TRUE(loader.readFromFile(dir.file("lm.qsn"), &model)) << loader.lastError();
-  EXPECT_EQ(std::string(model.header.PODFilename), "lm.PODx");
-  ASSERT_EQ(model.nodeheader.size(), 2u);
-  EXPECT_EQ(model.nodeheader[0]->type, 2002u);
-  EXPECT_EQ(model.nodeheader[0]->offset, 556u);
-  EXPECT_EQ(model.nodeheader[0]->length, 100u);
-  EXPECT_EQ(model.nodeheader[1]->type, 2004u);
-  EXPECT_EQ(model.nodeheader[1]->offset, 656u);
-  EXPECT_EQ(model.nodeheader[1]->length, 304u);
-  ASSERT_EQ(model.lightnode.size(), 1u);
-  ASSERT_EQ(model.material.size(), 1u);
-  EXPECT_EQ(model.lightnode[0]->colour[2], 0.75f);
-  EXPECT_EQ(model.lightnode[0]->targetIndex, -1);
-  EXPECT_EQ(std::string(model.material[0]->textureName), "wall.png");
-}
-
 TEST(SceneGraphLoader, EveryKindSurvivesWriteLoadWriteAndItsArraysAreReachable) {
   TempDir dir;
   QelSceneGraphModel original;
@@ -104,24 +83,6 @@ TEST(SceneGraphLoader, EveryKindSurvivesWriteLoadWriteAndItsArraysAreReachable) 
             ArrayBytes(loaded.animationcameranode[0]->animMatrixbuffer));
   EXPECT_EQ(loaded.cameranode[0]->FOV, 0.75f);
   EXPECT_EQ(loaded.markernode[0]->numAnimation, 7u);
-}
-
-TEST(SceneGraphLoader, SecondTextureSetIsAimedOneSetIntoTheArray) {
-  TempDir dir;
-  QelSceneGraphModel model;
-  FillMesh(*AddNode<SSGQelBillboardNodeData>(model, ESGBillboardNode, "BILLBOARD"), 2, 1);
-  FillMesh(*AddNode<SSGQelSkyBoxNodeData>(model, ESGSkyBoxNode, "SKYBOX"), 0, 2);
-  SetFileHeader(model, "a.PODx");
-  Write(model, dir.file("a.qsn"));
-  QelSceneGraphModel loaded;
-  SceneGraphLoader loader;
-  ASSERT_TRUE(loader.readFromFile(dir.file("a.qsn"), &loaded)) << loader.lastError();
-  const SSGQelBillboardNodeData& b = *loaded.billboardnode[0];
-  EXPECT_EQ(b.UVW[1].pData, b.UVWBuffer.data + 3 * 8);
-  EXPECT_EQ(b.UVW[1].pData[0], uint8_t(151 + 24));
-  const SSGQelSkyBoxNodeData& s = *loaded.skyboxnode[0];
-  EXPECT_EQ(s.UVWBuffer.length, 0u);
-  for (const CPODData& set : s.UVW) EXPECT_EQ(set.pData, nullptr);
 }
 
 struct Refusal {
@@ -194,32 +155,6 @@ TEST(SceneGraphLoader, BlocksAddingUpToMoreThanTheFileAreRefused) {
   EXPECT_FALSE(loader.readFromFile(dir.file("a.qsn"), &loaded));
   EXPECT_NE(loader.lastError().find("together are longer than the file"), std::string::npos) << loader.lastError();
   EXPECT_EQ(loaded.meshnode.size(), 1u);
-}
-
-TEST(SceneGraphLoader, WrongTypeStillOverwritesTheModelHeader) {
-  TempDir dir;
-  std::vector<uint8_t> file = LightAndMaterialFile(dir);
-  PutU32(file, 0, 7);
-  PutU32(file, 4, 9);
-  ASSERT_TRUE(WriteFileBytes(dir.file("bad.qsn"), file));
-  QelSceneGraphModel model;
-  SceneGraphLoader loader;
-  EXPECT_FALSE(loader.readFromFile(dir.file("bad.qsn"), &model));
-  EXPECT_EQ(model.header.type, 7u);
-  EXPECT_EQ(model.header.version, 9u);
-  EXPECT_EQ(model.header.totalNodeNumber, 2u);
-  EXPECT_EQ(std::string(model.header.PODFilename), "lm.PODx");
-  EXPECT_TRUE(model.nodeheader.empty());
-}
-
-TEST(SceneGraphLoader, MissingFileIsRefused) {
-  TempDir dir;
-  QelSceneGraphModel model;
-  SceneGraphLoader loader;
-  EXPECT_FALSE(loader.readFromFile(dir.file("none.qsn"), &model));
-  EXPECT_NE(loader.lastError().find(std::strerror(ENOENT)), std::string::npos) << loader.lastError();
-  EXPECT_FALSE(loader.readFromFile(dir.path(), &model));
-  EXPECT_NE(loader.lastError().find(std::strerror(EISDIR)), std::string::npos) << loader.lastError();
 }
 
 }  // namespace

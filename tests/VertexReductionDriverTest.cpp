@@ -9,6 +9,7 @@
 
 #include "PODModel.h"
 #include "PODSceneBuilder.h"
+#include "ReductionMeshes.h"
 #include "TestSupport.h"
 
 namespace {
@@ -17,6 +18,7 @@ using korvex::PODSceneBuilder;
 using korvex::PODStream;
 using korvex_test::RunResult;
 using korvex_test::TempDir;
+using reduction_test::Values;
 
 // Two quads of a unit cube's faces z = 0 and y = 0, 4 vertices each, sharing the edge P0-P1
 // (8 vertices, 6 distinct positions); each vertex's texture coordinates are (face, corner).
@@ -36,14 +38,6 @@ std::string ReductionLines(const char* mode, int before, int after) {
          "Total vertex before reduction: " + std::to_string(before) + "\n" +
          "Total vertex after reduction: " + std::to_string(after) + "\n" +
          "Difference: " + std::to_string(before - after) + "\n";
-}
-
-template <typename T>
-std::vector<T> Values(const CPODData& d, size_t count) {
-  std::vector<T> out(count);
-  if (count > 0 && d.pData != nullptr && d.nDataSize >= count * sizeof(T))
-    std::memcpy(out.data(), d.pData, count * sizeof(T));
-  return out;
 }
 
 TEST(VertexReductionDriver, ExactWeldingReachesTheIntermediateFile) {
@@ -75,11 +69,11 @@ TEST(VertexReductionDriver, ExactWeldingReachesTheIntermediateFile) {
   const SPODMesh& welded = reloaded.pMesh[1];
   ASSERT_EQ(welded.nNumVertex, 6u);
   // P0 and P1 are met first on face z = 0 (new 0 and 3); face y = 0 brings (1,0,1), (0,0,1).
-  EXPECT_EQ(Values<uint16_t>(welded.sFaces, 12), (std::vector<uint16_t>{0, 1, 2, 0, 2, 3, 0, 3, 4, 0, 4, 5}));
-  EXPECT_EQ(Values<float>(welded.sVertex, 18),
+  EXPECT_EQ(Values<uint16_t>(welded.sFaces), (std::vector<uint16_t>{0, 1, 2, 0, 2, 3, 0, 3, 4, 0, 4, 5}));
+  EXPECT_EQ(Values<float>(welded.sVertex),
             (std::vector<float>{0, 0, 0, 0, 1, 0, 1, 1, 0, 1, 0, 0, 1, 0, 1, 0, 0, 1}));
   // The shared edge (new 0 and 3) keeps the normal of the later face.
-  EXPECT_EQ(Values<float>(welded.sNormals, 18),
+  EXPECT_EQ(Values<float>(welded.sNormals),
             (std::vector<float>{0, -1, 0, 0, 0, -1, 0, 0, -1, 0, -1, 0, 0, -1, 0, 0, -1, 0}));
 }
 
@@ -88,14 +82,14 @@ TEST(VertexReductionDriver, NearWeldingAndTheThirdTextureSet) {
   PODSceneBuilder b;
   b.AddTexture("t.png");
   b.AddMaterial("M", 0);
-  const int mesh = b.AddMesh(4);
-  // Vertex 3 repeats vertex 0's position with u 0.0009 larger.
-  b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0});
-  b.SetFloatStream(mesh, PODStream::Normals, 3, {0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1});
-  b.AddFloatUVW(mesh, 2, {0.5f, 0.5f, 1, 0, 0, 1, 0.5009f, 0.5f});
-  b.AddFloatUVW(mesh, 2, {0, 0, 1, 0, 0, 1, 0, 0});
-  b.AddFloatUVW(mesh, 2, {9, 9, 9, 9, 9, 9, 9, 9});
-  b.SetFaces(mesh, {0, 1, 2, 3, 2, 1});
+  const int mesh = b.AddMesh(5);
+  // Vertices 3 and 4 repeat vertex 0's position with u 0.0009 and 0.0011 larger: only 3 merges.
+  b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0});
+  b.SetFloatStream(mesh, PODStream::Normals, 3, {0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1});
+  b.AddFloatUVW(mesh, 2, {0.5f, 0.5f, 1, 0, 0, 1, 0.5009f, 0.5f, 0.5011f, 0.5f});
+  b.AddFloatUVW(mesh, 2, {0, 0, 1, 0, 0, 1, 0, 0, 0, 0});
+  b.AddFloatUVW(mesh, 2, {9, 9, 9, 9, 9, 9, 9, 9, 9, 9});
+  b.SetFaces(mesh, {0, 1, 2, 3, 2, 1, 4, 1, 2});
   b.AddMeshNode("Tri", mesh, 0);
   CPODScene scene;
   ASSERT_TRUE(b.Build(scene));
@@ -106,7 +100,7 @@ TEST(VertexReductionDriver, NearWeldingAndTheThirdTextureSet) {
     const bool nearly = std::string(flag) == "-r1";
     const RunResult r = korvex_test::Run(korvex_test::KorvexExe(), {flag, input});
     ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
-    const std::string lines = ReductionLines(nearly ? "NEARLY same" : "SAME", 4, nearly ? 3 : 4);
+    const std::string lines = ReductionLines(nearly ? "NEARLY same" : "SAME", 5, nearly ? 4 : 5);
     const size_t cut = lines.find("UV...") + 5;  // the header line is left open
     EXPECT_NE(r.out.find(lines.substr(0, cut) + "Error1: Number of UVW > 2, \"Tri\"\n" + lines.substr(cut)),
               std::string::npos)
@@ -114,7 +108,15 @@ TEST(VertexReductionDriver, NearWeldingAndTheThirdTextureSet) {
     CPODScene reloaded;
     ASSERT_TRUE(reloaded.ReadFromFile(dir.file("near.PODx").c_str()));
     EXPECT_EQ(reloaded.pMesh[0].nNumUVW, 2u);
-    EXPECT_EQ(reloaded.pMesh[0].nNumVertex, nearly ? 3u : 4u);
+    const SPODMesh& m = reloaded.pMesh[0];
+    ASSERT_EQ(m.nNumVertex, nearly ? 4u : 5u);
+    // Near: old 3 becomes 0, old 4 the new 3 with its own u.
+    const std::vector<uint16_t> faces = nearly ? std::vector<uint16_t>{0, 1, 2, 0, 2, 1, 3, 1, 2}
+                                               : std::vector<uint16_t>{0, 1, 2, 3, 2, 1, 4, 1, 2};
+    EXPECT_EQ(Values<uint16_t>(m.sFaces), faces);
+    const std::vector<float> u = Values<float>(m.psUVW[0]);
+    EXPECT_EQ(u[0], 0.5f);                // the first corner keeps its coordinates
+    EXPECT_EQ(u[u.size() - 2], 0.5011f);  // the last vertex is old 4
   }
 }
 

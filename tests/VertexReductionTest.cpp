@@ -145,43 +145,6 @@ TEST(VertexReduction, ThirdTextureSetIsCutOnceForASharedMesh) {
   FreeScene(scene);
 }
 
-TEST(VertexReduction, NearModeToleranceAndFirstMatchInListOrder) {
-  MeshData m;
-  // Five vertices at one position; u of 0.5, 0.5009, 0.5011, 0.5006 and (set apart) v off by 0.0011.
-  for (int k = 0; k < 5; ++k) m.positions.insert(m.positions.end(), {1, 2, 3});
-  m.normals.assign(15, 0);
-  m.uvs = {{0.5f, 0.25f, 0.5009f, 0.25f, 0.5011f, 0.25f, 0.5006f, 0.25f, 0.5f, 0.2511f}};
-  // 0.5009 merges into 0.5; 0.5011 does not; 0.5006 is within 0.001 of both 0.5 and 0.5011 and
-  // takes the earlier one; 0.2511 against 0.25 does not merge.
-  m.faces = {0, 1, 2, 2, 3, 4};
-  SPODScene nearScene = MakeScene({MakeMesh(m)}, {{0, 0, "n"}});
-  EXPECT_EQ(ReduceScene(nearScene, true), kNearHeader + Totals(5, 3));
-  EXPECT_EQ(Values<uint16_t>(nearScene.pMesh[0].sFaces), (std::vector<uint16_t>{0, 0, 1, 1, 0, 2}));
-  FreeScene(nearScene);
-
-  SPODScene exactScene = MakeScene({MakeMesh(m)}, {{0, 0, "n"}});
-  EXPECT_EQ(ReduceScene(exactScene, false), kSameHeader + Totals(5, 5));
-  FreeScene(exactScene);
-}
-
-TEST(VertexReduction, BonesTravelWithTheFirstCornerOnePerBoneIndex) {
-  MeshData m;
-  m.positions = {0, 0, 0, 1, 1, 1, 1, 1, 1};
-  m.normals.assign(9, 0);
-  m.faces = {0, 1, 2};
-  m.boneIdxN = 2, m.boneWeightN = 3;
-  m.boneIdx = {10, 11, 20, 21, 30, 31};
-  m.boneWeights = {0.1f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f, 0.7f, 0.8f, 0.9f};
-  SPODScene scene = MakeScene({MakeMesh(m)}, {{0, -1, "skin"}});
-  EXPECT_EQ(ReduceScene(scene, false), kSameHeader + Totals(3, 2));
-  const SPODMesh& mesh = scene.pMesh[0];
-  EXPECT_EQ(Values<uint8_t>(mesh.sBoneIdx), (std::vector<uint8_t>{10, 11, 20, 21}));
-  // Two weights an entry, packed, in an array sized for three an entry.
-  EXPECT_EQ(Values<float>(mesh.sBoneWeight), (std::vector<float>{0.1f, 0.2f, 0.4f, 0.5f, 0, 0}));
-  EXPECT_EQ(mesh.sBoneIdx.nStride, 2u);
-  FreeScene(scene);
-}
-
 TEST(VertexReduction, NewIndicesWrapAbove65535KeptVertices) {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   MeshData m;

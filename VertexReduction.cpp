@@ -315,8 +315,10 @@ void* AllocZeroed(size_t bytes) {
 }
 
 void Install(CPODData& d, void* data, size_t bytes) {
-  std::free(d.pData);
+  // A borrowed array belongs to the scene's source file: only the pointer goes.
+  if (!d.bBorrowed) std::free(d.pData);
   d.pData = static_cast<uint8_t*>(data);
+  d.bBorrowed = false;
   d.nDataSize = bytes;
 }
 

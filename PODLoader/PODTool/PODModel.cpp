@@ -3,6 +3,8 @@
 
 #include "PODModel.h"
 
+#include "PODReader.h"
+
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -46,7 +48,11 @@ void Release(T*& p) {
 }
 
 void ReleaseStream(CPODData& data) {
-  Release(data.pData);
+  if (data.bBorrowed)
+    data.pData = nullptr;  // the scene's source file holds it
+  else
+    Release(data.pData);
+  data.bBorrowed = false;
   data.nDataSize = 0;
 }
 
@@ -127,7 +133,7 @@ unsigned int PODModelCountIndices(const SPODMesh& mesh) {
   return Saturate(total);
 }
 
-CPODScene::CPODScene() : SPODScene(), m_pImpl(nullptr) {}
+CPODScene::CPODScene() : SPODScene(), m_pImpl(nullptr), m_pSourceFile(nullptr) {}
 
 CPODScene::~CPODScene() { Destroy(); }
 
@@ -189,4 +195,7 @@ void CPODScene::Destroy() {
   }
   ReleaseImpl(m_pImpl);
   static_cast<SPODScene&>(*this) = SPODScene();
+  // Last: the arrays borrowed from it are gone with the zeroed records.
+  delete m_pSourceFile;
+  m_pSourceFile = nullptr;
 }

@@ -110,6 +110,8 @@ int main(int argc, char** argv) {
   if (reduction) reduceMeshVertex(&inputScene, nearly);
 
   const bool saveSucceeded = inputScene.SavePOD(intermediatePath.c_str(), exportOptions);
+  // Nothing reads the input scene again: its memory goes before the intermediate file comes in.
+  inputScene.Destroy();
 
   reloadedScene.ReadFromFile(intermediatePath.c_str(), exportOptions, kExportOptionsSize);
   reloadedScene.Destroy();
@@ -127,6 +129,8 @@ int main(int argc, char** argv) {
     }
     QelSceneGraphModel* model = new QelSceneGraphModel();
     SceneGraphConverter* converter = new SceneGraphConverter(model);
+    // The records take the reloaded scene's arrays instead of copies: the scene outlives the model.
+    converter->setBorrowStreams(true);
     converter->convertFromPOD(&reloadedScene, fileName.c_str());
     SceneGraphWritter* writer = new SceneGraphWritter();
     // The writer has said what went wrong on standard error.

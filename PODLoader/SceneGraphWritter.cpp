@@ -206,7 +206,8 @@ bool SceneGraphWritter::openFile() {
     }
     // Headers and fixed parts are small and many: a larger buffer gathers them, while arrays
     // larger than it still go to the file directly.
-    setvbuf(m_file, nullptr, _IOFBF, 1 << 16);
+    m_fileBuffer.resize(kFileBufferSize);
+    setvbuf(m_file, m_fileBuffer.data(), _IOFBF, m_fileBuffer.size());
     return true;
   }
   errno = EEXIST;

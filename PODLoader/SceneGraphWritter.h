@@ -91,6 +91,8 @@ class SceneGraphWritter {
   std::vector<SGData> m_nodeHeaders;
   std::vector<const SSGNodeHeader*> m_written;  // headers whose blocks are written, in order
   FILE* m_file;
+  static constexpr size_t kFileBufferSize = 1 << 16;
+  std::vector<char> m_fileBuffer;  // the open file's stdio buffer
   std::string m_path;
   std::string m_tempPath;
   uint64_t m_bytesWritten;

@@ -20,6 +20,10 @@ class SkeletonNodeConverter {
   // have passed CheckAnimatedNode: its mesh's first batch and bone streams are read as vetted.
   void convertSkeletonNode(CPODScene* scene, int nodeIndex, SSGQelSkeletalMeshNodeData* record);
 
+  // Bone streams are taken from the scene as they are rather than copied (see
+  // SceneGraphConverter::setBorrowStreams).
+  void setBorrowStreams(bool borrow) { m_borrowStreams = borrow; }
+
   void init(SSGQelSkeletalMeshNodeData* record);
   void setFrame(float frame);
 
@@ -67,6 +71,7 @@ class SkeletonNodeConverter {
   int32_t m_frameCount = 0;
   int32_t m_currentFrame = 0;
   int32_t m_registeredBones = 0;
+  bool m_borrowStreams = false;
 
   // The converter's own evaluation state; its arrays live in the vectors below, which replace
   // those of the previous node at each conversion.

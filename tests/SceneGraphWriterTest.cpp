@@ -131,7 +131,7 @@ TEST(SceneGraphWriter, SkeletalBlockHoldsFieldsAndArraysAtTheirDocumentedPlaces)
   skin->defaultMaterialIndex = 5;
   skin->materialIndex[7] = 9;
   skin->boneBatchA = 4;
-  skin->boneWeight = {EPODDataFloat, 3, 12, reinterpret_cast<uint8_t*>(skin), 0xCCCC, 0};
+  skin->boneWeight = {EPODDataFloat, 3, 12, reinterpret_cast<uint8_t*>(skin), 0xCCCC, 0, false};
   skin->evalFrame = 2.5f;
   SSGNodeData* skeletal[] = {&skin->Batch, &skin->BatchBoneCnt, &skin->BatchOffset, &skin->BoneIdx_ptr,
                              &skin->BoneWeight_ptr, &skin->sBoneIndexbuffer, &skin->sBoneWorldMatrixbuffer,

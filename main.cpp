@@ -6,6 +6,9 @@
 // -> check -> convert -> write <input>.qsn. Progress goes to standard output; a scene that the
 // conversion could not handle safely is refused with one message on standard error.
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -27,6 +30,23 @@ int Refuse(const CPODScene& scene, const SceneCheck& check, const std::string& f
   std::fflush(stdout);
   std::fprintf(stderr, "%s\n", DescribeSceneCheck(scene, check, file).c_str());
   return 1;
+}
+
+// The input and intermediate files are mapped rather than copied into memory. Should another
+// process shorten one of them while this run uses it, touching the lost part raises SIGBUS: the
+// run then ends as for an unreadable input, with a message and status 1, instead of a crash.
+void OnMappedFileShortened(int) {
+  static const char kMessage[] = "Korvex: a file being read was shortened by another process\n";
+  const ssize_t written = write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
+  (void)written;
+  _exit(1);
+}
+
+void EndRunWhenAMappedFileShrinks() {
+  struct sigaction action {};
+  action.sa_handler = OnMappedFileShortened;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGBUS, &action, nullptr);
 }
 
 // A read that fails part-way keeps the arrays it had filled in but gets no evaluation state,
@@ -51,6 +71,7 @@ int main(int argc, char** argv) {
   const bool nearly = first == "-r1";
   const std::string inputPath = argv[argc - 1];
 
+  EndRunWhenAMappedFileShrinks();
   std::printf("Converting %s\n", inputPath.c_str());
   // The name derivation below may end the run abnormally; the line above must be out by then.
   std::fflush(stdout);

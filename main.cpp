@@ -7,6 +7,7 @@
 // conversion could not handle safely is refused with one message on standard error.
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -47,6 +48,14 @@ void EndRunWhenAMappedFileShrinks() {
   action.sa_handler = OnMappedFileShortened;
   sigemptyset(&action.sa_mask);
   sigaction(SIGBUS, &action, nullptr);
+}
+
+// Both names lead to one existing file.
+bool SameFile(const std::string& a, const std::string& b) {
+  struct stat sa;
+  struct stat sb;
+  return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+         sa.st_ino == sb.st_ino;
 }
 
 // A read that fails part-way keeps the arrays it had filled in but gets no evaluation state,
@@ -130,6 +139,14 @@ int main(int argc, char** argv) {
   renameMeshTextureName(&inputScene);
   if (reduction) reduceMeshVertex(&inputScene, nearly);
 
+  // The input's stream arrays stay in its file, which saving truncates when the intermediate file
+  // is the input itself (an input named like its intermediate file, or a link to it): then they
+  // are copied out first.
+  if (SameFile(inputPath, intermediatePath) && !PODModelOwnBorrowedArrays(inputScene)) {
+    std::fprintf(stderr, "Korvex: out of memory\n");
+    std::free(exportOptions);
+    return 1;
+  }
   const bool saveSucceeded = inputScene.SavePOD(intermediatePath.c_str(), exportOptions);
   // Nothing reads the input scene again: its memory goes before the intermediate file comes in.
   inputScene.Destroy();

@@ -219,6 +219,11 @@ unsigned int PODModelDataTypeComponentCount(EPODDataType type);
 unsigned int PODModelDataStride(const CPODData& data);
 unsigned int PODModelCountIndices(const SPODMesh& mesh);
 
+// Copies every stream array the scene borrows from its source file into an array of its own and
+// lets the file go, for a scene whose file is about to be overwritten. False, with the scene as it
+// was, when memory runs out.
+bool PODModelOwnBorrowedArrays(CPODScene& scene);
+
 // Fixed point <-> float of every real value of the scene (vertex data excepted); flips bit 0.
 void PODModelToggleFixedPoint(SPODScene& scene);
 void FixedToFloat(float* dst, const int* src, unsigned int count);

@@ -115,9 +115,11 @@ class KeptVertexIndex {
     m_uvSetsInKey = uvSetsInKey;
     size_t capacity = 16;
     while (capacity < 2 * maxGroups) capacity *= 2;
-    m_slots.assign(capacity, Slot{0, -1, -1, 0});
+    m_slots.assign(capacity, Slot{0, -1});
     m_mask = capacity - 1;
     m_next.clear();
+    m_tail.clear();
+    m_length.clear();
   }
 
   // The slot of the group of `c`: an occupied one if the group exists, else where it goes.
@@ -134,32 +136,41 @@ class KeptVertexIndex {
   }
 
   int32_t head(size_t slot) const { return m_slots[slot].head; }
-  uint32_t length(size_t slot) const { return m_slots[slot].length; }
+  // Of an occupied slot.
+  uint32_t length(size_t slot) const { return m_length[m_slots[slot].head]; }
   size_t capacity() const { return m_slots.size(); }
   int32_t next(int32_t entry) const { return m_next[entry]; }
 
   // Every kept vertex is registered, grouped or not, so entry numbers stay aligned.
-  void registerUngrouped() { m_next.push_back(-1); }
+  void registerUngrouped() { registerEntry(); }
 
   void append(size_t slot, uint32_t hash, int32_t entry) {
-    m_next.push_back(-1);
+    registerEntry();
     Slot& s = m_slots[slot];
     if (s.head < 0) {
-      s = Slot{hash, entry, entry, 1};
+      s = Slot{hash, entry};
+      m_tail[entry] = entry;
+      m_length[entry] = 1;
     } else {
-      m_next[s.tail] = entry;
-      s.tail = entry;
-      ++s.length;
+      m_next[m_tail[s.head]] = entry;
+      m_tail[s.head] = entry;
+      ++m_length[s.head];
     }
   }
 
  private:
+  // Small, so that the table probed at random stays in the cache as far as it can; a group's last
+  // entry and length are kept by its first entry.
   struct Slot {
     uint32_t hash;
     int32_t head;  // first kept vertex of the group, -1 for an empty slot
-    int32_t tail;
-    uint32_t length;
   };
+
+  void registerEntry() {
+    m_next.push_back(-1);
+    m_tail.push_back(-1);
+    m_length.push_back(0);
+  }
 
   uint32_t hashOf(const Corner& c) const {
     uint64_t h = 0x9E3779B97F4A7C15ull;
@@ -187,6 +198,8 @@ class KeptVertexIndex {
 
   std::vector<Slot> m_slots;
   std::vector<int32_t> m_next;
+  std::vector<int32_t> m_tail;     // of group heads: the group's last entry
+  std::vector<uint32_t> m_length;  // of group heads: the group's entry count
   size_t m_mask = 0;
   uint32_t m_uvSetsInKey = 0;
 };

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <unordered_map>
+#include <vector>
 
 #include "Assertion.h"
 
@@ -109,51 +110,67 @@ uint32_t FloatKeyBits(float f) {
 // order, so the first match of the full scan is the first match in the group.
 class KeptVertexIndex {
  public:
-  KeptVertexIndex(size_t maxGroups, uint32_t uvSetsInKey) : m_uvSetsInKey(uvSetsInKey) {
+  // Empties the index for a mesh of at most maxGroups groups, keeping the memory it had.
+  void reset(size_t maxGroups, uint32_t uvSetsInKey) {
+    m_uvSetsInKey = uvSetsInKey;
     size_t capacity = 16;
     while (capacity < 2 * maxGroups) capacity *= 2;
-    m_slots.assign(capacity, Slot{0, -1, -1, 0});
+    m_slots.assign(capacity, Slot{0, -1});
     m_mask = capacity - 1;
+    m_next.clear();
+    m_tail.clear();
+    m_length.clear();
   }
 
   // The slot of the group of `c`: an occupied one if the group exists, else where it goes.
-  size_t find(const Corner& c, const std::vector<buffer>& kept, uint32_t& hash) const {
+  // kept(e) gives the components of kept vertex e.
+  template <typename Kept>
+  size_t find(const Corner& c, const Kept& kept, uint32_t& hash) const {
     hash = hashOf(c);
     size_t pos = hash & m_mask;
     while (m_slots[pos].head >= 0) {
-      if (m_slots[pos].hash == hash && keyEquals(kept[m_slots[pos].head], c)) return pos;
+      if (m_slots[pos].hash == hash && keyEquals(kept(m_slots[pos].head), c)) return pos;
       pos = (pos + 1) & m_mask;
     }
     return pos;
   }
 
   int32_t head(size_t slot) const { return m_slots[slot].head; }
-  uint32_t length(size_t slot) const { return m_slots[slot].length; }
+  // Of an occupied slot.
+  uint32_t length(size_t slot) const { return m_length[m_slots[slot].head]; }
   size_t capacity() const { return m_slots.size(); }
   int32_t next(int32_t entry) const { return m_next[entry]; }
 
   // Every kept vertex is registered, grouped or not, so entry numbers stay aligned.
-  void registerUngrouped() { m_next.push_back(-1); }
+  void registerUngrouped() { registerEntry(); }
 
   void append(size_t slot, uint32_t hash, int32_t entry) {
-    m_next.push_back(-1);
+    registerEntry();
     Slot& s = m_slots[slot];
     if (s.head < 0) {
-      s = Slot{hash, entry, entry, 1};
+      s = Slot{hash, entry};
+      m_tail[entry] = entry;
+      m_length[entry] = 1;
     } else {
-      m_next[s.tail] = entry;
-      s.tail = entry;
-      ++s.length;
+      m_next[m_tail[s.head]] = entry;
+      m_tail[s.head] = entry;
+      ++m_length[s.head];
     }
   }
 
  private:
+  // Small, so that the table probed at random stays in the cache as far as it can; a group's last
+  // entry and length are kept by its first entry.
   struct Slot {
     uint32_t hash;
     int32_t head;  // first kept vertex of the group, -1 for an empty slot
-    int32_t tail;
-    uint32_t length;
   };
+
+  void registerEntry() {
+    m_next.push_back(-1);
+    m_tail.push_back(-1);
+    m_length.push_back(0);
+  }
 
   uint32_t hashOf(const Corner& c) const {
     uint64_t h = 0x9E3779B97F4A7C15ull;
@@ -171,7 +188,7 @@ class KeptVertexIndex {
     return static_cast<uint32_t>(h);
   }
 
-  bool keyEquals(const buffer& b, const Corner& c) const {
+  bool keyEquals(const Corner& b, const Corner& c) const {
     for (int a = 0; a < 3; ++a)
       if (!(b.position[a] == c.position[a])) return false;
     for (uint32_t k = 0; k < m_uvSetsInKey; ++k)
@@ -181,15 +198,30 @@ class KeptVertexIndex {
 
   std::vector<Slot> m_slots;
   std::vector<int32_t> m_next;
+  std::vector<int32_t> m_tail;     // of group heads: the group's last entry
+  std::vector<uint32_t> m_length;  // of group heads: the group's entry count
   size_t m_mask = 0;
-  uint32_t m_uvSetsInKey;
+  uint32_t m_uvSetsInKey = 0;
+};
+
+// Working memory of the reduction, kept from one mesh to the next: requesting (and touching)
+// it anew for every mesh of a large scene costs more than the reduction itself.
+struct ReductionScratch {
+  KeptVertexIndex index;
+  // A kept vertex is held as the old vertices it is made of: `source` introduced it (its
+  // position, texture coordinates and bones are that vertex's) and `normalFrom` is the vertex of
+  // the last corner that merged into it (whose normal it has). Its new index is its place.
+  std::vector<uint32_t> source;
+  std::vector<uint32_t> normalFrom;
+  std::vector<int32_t> resolved;
+  std::vector<uint16_t> newFaces;
 };
 
 bool IsNear(float a, float b) {
   return std::fabs(static_cast<double>(a) - static_cast<double>(b)) <= kNearTolerance;
 }
 
-bool UVsNear(const buffer& b, const Corner& c, uint32_t uvSets) {
+bool UVsNear(const Corner& b, const Corner& c, uint32_t uvSets) {
   for (uint32_t k = 0; k < uvSets; ++k)
     if (!IsNear(b.u[k], c.u[k]) || !IsNear(b.v[k], c.v[k])) return false;
   return true;
@@ -234,14 +266,15 @@ class NearCells {
   bool covers(size_t group) const { return m_covered[group]; }
 
   // Entries of a group are added in list order.
-  void add(size_t group, int32_t entry, const buffer& b) {
+  void add(size_t group, int32_t entry, const Corner& b) {
     m_covered[group] = true;
     Key key{group, {}};
     for (uint32_t d = 0; d < m_dims; ++d) key.cell[d] = CellOf(coordinate(b.u, b.v, d));
     m_cells[key].push_back(entry);
   }
 
-  int32_t firstMatch(size_t group, const Corner& c, const std::vector<buffer>& kept) const {
+  template <typename Kept>
+  int32_t firstMatch(size_t group, const Corner& c, const Kept& kept) const {
     int64_t options[2 * kMaxUVSets][3];
     int count[2 * kMaxUVSets];
     for (uint32_t d = 0; d < m_dims; ++d) count[d] = CellsNear(coordinate(c.u, c.v, d), options[d]);
@@ -254,7 +287,7 @@ class NearCells {
       if (it != m_cells.end()) {
         for (int32_t e : it->second) {
           if (best >= 0 && e >= best) break;
-          if (UVsNear(kept[e], c, m_dims / 2)) {
+          if (UVsNear(kept(e), c, m_dims / 2)) {
             best = e;
             break;
           }
@@ -315,13 +348,16 @@ void* AllocZeroed(size_t bytes) {
 }
 
 void Install(CPODData& d, void* data, size_t bytes) {
-  std::free(d.pData);
+  // A borrowed array belongs to the scene's source file: only the pointer goes.
+  if (!d.bBorrowed) std::free(d.pData);
   d.pData = static_cast<uint8_t*>(data);
+  d.bBorrowed = false;
   d.nDataSize = bytes;
 }
 
 // Reduces the mesh; null when done, otherwise why the mesh was left as it is.
-const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
+const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
+                       ReductionScratch& scratch) {
   if (mesh == nullptr) return "no mesh";
   if (const char* why = WhyNotReducible(*mesh)) return why;
   if (mesh->nNumUVW > kMaxUVSets) {
@@ -339,36 +375,37 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) 
   const uint8_t* positions = mesh->sVertex.pData;
   const uint8_t* normals = mesh->sNormals.pData;
 
-  std::vector<buffer> kept;
-  kept.reserve(std::min(corners, addressable));
-  KeptVertexIndex index(addressable, nearly ? 0 : uvSetsCompared);
+  std::vector<uint32_t>& source = scratch.source;
+  std::vector<uint32_t>& normalFrom = scratch.normalFrom;
+  source.clear();
+  normalFrom.clear();
+  source.reserve(std::min(corners, addressable));
+  normalFrom.reserve(std::min(corners, addressable));
+  KeptVertexIndex& index = scratch.index;
+  index.reset(addressable, nearly ? 0 : uvSetsCompared);
   NearCells cells(nearly ? index.capacity() : 0, uvSetsCompared);
   // An old vertex resolves to the same kept vertex at every corner that uses it: kept vertices
   // are only ever appended and never change what they compare on, so the ones the first scan
   // passed over still fail and the one it stopped at still matches.
-  std::vector<int32_t> resolved(addressable, kUnseen);
-  std::vector<uint16_t> newFaces(corners);
+  std::vector<int32_t>& resolved = scratch.resolved;
+  resolved.assign(addressable, kUnseen);
+  std::vector<uint16_t>& newFaces = scratch.newFaces;
+  newFaces.resize(corners);  // every element is written below
 
-  auto appendKept = [&](uint32_t i, const Corner& c) {
-    buffer b{};
-    std::memcpy(b.position, c.position, sizeof c.position);
+  auto cornerOf = [&](uint32_t i) {
+    Corner c{};
+    for (int a = 0; a < 3; ++a) c.position[a] = LoadFloat(positions + 12 * size_t{i} + 4 * a);
     for (uint32_t k = 0; k < uvSets; ++k) {
-      b.u[k] = c.u[k];
-      b.v[k] = c.v[k];
+      c.u[k] = LoadFloat(mesh->psUVW[k].pData + 8 * size_t{i});
+      c.v[k] = LoadFloat(mesh->psUVW[k].pData + 8 * size_t{i} + 4);
     }
-    b.newIndex = static_cast<uint16_t>(kept.size());  // wraps above 65,535 by design
-    if (skinned) {
-      const CPODData& idx = mesh->sBoneIdx;
-      const CPODData& weights = mesh->sBoneWeight;
-      b.boneIndices.resize(bonesPerVertex);
-      b.boneWeights.resize(bonesPerVertex);
-      for (uint32_t j = 0; j < bonesPerVertex; ++j) {
-        b.boneIndices[j] = idx.pData[static_cast<size_t>(idx.nStride) * i + j];
-        b.boneWeights[j] = LoadFloat(weights.pData + static_cast<size_t>(weights.nStride) * i + 4 * j);
-      }
-    }
-    kept.push_back(std::move(b));
-    return static_cast<int32_t>(kept.size() - 1);
+    return c;
+  };
+  auto kept = [&](int32_t e) { return cornerOf(source[static_cast<size_t>(e)]); };
+  auto appendKept = [&](uint32_t i) {
+    source.push_back(i);
+    normalFrom.push_back(i);
+    return static_cast<int32_t>(source.size() - 1);
   };
 
   for (size_t f = 0; f < corners; ++f) {
@@ -376,14 +413,9 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) 
     std::memcpy(&i, mesh->sFaces.pData + 2 * f, 2);
     int32_t entry = resolved[i];
     if (entry < 0) {
-      Corner c{};
-      for (int a = 0; a < 3; ++a) c.position[a] = LoadFloat(positions + 12 * size_t{i} + 4 * a);
-      for (uint32_t k = 0; k < uvSets; ++k) {
-        c.u[k] = LoadFloat(mesh->psUVW[k].pData + 8 * size_t{i});
-        c.v[k] = LoadFloat(mesh->psUVW[k].pData + 8 * size_t{i} + 4);
-      }
+      const Corner c = cornerOf(i);
       if (entry == kNeverMatches || !CanMatch(c, uvSetsCompared, nearly)) {
-        entry = appendKept(i, c);
+        entry = appendKept(i);
         index.registerUngrouped();
         resolved[i] = kNeverMatches;
       } else {
@@ -394,27 +426,26 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) 
         if (nearUV && cells.covers(slot)) {
           entry = cells.firstMatch(slot, c, kept);
         } else if (nearUV) {
-          while (entry >= 0 && !UVsNear(kept[entry], c, uvSetsCompared)) entry = index.next(entry);
+          while (entry >= 0 && !UVsNear(kept(entry), c, uvSetsCompared)) entry = index.next(entry);
         }
         if (entry < 0) {
-          entry = appendKept(i, c);
+          entry = appendKept(i);
           index.append(slot, hash, entry);
           if (nearUV && cells.covers(slot)) {
-            cells.add(slot, entry, kept[entry]);
+            cells.add(slot, entry, c);
           } else if (nearUV && index.length(slot) >= kLongGroup) {
-            for (int32_t e = index.head(slot); e >= 0; e = index.next(e)) cells.add(slot, e, kept[e]);
+            for (int32_t e = index.head(slot); e >= 0; e = index.next(e)) cells.add(slot, e, kept(e));
           }
         }
         resolved[i] = entry;
       }
     }
-    buffer& b = kept[entry];
-    std::memcpy(b.normal, normals + 12 * size_t{i}, sizeof b.normal);
-    newFaces[f] = b.newIndex;
+    normalFrom[static_cast<size_t>(entry)] = i;
+    newFaces[f] = static_cast<uint16_t>(entry);  // wraps above 65,535 by design
   }
 
   // Allocate everything before changing anything, so a failed allocation leaves the mesh whole.
-  const size_t n = kept.size();
+  const size_t n = source.size();
   const uint32_t weightsPerVertex = skinned ? mesh->sBoneWeight.n : 0;
   const size_t boneIdxBytes = n * bonesPerVertex;
   const size_t boneWeightBytes = n * weightsPerVertex * 4;
@@ -438,17 +469,18 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) 
     return "out of memory";
   }
 
+  const CPODData& boneIdx = mesh->sBoneIdx;
+  const CPODData& boneWeights = mesh->sBoneWeight;
   for (size_t e = 0; e < n; ++e) {
-    const buffer& b = kept[e];
-    std::memcpy(newPositions + 3 * e, b.position, 12);
-    std::memcpy(newNormals + 3 * e, b.normal, 12);
-    for (uint32_t k = 0; k < uvSets; ++k) {
-      newUVs[k][2 * e] = b.u[k];
-      newUVs[k][2 * e + 1] = b.v[k];
-    }
-    if (skinned) {
-      std::copy(b.boneIndices.begin(), b.boneIndices.end(), newBoneIdx + e * bonesPerVertex);
-      std::copy(b.boneWeights.begin(), b.boneWeights.end(), newBoneWeights + e * bonesPerVertex);
+    const size_t i = source[e];
+    std::memcpy(newPositions + 3 * e, positions + 12 * i, 12);
+    std::memcpy(newNormals + 3 * e, normals + 12 * size_t{normalFrom[e]}, 12);
+    for (uint32_t k = 0; k < uvSets; ++k) std::memcpy(newUVs[k] + 2 * e, mesh->psUVW[k].pData + 8 * i, 8);
+    // Bones: as many indices and weights as the vertex has bone indices, one after the other.
+    for (uint32_t j = 0; j < bonesPerVertex; ++j) {
+      newBoneIdx[e * bonesPerVertex + j] = boneIdx.pData[size_t{boneIdx.nStride} * i + j];
+      std::memcpy(newBoneWeights + e * bonesPerVertex + j,
+                  boneWeights.pData + size_t{boneWeights.nStride} * i + 4 * j, 4);
     }
   }
 
@@ -472,7 +504,8 @@ void NoteUnreduced(const SPODNode* node, const char* why) {
 }  // namespace
 
 void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
-  ReduceMesh(node, mesh, useUV, nearly);
+  ReductionScratch scratch;
+  ReduceMesh(node, mesh, useUV, nearly, scratch);
 }
 
 void reduceMeshVertex(SPODScene* scene, bool nearly) {
@@ -486,6 +519,7 @@ void reduceMeshVertex(SPODScene* scene, bool nearly) {
   // Mesh nodes beyond the node array cannot be visited.
   const uint32_t meshNodes =
       scene != nullptr && scene->pNode != nullptr ? std::min(scene->nNumMeshNode, scene->nNumNode) : 0;
+  ReductionScratch scratch;
   for (uint32_t k = 0; k < meshNodes; ++k) {
     SPODNode* node = &scene->pNode[k];
     KX_ASSERT(node->nIdx != -1, "main");
@@ -496,7 +530,8 @@ void reduceMeshVertex(SPODScene* scene, bool nearly) {
     }
     SPODMesh* mesh = &scene->pMesh[node->nIdx];
     before += mesh->nNumVertex;
-    if (const char* why = ReduceMesh(node, mesh, node->nIdxMaterial >= 0, nearly)) NoteUnreduced(node, why);
+    if (const char* why = ReduceMesh(node, mesh, node->nIdxMaterial >= 0, nearly, scratch))
+      NoteUnreduced(node, why);
     after += mesh->nNumVertex;
   }
   std::printf("Total vertex before reduction: %d\n", static_cast<int32_t>(before));

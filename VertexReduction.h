@@ -7,23 +7,13 @@
 // The result is that of scanning the list of kept vertices from its start for every triangle
 // corner and taking the first that matches; this implementation reaches the same result with
 // one hash lookup per distinct old vertex (plus, in near mode, a walk of the kept vertices at
-// that position, or of a few cells of them when there are many).
+// that position, or of a few cells of them when there are many). A kept vertex is held as the
+// old vertex that introduced it and the old vertex of the last corner merged into it (whose normal
+// it takes); the streams are rebuilt from those, so no vertex record is copied around.
 
 #include <cstdint>
-#include <vector>
 
 #include "PODModel.h"
-
-// One kept vertex while a mesh is being reduced.
-struct buffer {
-  float position[3];
-  float u[8];  // first coordinate of each texture-coordinate set (only nNumUVW are used)
-  float v[8];  // second coordinate of each set
-  float normal[3];  // the normal of the last corner that merged into this vertex
-  uint16_t newIndex;  // place in the rebuilt streams; wraps above 65,535 vertices
-  std::vector<uint8_t> boneIndices;  // skinned meshes only
-  std::vector<float> boneWeights;    // skinned meshes only, one per bone index
-};
 
 // Reduces the mesh of every mesh node (printing the header line, then the totals). `nearly`
 // lets texture coordinates differ by up to 0.001. A mesh left as it is gets a note on standard

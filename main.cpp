@@ -6,6 +6,10 @@
 // -> check -> convert -> write <input>.qsn. Progress goes to standard output; a scene that the
 // conversion could not handle safely is refused with one message on standard error.
 
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -27,6 +31,31 @@ int Refuse(const CPODScene& scene, const SceneCheck& check, const std::string& f
   std::fflush(stdout);
   std::fprintf(stderr, "%s\n", DescribeSceneCheck(scene, check, file).c_str());
   return 1;
+}
+
+// The input and intermediate files are mapped rather than copied into memory. Should another
+// process shorten one of them while this run uses it, touching the lost part raises SIGBUS: the
+// run then ends as for an unreadable input, with a message and status 1, instead of a crash.
+void OnMappedFileShortened(int) {
+  static const char kMessage[] = "Korvex: a file being read was shortened by another process\n";
+  const ssize_t written = write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
+  (void)written;
+  _exit(1);
+}
+
+void EndRunWhenAMappedFileShrinks() {
+  struct sigaction action {};
+  action.sa_handler = OnMappedFileShortened;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGBUS, &action, nullptr);
+}
+
+// Both names lead to one existing file.
+bool SameFile(const std::string& a, const std::string& b) {
+  struct stat sa;
+  struct stat sb;
+  return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+         sa.st_ino == sb.st_ino;
 }
 
 // A read that fails part-way keeps the arrays it had filled in but gets no evaluation state,
@@ -51,6 +80,7 @@ int main(int argc, char** argv) {
   const bool nearly = first == "-r1";
   const std::string inputPath = argv[argc - 1];
 
+  EndRunWhenAMappedFileShrinks();
   std::printf("Converting %s\n", inputPath.c_str());
   // The name derivation below may end the run abnormally; the line above must be out by then.
   std::fflush(stdout);
@@ -109,7 +139,17 @@ int main(int argc, char** argv) {
   renameMeshTextureName(&inputScene);
   if (reduction) reduceMeshVertex(&inputScene, nearly);
 
+  // The input's stream arrays stay in its file, which saving truncates when the intermediate file
+  // is the input itself (an input named like its intermediate file, or a link to it): then they
+  // are copied out first.
+  if (SameFile(inputPath, intermediatePath) && !PODModelOwnBorrowedArrays(inputScene)) {
+    std::fprintf(stderr, "Korvex: out of memory\n");
+    std::free(exportOptions);
+    return 1;
+  }
   const bool saveSucceeded = inputScene.SavePOD(intermediatePath.c_str(), exportOptions);
+  // Nothing reads the input scene again: its memory goes before the intermediate file comes in.
+  inputScene.Destroy();
 
   reloadedScene.ReadFromFile(intermediatePath.c_str(), exportOptions, kExportOptionsSize);
   reloadedScene.Destroy();
@@ -127,6 +167,8 @@ int main(int argc, char** argv) {
     }
     QelSceneGraphModel* model = new QelSceneGraphModel();
     SceneGraphConverter* converter = new SceneGraphConverter(model);
+    // The records take the reloaded scene's arrays instead of copies: the scene outlives the model.
+    converter->setBorrowStreams(true);
     converter->convertFromPOD(&reloadedScene, fileName.c_str());
     SceneGraphWritter* writer = new SceneGraphWritter();
     // The writer has said what went wrong on standard error.

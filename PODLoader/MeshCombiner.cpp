@@ -107,6 +107,8 @@ SPODMesh* MeshCombiner::combineMesh(SPODMesh* a, SPODMesh* b) {
   // Cleared first so that a failure below releases only what this call made.
   r->sFaces.pData = r->sVertex.pData = r->sNormals.pData = nullptr;
   r->sFaces.nDataSize = r->sVertex.nDataSize = r->sNormals.nDataSize = 0;
+  // The result owns the arrays made below, whatever A's streams were.
+  r->sFaces.bBorrowed = r->sVertex.bBorrowed = r->sNormals.bBorrowed = false;
   r->psUVW = nullptr;
   r->nUVWCount = 0;
 
@@ -134,6 +136,7 @@ SPODMesh* MeshCombiner::combineMesh(SPODMesh* a, SPODMesh* b) {
       r->psUVW[0].pData =
           Concatenate(aSet, a->nNumVertex * kUVBytes, FirstUVSet(*b), b->nNumVertex * kUVBytes, ok);
       r->psUVW[0].nDataSize = static_cast<size_t>(vertices * kUVBytes);
+      r->psUVW[0].bBorrowed = false;
     }
   }
 

@@ -21,6 +21,7 @@ inline void AllocateNodeData(SSGNodeData& buffer, uint32_t type, uint32_t length
   buffer.type = type;
   buffer.length = length;
   buffer.data = nullptr;
+  buffer.borrowed = false;
   if (length == 0) return;
   buffer.data = static_cast<uint8_t*>(std::calloc(length, 1));
   if (buffer.data == nullptr) {
@@ -28,6 +29,24 @@ inline void AllocateNodeData(SSGNodeData& buffer, uint32_t type, uint32_t length
     std::fprintf(stderr, "Korvex: out of memory (%u bytes)\n", length);
     std::abort();
   }
+}
+
+// `length` bytes of a POD stream array holding `held` bytes, for a record: the array itself when
+// `borrow` is set and it holds them all (the scene then outlives the record), else a copy of what
+// it holds, zero beyond.
+inline void TakeStreamArray(SSGNodeData& buffer, uint32_t type, uint32_t length, uint8_t* from,
+                            size_t held, bool borrow) {
+  if (from == nullptr) held = 0;
+  if (borrow && length != 0 && held >= length) {
+    buffer.type = type;
+    buffer.length = length;
+    buffer.data = from;
+    buffer.borrowed = true;
+    return;
+  }
+  AllocateNodeData(buffer, type, length);
+  const size_t copied = held < length ? held : length;
+  if (copied != 0) std::memcpy(buffer.data, from, copied);
 }
 
 inline void StoreF32LE(uint8_t* p, float v) {

@@ -12,12 +12,13 @@ namespace {
 
 const char* const kSource = "PODLoader/QelSceneGraphModel";
 
-// Frees every array a record owns.
+// Frees every array a record owns; a borrowed one stays with its scene.
 struct ArrayReleaser {
   void array(SSGNodeData& buffer) {
-    std::free(buffer.data);
+    if (!buffer.borrowed) std::free(buffer.data);
     buffer.data = nullptr;
     buffer.length = 0;
+    buffer.borrowed = false;
   }
 };
 

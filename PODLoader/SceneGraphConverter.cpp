@@ -63,6 +63,11 @@ bool SceneGraphConverter::convertFromPOD(CPODScene* scene, const char* fileName)
   return true;
 }
 
+void SceneGraphConverter::setBorrowStreams(bool borrow) {
+  m_borrowStreams = borrow;
+  mSkeletonConverter->setBorrowStreams(borrow);
+}
+
 void SceneGraphConverter::getNodeListIDs(std::string name, int& objectIndex, int& nodeIndex) {
   objectIndex = -1;
   nodeIndex = -1;

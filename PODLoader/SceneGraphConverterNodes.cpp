@@ -25,12 +25,6 @@ CPODData CopyDescriptor(const CPODData& from) {
   return d;
 }
 
-// `length` bytes of `from` in a new array of the record.
-void CopyArray(SSGNodeData& buffer, uint32_t type, uint32_t length, const uint8_t* from) {
-  korvex::AllocateNodeData(buffer, type, length);
-  if (length != 0) std::memcpy(buffer.data, from, length);
-}
-
 // Copies at most `size` bytes of `name` into a zero-filled field.
 void CopyName(char* field, size_t size, const char* name) {
   std::memset(field, 0, size);
@@ -98,32 +92,42 @@ SSGQelMeshNodeData* SceneGraphConverter::createMeshNodeData(int nodeIndex) {
                           record->boxMin, record->boxMax))
     std::printf("Error3: cannot create bounding AABB, %s\n", node.pszName);
 
+  const bool borrow = m_borrowStreams;
   record->vertex = CopyDescriptor(mesh.sVertex);
   record->vertexOffset = mesh.sVertex.nFileOffset;
-  CopyArray(record->vertexBuffer, SSGBufferFloat, record->numVertex * record->vertex.n * 4,
-            mesh.sVertex.pData);
+  korvex::TakeStreamArray(record->vertexBuffer, SSGBufferFloat,
+                          record->numVertex * record->vertex.n * 4, mesh.sVertex.pData,
+                          mesh.sVertex.nDataSize, borrow);
 
   record->normal = CopyDescriptor(mesh.sNormals);
   record->normalOffset = mesh.sNormals.nFileOffset;
-  CopyArray(record->normalBuffer, SSGBufferFloat, record->numVertex * record->normal.n * 4,
-            mesh.sNormals.pData);
+  korvex::TakeStreamArray(record->normalBuffer, SSGBufferFloat,
+                          record->numVertex * record->normal.n * 4, mesh.sNormals.pData,
+                          mesh.sNormals.nDataSize, borrow);
 
   record->face = CopyDescriptor(mesh.sFaces);
   record->faceOffset = mesh.sFaces.nFileOffset;
-  CopyArray(record->faceBuffer, SSGBufferFace16, record->numFace * 6, mesh.sFaces.pData);
+  korvex::TakeStreamArray(record->faceBuffer, SSGBufferFace16, record->numFace * 6,
+                          mesh.sFaces.pData, mesh.sFaces.nDataSize, borrow);
 
   record->defaultMaterialIndex = node.nIdxMaterial;
   // Without a material no texture coordinates are carried: UVW, UVWOffset and UVWBuffer stay zero.
   if (record->defaultMaterialIndex >= 0) {
     const uint32_t sets = record->numUVW;
     const uint32_t setBytes = record->numVertex * 8;  // two floats a vertex
-    korvex::AllocateNodeData(record->UVWBuffer, SSGBufferFloat, sets * setBytes);
+    // One set is the scene's array as it stands; two are laid end to end in an array of their own.
+    if (sets == 1)
+      korvex::TakeStreamArray(record->UVWBuffer, SSGBufferFloat, setBytes, mesh.psUVW[0].pData,
+                              mesh.psUVW[0].nDataSize, borrow);
+    else
+      korvex::AllocateNodeData(record->UVWBuffer, SSGBufferFloat, sets * setBytes);
     for (uint32_t k = 0; k < sets; ++k) {
       const CPODData& uvw = mesh.psUVW[k];
       record->UVW[k] = CopyDescriptor(uvw);
       record->UVW[k].nFileOffset = 0;  // never set for texture coordinates; written as zero
       record->UVWOffset[k] = uvw.nFileOffset;
-      if (setBytes != 0) std::memcpy(record->UVWBuffer.data + k * setBytes, uvw.pData, setBytes);
+      if (sets > 1 && setBytes != 0)
+        std::memcpy(record->UVWBuffer.data + k * setBytes, uvw.pData, setBytes);
     }
   }
 

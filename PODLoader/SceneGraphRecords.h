@@ -49,11 +49,14 @@ struct SSGNodeHeader {
   int32_t index;
 };
 
-// An array owned by the record that holds the descriptor.
+// An array owned by the record that holds the descriptor, unless `borrowed`: then it is a stream
+// array of the POD scene the record was converted from, which must outlive the record (see
+// SceneGraphConverter::setBorrowStreams), and it is never freed with the record.
 struct SSGNodeData {
   uint32_t type;
   uint32_t length;  // bytes
   uint8_t* data;
+  bool borrowed;
 };
 
 struct ZarVector3 {

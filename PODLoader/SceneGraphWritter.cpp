@@ -57,6 +57,45 @@ class ArrayWriter {
   ByteWriter& m_out;
 };
 
+// Hands each array to `write` as it stands in the record, exactly `length` bytes (zeros if data
+// is null). Every array is offered even after a failed write, as the byte count requires.
+template <class Write>
+class ArrayStreamer {
+ public:
+  explicit ArrayStreamer(Write& write) : m_write(write) {}
+  void array(const SSGNodeData& b) {
+    if (b.length == 0) return;
+    if (b.data != nullptr) {
+      m_ok = m_write(b.data, b.length) && m_ok;
+      return;
+    }
+    static const uint8_t kZeros[4096] = {};
+    for (uint32_t left = b.length; left > 0;) {
+      const uint32_t n = left < sizeof kZeros ? left : static_cast<uint32_t>(sizeof kZeros);
+      m_ok = m_write(kZeros, n) && m_ok;
+      left -= n;
+    }
+  }
+  bool ok() const { return m_ok; }
+
+ private:
+  Write& m_write;
+  bool m_ok = true;
+};
+
+// Writes one block: its fixed part, then its arrays. The bytes are those BuildBlock assembles.
+template <class L, class Write>
+bool StreamBlock(const typename L::Record& r, Write& write) {
+  ByteWriter out;
+  out.reserve(L::kFixedSize);
+  FieldWriter fields(out);
+  L::fields(r, fields);
+  bool ok = write(out.bytes().data(), out.size());
+  ArrayStreamer<Write> arrays(write);
+  L::arrays(r, arrays);
+  return arrays.ok() && ok;
+}
+
 struct ArrayLengthSum {
   uint64_t total = 0;
   void array(const SSGNodeData& b) { total += b.length; }
@@ -117,7 +156,7 @@ bool SceneGraphWritter::WritetoFile(const std::string& path, QelSceneGraphModel*
   // A second call starts afresh rather than appending to the buffers of the first.
   m_fileHeader.clear();
   m_nodeHeaders.clear();
-  m_data.clear();
+  m_written.clear();
   m_bytesWritten = 0;
   m_writeError = 0;
   m_error.clear();
@@ -165,6 +204,10 @@ bool SceneGraphWritter::openFile() {
       errno = error;
       return false;
     }
+    // Headers and fixed parts are small and many: a larger buffer gathers them, while arrays
+    // larger than it still go to the file directly.
+    m_fileBuffer.resize(kFileBufferSize);
+    setvbuf(m_file, m_fileBuffer.data(), _IOFBF, m_fileBuffer.size());
     return true;
   }
   errno = EEXIST;
@@ -286,18 +329,18 @@ bool SceneGraphWritter::buildFileFormat() {
   uint64_t running = 0;
   for (SSGNodeHeader* h : m_model->nodeheader) {
     if (h->type >= ESGMeshNode && h->type <= ESGAnimationCameraNode) {
-      SGData block;
+      uint64_t size = 0;
       korvex::SGDispatchKind(h->type, [&](auto layout) {
         using L = decltype(layout);
-        block = BuildBlock<L>(*static_cast<const typename L::Record*>(m_model->record(L::kKind, h->index)));
+        size = BlockSize<L>(*static_cast<const typename L::Record*>(m_model->record(L::kKind, h->index)));
       });
       const uint64_t offset = base + running;
-      if (block.size() > kMax32 || offset > kMax32)
+      if (size > kMax32 || offset > kMax32)
         return fail("the scene does not fit the 32-bit offsets of the format", 0);
-      h->length = static_cast<uint32_t>(block.size());
+      h->length = static_cast<uint32_t>(size);
       h->offset = static_cast<uint32_t>(offset);
       m_nodeHeaders.push_back(createNodeHeader(h));
-      m_data.push_back(std::move(block));
+      m_written.push_back(h);
     }
     // Every header's length moves the running offset, also the length a skipped header had.
     running += h->length;
@@ -314,8 +357,15 @@ bool SceneGraphWritter::writeNodeHeader() {
 }
 
 bool SceneGraphWritter::writeData() {
+  auto write = [this](const uint8_t* bytes, size_t size) { return writeFile(bytes, size); };
   bool ok = true;
-  for (const SGData& b : m_data) ok = writeFile(b.data(), b.size()) && ok;
+  for (const SSGNodeHeader* h : m_written) {
+    korvex::SGDispatchKind(h->type, [&](auto layout) {
+      using L = decltype(layout);
+      const auto* record = static_cast<const typename L::Record*>(m_model->record(L::kKind, h->index));
+      ok = StreamBlock<L>(*record, write) && ok;
+    });
+  }
   return ok;
 }
 

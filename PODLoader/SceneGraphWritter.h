@@ -1,7 +1,8 @@
 #pragma once
 // Writes a scene-graph model as one .qsn file: the file header, the node headers of the kinds
-// 2001..2012, then one data block per written header (fixed part, then its arrays). The blocks
-// are assembled in memory first, so the file is written with a few large calls.
+// 2001..2012, then one data block per written header (fixed part, then its arrays). Each block's
+// fixed part is assembled in a small buffer and its arrays are written straight from the record,
+// so the file is written with a few large calls and the model is never held twice.
 //
 // The file is written to a temporary file in the target's directory and renamed over the target
 // only once every byte is written and the file is closed: a failed or interrupted run never
@@ -72,8 +73,8 @@ class SceneGraphWritter {
   SGData createAnimationMeshData(const SSGQelAnimationMeshNodeData* data) const;
   SGData createAnimationCameraData(const SSGQelAnimationCameraNodeData* data) const;
 
-  // Builds every buffer and sets offset and length of the written node headers. False when an
-  // offset or a length would not fit in 32 bits.
+  // Sizes every block and sets offset and length of the written node headers, whose buffers it
+  // builds. False when an offset or a length would not fit in 32 bits.
   bool buildFileFormat();
   bool writeFileHeader();
   bool writeNodeHeader();
@@ -88,8 +89,10 @@ class SceneGraphWritter {
   QelSceneGraphModel* m_model;
   SGData m_fileHeader;
   std::vector<SGData> m_nodeHeaders;
-  std::vector<SGData> m_data;
+  std::vector<const SSGNodeHeader*> m_written;  // headers whose blocks are written, in order
   FILE* m_file;
+  static constexpr size_t kFileBufferSize = 1 << 16;
+  std::vector<char> m_fileBuffer;  // the open file's stdio buffer
   std::string m_path;
   std::string m_tempPath;
   uint64_t m_bytesWritten;

@@ -86,7 +86,7 @@ void SkeletonNodeConverter::init(SSGQelSkeletalMeshNodeData* record) {
                             &record->sBoneWorldMatrixbuffer,
                             &record->sSpherebuffer,
                             &record->sAABBbuffer};
-  for (SSGNodeData* b : buffers) *b = SSGNodeData{0, 0, nullptr};
+  for (SSGNodeData* b : buffers) *b = SSGNodeData{0, 0, nullptr, false};
 }
 
 void SkeletonNodeConverter::createBoneBatchItem() {
@@ -110,30 +110,30 @@ void SkeletonNodeConverter::createBoneBatchItem() {
 
 namespace {
 
-// Raw copy of a separate per-vertex stream; the bytes beyond what the stream holds (none once
-// vetted) stay zero.
+// Raw copy of a separate per-vertex stream (or the stream's array itself, when borrowing); the
+// bytes beyond what the stream holds (none once vetted) stay zero.
 void CopyBoneStream(SSGNodeData& buffer, CPODData& descriptor, const CPODData& stream,
-                    uint32_t numVertex) {
+                    uint32_t numVertex, bool borrow) {
   descriptor.eType = stream.eType;
   descriptor.n = stream.n;
   descriptor.nStride = stream.nStride;
   descriptor.pData = nullptr;
   const uint32_t bytes = numVertex * stream.nStride;
-  AllocateNodeData(buffer, 0, bytes);
-  const size_t held = stream.pData ? stream.nDataSize : 0;
-  if (bytes > 0 && held > 0) std::memcpy(buffer.data, stream.pData, bytes < held ? bytes : held);
+  korvex::TakeStreamArray(buffer, 0, bytes, stream.pData, stream.nDataSize, borrow);
 }
 
 }  // namespace
 
 void SkeletonNodeConverter::createBoneIdx() {
   const SPODMesh& mesh = m_scene->pMesh[m_meshIndex];
-  CopyBoneStream(m_record->BoneIdx_ptr, m_record->boneIdx, mesh.sBoneIdx, mesh.nNumVertex);
+  CopyBoneStream(m_record->BoneIdx_ptr, m_record->boneIdx, mesh.sBoneIdx, mesh.nNumVertex,
+                 m_borrowStreams);
 }
 
 void SkeletonNodeConverter::createBoneWeight() {
   const SPODMesh& mesh = m_scene->pMesh[m_meshIndex];
-  CopyBoneStream(m_record->BoneWeight_ptr, m_record->boneWeight, mesh.sBoneWeight, mesh.nNumVertex);
+  CopyBoneStream(m_record->BoneWeight_ptr, m_record->boneWeight, mesh.sBoneWeight, mesh.nNumVertex,
+                 m_borrowStreams);
 }
 
 void SkeletonNodeConverter::createSPODImpl() {

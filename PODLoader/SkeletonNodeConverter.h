@@ -17,6 +17,10 @@ class SkeletonNodeConverter : public ConverterFrameState {
   // have passed CheckAnimatedNode: its mesh's first batch and bone streams are read as vetted.
   void convertSkeletonNode(CPODScene* scene, int nodeIndex, SSGQelSkeletalMeshNodeData* record);
 
+  // Bone streams are taken from the scene as they are rather than copied (see
+  // SceneGraphConverter::setBorrowStreams).
+  void setBorrowStreams(bool borrow) { m_borrowStreams = borrow; }
+
   void init(SSGQelSkeletalMeshNodeData* record);
 
   void createBoneBatchItem();
@@ -58,6 +62,7 @@ class SkeletonNodeConverter : public ConverterFrameState {
   int32_t m_nodeIndex = 0;
   int32_t m_meshIndex = 0;
   int32_t m_registeredBones = 0;
+  bool m_borrowStreams = false;
 
   std::vector<uint32_t> m_chain;  // scratch: a node and its ancestors, child first
 };

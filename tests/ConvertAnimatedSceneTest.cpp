@@ -229,6 +229,40 @@ TEST(ConvertAnimatedScene, ConvertedEndToEndByTheTool) {
   EXPECT_STREQ(reinterpret_cast<const char*>(&q.bytes.at(12)), "anim.PODx");
 }
 
+// Records that take the scene's stream arrays as they are (as the tool converts) give the file
+// that records with copies give; the arrays stay the scene's when the model goes.
+TEST(ConvertAnimatedScene, RecordsBorrowingTheScenesArraysWriteTheSameFile) {
+  korvex_test::TempDir dir;
+  {
+    CPODScene built;
+    BuildScene(built);
+    ASSERT_TRUE(built.SavePOD(dir.file("anim.PODx").c_str(), "options"));
+  }
+  std::vector<uint8_t> files[2];
+  for (int borrow = 0; borrow < 2; ++borrow) {
+    CPODScene scene;
+    ASSERT_TRUE(scene.ReadFromFile(dir.file("anim.PODx").c_str()));
+    QelSceneGraphModel model;
+    SceneGraphConverter converter(&model);
+    converter.setBorrowStreams(borrow == 1);
+    ASSERT_TRUE(converter.convertFromPOD(&scene, "anim.PODx"));
+    ASSERT_EQ(model.skeletalmeshnode.size(), 1u);
+    const SSGQelSkeletalMeshNodeData* skin = model.skeletalmeshnode[0];
+    const SPODMesh& mesh = scene.pMesh[scene.pNode[skin->indexToObject].nIdx];
+    EXPECT_EQ(skin->vertexBuffer.borrowed, borrow == 1);
+    EXPECT_EQ(skin->faceBuffer.borrowed, borrow == 1);
+    EXPECT_EQ(skin->BoneWeight_ptr.borrowed, borrow == 1);
+    EXPECT_EQ(skin->vertexBuffer.data == mesh.sVertex.pData, borrow == 1);
+    EXPECT_EQ(skin->BoneIdx_ptr.data == mesh.sBoneIdx.pData, borrow == 1);
+    const std::string out = dir.file(borrow ? "borrowed.qsn" : "copied.qsn");
+    SceneGraphWritter writer;
+    ASSERT_TRUE(writer.WritetoFile(out, &model));
+    files[borrow] = korvex_test::ReadFileBytes(out);
+  }
+  EXPECT_EQ(files[1], files[0]);
+  CheckAnimatedQsn(Qsn{files[1]});
+}
+
 // A skinned mesh without bones sets no frame after frame 0, so the animated mesh converted next
 // copies frame 0, and the camera after it the mesh's last frame: each record holds the state its
 // predecessor left, taken before its own frames are computed.

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -125,6 +127,32 @@ TEST(Driver, NamesDerivedFromTheInputPath) {
   EXPECT_EQ(r.exitStatus, 0);
   EXPECT_TRUE(FileExists(dir.file("c.qsnfile")));
   EXPECT_TRUE(FileExists(dir.file("c.PODxile")));
+}
+
+// An input that is its own intermediate file (named like it, or reached through a link) is read
+// in full before the save overwrites it, and converts as a copy of it under another name does.
+TEST(Driver, InputThatIsItsOwnIntermediateFileConverts) {
+  TempDir dir;
+  WriteSimple(dir.file("same.PODx"));
+  WriteSimple(dir.file("other.pod"));
+  ASSERT_EQ(::symlink(dir.file("linked.PODx").c_str(), dir.file("linked.pod").c_str()), 0);
+  WriteSimple(dir.file("linked.PODx"));
+  for (const char* name : {"same.PODx", "other.pod", "linked.pod"}) {
+    const RunResult r = Korvex({"-r0", dir.file(name)});
+    EXPECT_EQ(r.exitStatus, 0) << name << r.err;
+  }
+  const std::vector<uint8_t> expected = korvex_test::ReadFileBytes(dir.file("other.PODx"));
+  ASSERT_FALSE(expected.empty());
+  EXPECT_EQ(korvex_test::ReadFileBytes(dir.file("same.PODx")), expected);
+  EXPECT_EQ(korvex_test::ReadFileBytes(dir.file("linked.PODx")), expected);
+  // The outputs differ only in the intermediate file's name in the file header.
+  const std::vector<uint8_t> other = korvex_test::ReadFileBytes(dir.file("other.qsn"));
+  for (const char* name : {"same.qsnx", "linked.qsn"}) {
+    const std::vector<uint8_t> qsn = korvex_test::ReadFileBytes(dir.file(name));
+    ASSERT_EQ(qsn.size(), other.size()) << name;
+    ASSERT_GT(qsn.size(), 268u);
+    EXPECT_TRUE(std::equal(qsn.begin() + 268, qsn.end(), other.begin() + 268)) << name;
+  }
 }
 
 TEST(Driver, UnwritableIntermediateIsReportedWithStatusZero) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstring>
 #include <string>
 #include <vector>
@@ -312,6 +314,73 @@ TEST_F(PODReaderTest, AllocationStaysASmallMultipleOfTheFileSize) {
   EXPECT_TRUE(Load(many));
   EXPECT_GE(PODReaderAllocatedBytes(), 1000 * sizeof(SPODMesh));
   EXPECT_LE(PODReaderAllocatedBytes(), perFileByte * many.size());
+}
+
+// A file's stream payloads stay in the file the scene keeps instead of being copied (a stream met
+// twice takes the later payload); a scene read from a caller's bytes copies them.
+TEST_F(PODReaderTest, StreamsAreBorrowedFromTheFileTheSceneKeeps) {
+  Counts c;
+  c.meshes = 1;
+  Bytes file;
+  file.version().open(1001).append(podtest::SceneValues(c));
+  file.open(2012).blockU32(6000, 3).blockU32(6001, 1);
+  file.append(Stream(6003, 3, 1, 2, Bytes().raw("\x00\x00\x01\x00\x02\x00", 6)));
+  Bytes later;
+  for (int i = 0; i < 9; ++i) later.f32(100.0f + float(i));
+  file.append(Stream(6006, 1, 3, 12, Ramp(9))).append(Stream(6006, 1, 3, 12, later));
+  file.close(2012).close(1001);
+  ASSERT_TRUE(Load(file));
+
+  ASSERT_NE(scene.m_pSourceFile, nullptr);
+  const uint8_t* base = static_cast<const uint8_t*>(scene.m_pSourceFile->DataPtr());
+  const SPODMesh& m = scene.pMesh[0];
+  for (const CPODData* d : {&m.sFaces, &m.sVertex}) {
+    EXPECT_TRUE(d->bBorrowed);
+    EXPECT_EQ(d->pData, base + d->nFileOffset);
+  }
+  ASSERT_EQ(m.sVertex.nDataSize, 36u);
+  EXPECT_EQ(std::memcmp(m.sVertex.pData, later.v.data(), 36), 0);
+  EXPECT_EQ(std::memcmp(m.sFaces.pData, "\x00\x00\x01\x00\x02\x00", 6), 0);
+
+  // Written from the borrowed arrays and read back from bytes the caller keeps, which are copied.
+  bool ok = false;
+  const std::vector<uint8_t> again = podtest::WriteBytes(scene, nullptr, &ok);
+  ASSERT_TRUE(ok);
+  scene.Destroy();
+  EXPECT_EQ(scene.m_pSourceFile, nullptr);
+  EXPECT_EQ(scene.pMesh, nullptr);
+
+  CPODScene copied;
+  ASSERT_TRUE(PODReadFromBytes(copied, again.data(), again.size(), nullptr, 0));
+  EXPECT_EQ(copied.m_pSourceFile, nullptr);
+  const SPODMesh& back = copied.pMesh[0];
+  EXPECT_FALSE(back.sVertex.bBorrowed);
+  ASSERT_EQ(back.sVertex.nDataSize, 36u);
+  EXPECT_EQ(std::memcmp(back.sVertex.pData, later.v.data(), 36), 0);
+  ASSERT_EQ(back.sFaces.nDataSize, 6u);
+  EXPECT_EQ(std::memcmp(back.sFaces.pData, "\x00\x00\x01\x00\x02\x00", 6), 0);
+  copied.Destroy();
+}
+
+// A loaded file is followed by a zero byte, also when it ends exactly on a page boundary (where a
+// mapping of the file alone would end).
+TEST(PODResourceFile, LoadedFileIsFollowedByAZeroWhateverItsLength) {
+  korvex_test::TempDir dir;
+  const long page = sysconf(_SC_PAGESIZE);
+  ASSERT_GT(page, 0);
+  for (size_t size : {size_t(1), size_t(page) - 1, size_t(page), 2 * size_t(page)}) {
+    const std::string path = dir.file("f" + std::to_string(size));
+    ASSERT_TRUE(korvex_test::WriteFileBytes(path, std::vector<uint8_t>(size, 0xA5)));
+    CResourceFile f(path.c_str());
+    ASSERT_TRUE(f.IsOpen()) << size;
+    ASSERT_EQ(f.Size(), size);
+    const char* p = f.StringPtr();
+    EXPECT_EQ(p[size], 0) << size;
+    EXPECT_EQ(static_cast<unsigned char>(p[0]), 0xA5);
+    EXPECT_EQ(static_cast<unsigned char>(p[size - 1]), 0xA5);
+  }
+  CResourceFile absent(dir.file("absent").c_str());
+  EXPECT_FALSE(absent.IsOpen());
 }
 
 }  // namespace

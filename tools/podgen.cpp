@@ -3,10 +3,13 @@
 //   podgen example OUT.pod     the bundled example: one node of every still kind
 //   podgen minimal OUT.pod     one textured triangle
 //   podgen animated OUT.pod    a skinned mesh on two bones, animated meshes and camera, 6 frames
+//   podgen large-still OUT.pod     2,000,000 vertices in 32 textured meshes (about 88 MB)
+//   podgen large-animated OUT.pod  the same meshes over 100 frames, 8 of them skinned to 60 bones
 //
 // Scenes are built in memory and saved with the POD writer, with an export-options block ahead
 // of the scene (the converter refuses files without one).
 
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -166,15 +169,157 @@ void BuildAnimated(PODSceneBuilder& b) {
   b.SetBoneBatches(quad, 2, {{hip, knee}}, {0});
 }
 
+// Large scenes for throughput measurements. Each mesh is a wavy sheet of four patches of
+// 125 x 125 vertices side by side; neighbouring patches repeat their shared column of vertices,
+// as exporters do at hard edges and texture seams. Two of the three seams repeat it exactly
+// (welded by -r0), the third with texture coordinates 0.0005 apart (welded by -r1 only).
+const int kLargeMeshes = 32;
+const int kPatches = 4;
+const int kPatchSide = 125;  // 4 x 125 x 125 = 62,500 vertices a mesh, 2,000,000 in all
+const int kLargeMaterials = 8;
+const int kLargeFrames = 100;
+const int kBones = 60;
+const int kSkinnedEvery = 4;  // meshes 0, 4, 8, ... are skinned in the animated scene
+
+struct Sheet {
+  std::vector<float> positions, normals, uvs;
+  std::vector<uint16_t> faces;
+  std::vector<uint8_t> boneIdx;  // 4 bone slots a vertex
+  std::vector<float> boneWeights;  // 4 weights a vertex
+};
+
+Sheet MakeSheet(int mesh, bool skinned) {
+  Sheet s;
+  const int columns = kPatches * (kPatchSide - 1);  // distinct columns of the whole sheet
+  const float phase = 0.37f * float(mesh);
+  for (int p = 0; p < kPatches; ++p) {
+    const uint16_t base = static_cast<uint16_t>(s.positions.size() / 3);
+    for (int row = 0; row < kPatchSide; ++row) {
+      for (int c = 0; c < kPatchSide; ++c) {
+        const int column = p * (kPatchSide - 1) + c;
+        const float x = 0.1f * float(column), y = 0.1f * float(row);
+        const float z = 0.5f * std::sin(0.05f * float(column) + phase) * std::cos(0.07f * float(row));
+        s.positions.insert(s.positions.end(), {x, y, z});
+        // Normal of the height field (x, y, z(x, y)) by its partial derivatives.
+        const float dzdx = 0.5f * 0.5f * std::cos(0.05f * float(column) + phase) *
+                           std::cos(0.07f * float(row));
+        const float dzdy = -0.5f * 0.7f * std::sin(0.05f * float(column) + phase) *
+                           std::sin(0.07f * float(row));
+        const float len = std::sqrt(dzdx * dzdx + dzdy * dzdy + 1.0f);
+        s.normals.insert(s.normals.end(), {-dzdx / len, -dzdy / len, 1.0f / len});
+        float u = float(column) / float(columns);
+        const float v = float(row) / float(kPatchSide - 1);
+        if (p == 2 && c == 0) u += 0.0005f;  // the seam only -r1 welds
+        s.uvs.insert(s.uvs.end(), {u, v});
+        if (skinned) {
+          // Four bones along the sheet, weighted by distance along x.
+          const int first = (column * (kBones - 3)) / (columns + 1);
+          const float t = float(column) / float(columns + 1) * float(kBones - 3) - float(first);
+          s.boneIdx.insert(s.boneIdx.end(), {uint8_t(first), uint8_t(first + 1),
+                                             uint8_t(first + 2), uint8_t(first + 3)});
+          s.boneWeights.insert(s.boneWeights.end(),
+                               {0.5f * (1 - t), 0.5f * (1 - t), 0.5f * t, 0.5f * t});
+        }
+      }
+    }
+    for (int row = 0; row + 1 < kPatchSide; ++row) {
+      for (int c = 0; c + 1 < kPatchSide; ++c) {
+        const uint16_t a = static_cast<uint16_t>(base + row * kPatchSide + c);
+        const uint16_t b = static_cast<uint16_t>(a + 1);
+        const uint16_t d = static_cast<uint16_t>(a + kPatchSide);
+        const uint16_t e = static_cast<uint16_t>(d + 1);
+        s.faces.insert(s.faces.end(), {a, b, e, a, e, d});
+      }
+    }
+  }
+  return s;
+}
+
+int AddSheet(PODSceneBuilder& b, int index, bool skinned) {
+  const Sheet s = MakeSheet(index, skinned);
+  const int mesh = b.AddMesh(static_cast<uint32_t>(s.positions.size() / 3));
+  b.SetFloatStream(mesh, PODStream::Vertex, 3, s.positions);
+  b.SetFloatStream(mesh, PODStream::Normals, 3, s.normals);
+  b.AddFloatUVW(mesh, 2, s.uvs);
+  b.SetFaces(mesh, s.faces);
+  if (skinned) {
+    b.SetStream(mesh, PODStream::BoneIdx, EPODDataUInt8, 4, s.boneIdx.data(), s.boneIdx.size());
+    b.SetFloatStream(mesh, PODStream::BoneWeight, 4, s.boneWeights);
+  }
+  return mesh;
+}
+
+void BuildLarge(PODSceneBuilder& b, bool animated) {
+  b.SetBackgroundColour(0.5f, 0.6f, 0.7f);
+  b.SetAmbientColour(0.2f, 0.2f, 0.2f);
+  if (animated) b.SetNumFrames(kLargeFrames);
+  int materials[kLargeMaterials];
+  for (int m = 0; m < kLargeMaterials; ++m) {
+    const std::string n = std::to_string(m);
+    materials[m] = b.AddMaterial(("Terrain" + n).c_str(), b.AddTexture(("terrain" + n + ".png").c_str()));
+  }
+  // Mesh nodes first, then the light, the camera and (animated) the bones, as the format orders
+  // them; the bones' indices are known ahead: they follow the two.
+  const int firstBone = kLargeMeshes + 2;
+  std::vector<int32_t> bones;
+  for (int k = 0; k < kBones; ++k) bones.push_back(firstBone + k);
+  for (int i = 0; i < kLargeMeshes; ++i) {
+    const bool skinned = animated && i % kSkinnedEvery == 0;
+    const int mesh = AddSheet(b, i, skinned);
+    if (skinned) b.SetBoneBatches(mesh, kBones, {bones}, {0});
+    const int node =
+        b.AddMeshNode(("Sheet" + std::to_string(i)).c_str(), mesh, materials[i % kLargeMaterials]);
+    Place(b, node, float(i % 8) * 60.0f, float(i / 8) * 20.0f, 0);
+    if (animated && !skinned && i % 2 == 1) {
+      // Every other unskinned sheet bobs up and down and turns about z.
+      std::vector<float> at, turn;
+      for (int f = 0; f < kLargeFrames; ++f) {
+        at.insert(at.end(), {float(i % 8) * 60.0f, float(i / 8) * 20.0f, std::sin(0.1f * float(f))});
+        const float half = 0.005f * float(f);
+        turn.insert(turn.end(), {0, 0, std::sin(half), std::cos(half)});
+      }
+      b.SetAnimPosition(node, at);
+      b.SetAnimRotation(node, turn);
+    }
+  }
+  Place(b, b.AddLightNode("Sun", 1.0f, 0.95f, 0.8f, 1), 100, 300, 200);
+  const int camera = b.AddCameraNode("Camera01", 0.785398f, 0.1f, 2000.0f);
+  Place(b, camera, 240, -200, 150);
+  if (!animated) return;
+  std::vector<float> dolly;
+  for (int f = 0; f < kLargeFrames; ++f) dolly.insert(dolly.end(), {240, -200 + 2.0f * f, 150});
+  b.SetAnimPosition(camera, dolly);
+  // Bones: three chains of 20 along the sheets, each bone a child of the one before; every bone
+  // turns a little about y over the frames.
+  for (int k = 0; k < kBones; ++k) {
+    const int32_t parent = k % 20 == 0 ? -1 : firstBone + k - 1;
+    const int bone = b.AddNode(("Bone" + std::to_string(k)).c_str(), parent);
+    Place(b, bone, k % 20 == 0 ? float(k / 20) : 0.3f, 0, 0);
+    std::vector<float> turn;
+    for (int f = 0; f < kLargeFrames; ++f) {
+      const float half = 0.002f * float(f) * float(1 + k % 5);
+      turn.insert(turn.end(), {0, std::sin(half), 0, std::cos(half)});
+    }
+    b.SetAnimRotation(bone, turn);
+  }
+}
+
+void BuildLargeStill(PODSceneBuilder& b) { BuildLarge(b, false); }
+void BuildLargeAnimated(PODSceneBuilder& b) { BuildLarge(b, true); }
+
 struct Generator {
   const char* name;
   void (*build)(PODSceneBuilder&);
 };
 const Generator kGenerators[] = {
-    {"example", BuildExample}, {"minimal", BuildMinimal}, {"animated", BuildAnimated}};
+    {"example", BuildExample},
+    {"minimal", BuildMinimal},
+    {"animated", BuildAnimated},
+    {"large-still", BuildLargeStill},
+    {"large-animated", BuildLargeAnimated}};
 
 int Usage() {
-  std::fprintf(stderr, "usage: podgen example|minimal|animated OUT.pod\n");
+  std::fprintf(stderr, "usage: podgen example|minimal|animated|large-still|large-animated OUT.pod\n");
   return 2;
 }
 

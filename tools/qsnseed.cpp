@@ -32,10 +32,10 @@ void MeshPart(SSGQelMeshNodeData& m, uint32_t i) {
   m.numVertex = 3;
   m.numFace = 1;
   m.numUVW = 1;
-  m.vertex = {EPODDataFloat, 3, 12, nullptr, 100, 0};
-  m.normal = {EPODDataFloat, 3, 12, nullptr, 136, 0};
-  m.face = {EPODDataUInt16, 1, 2, nullptr, 172, 0};
-  m.UVW[0] = {EPODDataFloat, 2, 8, nullptr, 178, 0};
+  m.vertex = {EPODDataFloat, 3, 12, nullptr, 100, 0, false};
+  m.normal = {EPODDataFloat, 3, 12, nullptr, 136, 0, false};
+  m.face = {EPODDataUInt16, 1, 2, nullptr, 172, 0, false};
+  m.UVW[0] = {EPODDataFloat, 2, 8, nullptr, 178, 0, false};
   m.vertexOffset = 100;
   m.normalOffset = 136;
   m.faceOffset = 172;

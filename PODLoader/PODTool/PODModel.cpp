@@ -3,10 +3,13 @@
 
 #include "PODModel.h"
 
+#include "PODReader.h"
+
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <vector>
 
 namespace {
 
@@ -46,7 +49,11 @@ void Release(T*& p) {
 }
 
 void ReleaseStream(CPODData& data) {
-  Release(data.pData);
+  if (data.bBorrowed)
+    data.pData = nullptr;  // the scene's source file holds it
+  else
+    Release(data.pData);
+  data.bBorrowed = false;
   data.nDataSize = 0;
 }
 
@@ -127,7 +134,37 @@ unsigned int PODModelCountIndices(const SPODMesh& mesh) {
   return Saturate(total);
 }
 
-CPODScene::CPODScene() : SPODScene(), m_pImpl(nullptr) {}
+bool PODModelOwnBorrowedArrays(CPODScene& scene) {
+  std::vector<CPODData*> borrowed;
+  for (uint32_t m = 0; scene.pMesh != nullptr && m < scene.nNumMesh; ++m) {
+    SPODMesh& mesh = scene.pMesh[m];
+    for (CPODData* d : {&mesh.sFaces, &mesh.sVertex, &mesh.sNormals, &mesh.sTangents,
+                        &mesh.sBinormals, &mesh.sVtxColours, &mesh.sBoneIdx, &mesh.sBoneWeight})
+      if (d->bBorrowed) borrowed.push_back(d);
+    for (size_t k = 0; mesh.psUVW != nullptr && k < mesh.nUVWCount; ++k)
+      if (mesh.psUVW[k].bBorrowed) borrowed.push_back(&mesh.psUVW[k]);
+  }
+  // Every copy is made before any stream changes, so running out of memory changes nothing.
+  std::vector<uint8_t*> copies;
+  for (const CPODData* d : borrowed) {
+    uint8_t* copy = static_cast<uint8_t*>(std::malloc(d->nDataSize > 0 ? d->nDataSize : 1));
+    if (copy == nullptr) {
+      for (uint8_t* c : copies) std::free(c);
+      return false;
+    }
+    std::memcpy(copy, d->pData, d->nDataSize);
+    copies.push_back(copy);
+  }
+  for (size_t i = 0; i < borrowed.size(); ++i) {
+    borrowed[i]->pData = copies[i];
+    borrowed[i]->bBorrowed = false;
+  }
+  delete scene.m_pSourceFile;
+  scene.m_pSourceFile = nullptr;
+  return true;
+}
+
+CPODScene::CPODScene() : SPODScene(), m_pImpl(nullptr), m_pSourceFile(nullptr) {}
 
 CPODScene::~CPODScene() { Destroy(); }
 
@@ -189,4 +226,7 @@ void CPODScene::Destroy() {
   }
   ReleaseImpl(m_pImpl);
   static_cast<SPODScene&>(*this) = SPODScene();
+  // Last: the arrays borrowed from it are gone with the zeroed records.
+  delete m_pSourceFile;
+  m_pSourceFile = nullptr;
 }

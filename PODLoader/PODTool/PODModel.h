@@ -3,7 +3,9 @@
 // them together with its frame-evaluation state.
 //
 // Ownership: every array and string a record points at is a separate heap block allocated with
-// calloc (zero-filled) or malloc and released with free, by CPODScene::Destroy.
+// calloc (zero-filled) or malloc and released with free, by CPODScene::Destroy. The one exception
+// is a stream array marked bBorrowed: it lies inside the file a scene was read from, which the
+// scene keeps until Destroy; such an array is never freed on its own.
 //
 // Beside the fields of the format, each array carries the byte size it really holds
 // (`n...Size`, 0 when absent). The format has no length fields of its own and files can lie
@@ -44,7 +46,11 @@ struct CPODData {
   // inside SPODMesh::pInterleaved kept as a number in the pointer slot.
   uint8_t* pData;
   uint32_t nFileOffset;
-  size_t nDataSize;  // bytes owned at pData (separate layout); 0 when absent or an offset
+  size_t nDataSize;  // bytes held at pData (separate layout); 0 when absent or an offset
+  // pData aims into the file the scene was read from (CPODScene keeps it) and is not freed on its
+  // own; whoever replaces such an array just drops the pointer. Writable: the file is mapped
+  // privately, so edits stay in memory.
+  bool bBorrowed;
 };
 
 struct CPODBoneBatches {
@@ -170,6 +176,8 @@ struct SPODImpl {
   bool bReadFromMemory;
 };
 
+class CResourceFile;
+
 class CPODScene : public SPODScene {
  public:
   CPODScene();
@@ -201,12 +209,20 @@ class CPODScene : public SPODScene {
   PODVECTOR4f GetLightDirection(unsigned int light) const;
 
   SPODImpl* m_pImpl;
+  // The file the scene was read from, kept while stream arrays are borrowed from it (owned;
+  // released by Destroy after the arrays).
+  CResourceFile* m_pSourceFile;
 };
 
 unsigned int PODModelDataTypeSize(EPODDataType type);
 unsigned int PODModelDataTypeComponentCount(EPODDataType type);
 unsigned int PODModelDataStride(const CPODData& data);
 unsigned int PODModelCountIndices(const SPODMesh& mesh);
+
+// Copies every stream array the scene borrows from its source file into an array of its own and
+// lets the file go, for a scene whose file is about to be overwritten. False, with the scene as it
+// was, when memory runs out.
+bool PODModelOwnBorrowedArrays(CPODScene& scene);
 
 // Fixed point <-> float of every real value of the scene (vertex data excepted); flips bit 0.
 void PODModelToggleFixedPoint(SPODScene& scene);

@@ -1,5 +1,11 @@
 #include "PODReader.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -32,30 +38,70 @@ std::string CResourceFile::s_ReadPath;
 void CResourceFile::SetReadPath(const char* pszPath) { s_ReadPath = pszPath ? pszPath : ""; }
 const std::string& CResourceFile::GetReadPath() { return s_ReadPath; }
 
+namespace {
+
+// Maps `size` bytes of a file followed by at least one zero byte: the file is mapped over the
+// start of an anonymous region one byte longer (the rest of the file's last page reads as zero,
+// and when the file ends on a page boundary the zero is the region's own). Private and writable.
+// Null when the system cannot map the file.
+char* MapFile(int fd, size_t size, size_t& mappedLength) {
+  const long page = sysconf(_SC_PAGESIZE);
+  if (size == 0 || page <= 0) return nullptr;
+  const size_t pageSize = static_cast<size_t>(page);
+  const size_t length = (size + 1 + pageSize - 1) / pageSize * pageSize;
+  void* region = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (region == MAP_FAILED) return nullptr;
+  void* file = mmap(region, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, fd, 0);
+  if (file == MAP_FAILED) {
+    munmap(region, length);
+    return nullptr;
+  }
+  mappedLength = length;
+  return static_cast<char*>(region);
+}
+
+// The whole file into a zeroed buffer one byte longer; false (nothing kept) on a short read.
+char* ReadWholeFile(int fd, size_t size) {
+  char* data = static_cast<char*>(PODReaderCalloc(size + 1, 1));
+  if (!data) return nullptr;
+  size_t got = 0;
+  while (got < size) {
+    const ssize_t n = read(fd, data + got, size - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      free(data);
+      return nullptr;
+    }
+    got += static_cast<size_t>(n);
+  }
+  return data;
+}
+
+}  // namespace
+
 CResourceFile::CResourceFile(const char* pszName) {
   std::string path = s_ReadPath + (pszName ? pszName : "");
-  FILE* f = fopen(path.c_str(), "rb");
-  if (!f) return;
-  long end = -1;
-  if (fseek(f, 0, SEEK_END) == 0) end = ftell(f);
-  // The parser counts positions in 32 bits; a larger file (or one whose size cannot be told)
-  // is refused.
-  if (end < 0 || static_cast<unsigned long>(end) >= 0xFFFFFFFFul || fseek(f, 0, SEEK_SET) != 0) {
-    fclose(f);
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  struct stat st;
+  // Only regular files are mapped or sized up front; the parser counts positions in 32 bits, so
+  // a larger file (or one whose size cannot be told) is refused.
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0 ||
+      static_cast<unsigned long long>(st.st_size) >= 0xFFFFFFFFull) {
+    close(fd);
     return;
   }
-  unsigned int size = static_cast<unsigned int>(end);
-  char* data = static_cast<char*>(PODReaderCalloc(size_t(size) + 1, 1));
-  if (data) {
-    if (fread(data, 1, size, f) == size) {
-      m_pData = data;
-      m_Size = size;
-      m_bOpen = true;
-    } else {
-      free(data);
-    }
+  const unsigned int size = static_cast<unsigned int>(st.st_size);
+  char* data = MapFile(fd, size, m_MappedLength);
+  if (!data) {
+    m_MappedLength = 0;
+    data = ReadWholeFile(fd, size);
   }
-  fclose(f);
+  close(fd);
+  if (!data) return;
+  m_pData = data;
+  m_Size = size;
+  m_bOpen = true;
 }
 
 CResourceFile::CResourceFile(const void* pData, unsigned int nSize)
@@ -64,10 +110,30 @@ CResourceFile::CResourceFile(const void* pData, unsigned int nSize)
 CResourceFile::~CResourceFile() { Close(); }
 
 void CResourceFile::Close() {
-  if (m_bOpen && !m_bMemoryFile) free(const_cast<char*>(m_pData));
+  if (m_bOpen && !m_bMemoryFile) {
+    if (m_MappedLength != 0)
+      munmap(const_cast<char*>(m_pData), m_MappedLength);
+    else
+      free(const_cast<char*>(m_pData));
+  }
   m_pData = nullptr;
   m_Size = 0;
+  m_MappedLength = 0;
   m_bOpen = false;
+}
+
+uint8_t* CResourceFile::LendableData() const {
+  if (!m_bOpen || m_bMemoryFile) return nullptr;
+  // Owned and writable: a private mapping or a buffer of our own.
+  return reinterpret_cast<uint8_t*>(const_cast<char*>(m_pData));
+}
+
+void CResourceFile::Prefetch() const {
+#ifdef MADV_POPULATE_READ
+  // Advice only: an older system without it reads the pages as they are used.
+  if (m_MappedLength != 0 && m_Size != 0)
+    madvise(const_cast<char*>(m_pData), m_Size, MADV_POPULATE_READ);
+#endif
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -77,6 +143,7 @@ CSourceStream::~CSourceStream() { delete m_pFile; }
 
 bool CSourceStream::Init(const char* pszFileName) {
   m_BytePosition = 0;
+  m_bLent = false;
   delete m_pFile;
   m_pFile = new CResourceFile(pszFileName);
   if (!m_pFile->IsOpen()) {
@@ -89,6 +156,7 @@ bool CSourceStream::Init(const char* pszFileName) {
 
 bool CSourceStream::InitFromMemory(const void* pData, unsigned int nSize) {
   m_BytePosition = 0;
+  m_bLent = false;
   delete m_pFile;
   m_pFile = new CResourceFile(pData, nSize);
   return true;
@@ -109,6 +177,23 @@ bool CSourceStream::Skip(unsigned int nBytes) {
 
 unsigned int CSourceStream::GetRemaining() const {
   return m_pFile ? m_pFile->Size() - m_BytePosition : 0;
+}
+
+uint8_t* CSourceStream::Lend(unsigned int nBytes) {
+  uint8_t* data = m_pFile ? m_pFile->LendableData() : nullptr;
+  if (!data || nBytes > m_pFile->Size() - m_BytePosition) return nullptr;
+  uint8_t* lent = data + m_BytePosition;
+  m_BytePosition += nBytes;
+  m_bLent = true;
+  return lent;
+}
+
+CResourceFile* CSourceStream::TakeLentFile() {
+  if (!m_bLent) return nullptr;
+  CResourceFile* file = m_pFile;
+  m_pFile = nullptr;
+  m_bLent = false;
+  return file;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -176,6 +261,8 @@ bool AllocAndRead(CSource& src, T*& p, unsigned int nLen, bool ownsOld, size_t e
 }
 
 }  // namespace
+
+uint8_t* CSource::Lend(unsigned int) { return nullptr; }
 
 bool CSource::Read(int& v) { return ReadWordAs(*this, v); }
 bool CSource::Read(unsigned int& v) { return ReadWordAs(*this, v); }
@@ -246,6 +333,32 @@ constexpr unsigned int kMinRecordBytes = 16;
 
 }  // namespace
 
+namespace {
+
+// A stream's payload: lent by the source where it can (no copy), else read into a fresh array.
+// An array the stream held before is released, or, when borrowed, dropped, only once the new
+// payload is in place, so a failed read leaves the stream as it was.
+bool ReadStreamPayload(CPODData& s, CSource& src, unsigned int nLen) {
+  if (nLen == 0) return true;
+  if (uint8_t* lent = src.Lend(nLen)) {
+    if (s.nDataSize != 0 && !s.bBorrowed) free(s.pData);
+    s.pData = lent;
+    s.nDataSize = nLen;
+    s.bBorrowed = true;
+    return true;
+  }
+  if (!s.bBorrowed) return src.ReadAfterAlloc(s.pData, nLen, s.nDataSize);
+  uint8_t* fresh = nullptr;
+  size_t size = 0;
+  if (!src.ReadAfterAlloc(fresh, nLen, size)) return false;
+  s.pData = fresh;
+  s.nDataSize = size;
+  s.bBorrowed = false;
+  return true;
+}
+
+}  // namespace
+
 bool ReadCPODData(CPODData& s, CSource& src, unsigned int nSpec, bool bValidData) {
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {
@@ -263,12 +376,13 @@ bool ReadCPODData(CPODData& s, CSource& src, unsigned int nSpec, bool bValidData
       case PODTag::DataData:
         if (bValidData) {
           s.nFileOffset = src.GetReadLocation();
-          if (!src.ReadAfterAlloc(s.pData, nLen, s.nDataSize)) return false;
+          if (!ReadStreamPayload(s, src, nLen)) return false;
         } else {
           // An array read earlier for this stream gives way to the offset.
-          if (s.nDataSize != 0) free(s.pData);
+          if (s.nDataSize != 0 && !s.bBorrowed) free(s.pData);
           s.pData = nullptr;
           s.nDataSize = 0;
+          s.bBorrowed = false;
           if (!src.ReadOffset(s.pData)) return false;
         }
         break;
@@ -815,7 +929,16 @@ bool ReadFromSource(CPODScene& scene, CSource& src, char* pExpOpt, unsigned long
 bool CPODScene::ReadFromFile(const char* pszFileName, char* pExpOpt, unsigned long count) {
   CSourceStream src;
   if (!src.Init(pszFileName)) return false;
-  return ReadFromSource(*this, src, pExpOpt, count);
+  // The options alone sit at the start of the file; a scene is read through to its end.
+  if (!pExpOpt) src.File()->Prefetch();
+  const bool ok = ReadFromSource(*this, src, pExpOpt, count);
+  // Streams borrowed from the file (also by a read that failed part-way) keep it alive. A file
+  // kept from an earlier read goes: the records that used it were dropped with the fields.
+  if (CResourceFile* lent = src.TakeLentFile()) {
+    delete m_pSourceFile;
+    m_pSourceFile = lent;
+  }
+  return ok;
 }
 
 bool PODReadFromBytes(CPODScene& scene, const void* pData, size_t nSize, char* pExpOpt,

@@ -19,6 +19,9 @@ class CSource {
   // Bytes between the read position and the end of the data: bounds what a count in the file
   // may make the parser allocate.
   virtual unsigned int GetRemaining() const = 0;
+  // The next nBytes in place, skipped over, when the source can lend them to the scene for as
+  // long as the scene keeps the source's file; null (nothing moved) otherwise.
+  virtual uint8_t* Lend(unsigned int nBytes);
 
   // Typed little-endian reads, each of the exact size of its type whatever the block's length.
   bool Read(int& v);
@@ -45,7 +48,12 @@ class CSource {
   bool ReadAfterAlloc(int32_t*& p, unsigned int nLen, size_t& nSize);
 };
 
-// One whole file (or a caller's bytes) in memory.
+// One whole file (or a caller's bytes) in memory. A file is mapped privately rather than copied
+// where the system allows it (and read into a buffer where not): pages are read as they are
+// used, and writes to them stay in this process.
+//
+// A mapped file that another process shortens while it is mapped makes reading past its new end
+// raise SIGBUS; the tool's driver turns that signal into a refusal of the run.
 class CResourceFile {
  public:
   // Loads the file named by the read path followed by pszName; stays closed when that fails.
@@ -61,6 +69,11 @@ class CResourceFile {
   unsigned int Size() const { return m_Size; }
   const void* DataPtr() const { return m_pData; }
   const char* StringPtr() const { return m_pData; }
+  // The bytes of a file loaded here, which may be written to (null for a caller's bytes).
+  uint8_t* LendableData() const;
+  // Brings every page of a mapped file in at once, far cheaper than one fault per page when the
+  // whole file is going to be read.
+  void Prefetch() const;
   void Close();
 
   static void SetReadPath(const char* pszPath);
@@ -72,6 +85,7 @@ class CResourceFile {
   unsigned int m_Size = 0;
   // Owned (size + 1 bytes, the last one 0) unless m_bMemoryFile.
   const char* m_pData = nullptr;
+  size_t m_MappedLength = 0;  // bytes mapped at m_pData; 0 when it was allocated
   static std::string s_ReadPath;
 };
 
@@ -90,10 +104,18 @@ class CSourceStream : public CSource {
   bool Skip(unsigned int nBytes) override;
   unsigned int GetReadLocation() const override { return m_BytePosition; }
   unsigned int GetRemaining() const override;
+  // Lends from a file loaded by Init; a caller's bytes are never lent.
+  uint8_t* Lend(unsigned int nBytes) override;
+
+  // Hands over the file once anything was lent from it (the caller then owns it); null, keeping
+  // the file, when nothing was.
+  CResourceFile* TakeLentFile();
+  CResourceFile* File() const { return m_pFile; }
 
  private:
   CResourceFile* m_pFile = nullptr;
   unsigned int m_BytePosition = 0;
+  bool m_bLent = false;
 };
 
 // Every allocation the reader makes goes through here (zero-filled) and is counted, so a test

@@ -288,8 +288,9 @@ bool WritePOD(FILE* pFile, const char* pszExpOpt, const SPODScene& s) {
 bool CPODScene::SavePOD(const char* pszFilename, const char* pszExpOpt) {
   FILE* pFile = fopen(pszFilename, "wb+");
   if (!pFile) return false;
-  // Blocks are small and many: a large buffer turns them into few large writes.
-  static const size_t kBuffer = 1 << 20;
+  // Blocks are small and many: a buffer gathers them into few writes, while stream arrays larger
+  // than it go to the file directly rather than through it.
+  static const size_t kBuffer = 1 << 16;
   char* buffer = static_cast<char*>(malloc(kBuffer));
   if (buffer) setvbuf(pFile, buffer, _IOFBF, kBuffer);
   bool ok = WritePOD(pFile, pszExpOpt, *this);

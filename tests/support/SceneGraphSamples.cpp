@@ -40,10 +40,10 @@ void FillMesh(SSGQelMeshNodeData& m, uint32_t sets, uint8_t seed) {
   m.numVertex = 3;
   m.numFace = 1;
   m.numUVW = sets;
-  m.vertex = {EPODDataFloat, 3, 12, nullptr, 40, 0};
-  m.normal = {EPODDataFloat, 3, 12, nullptr, 76, 0};
-  m.face = {EPODDataUInt16, 1, 2, nullptr, 112, 0};
-  for (uint32_t i = 0; i < sets; ++i) m.UVW[i] = {EPODDataFloat, 2, 8, nullptr, 118 + 24 * i, 0};
+  m.vertex = {EPODDataFloat, 3, 12, nullptr, 40, 0, false};
+  m.normal = {EPODDataFloat, 3, 12, nullptr, 76, 0, false};
+  m.face = {EPODDataUInt16, 1, 2, nullptr, 112, 0, false};
+  for (uint32_t i = 0; i < sets; ++i) m.UVW[i] = {EPODDataFloat, 2, 8, nullptr, 118 + 24 * i, 0, false};
   m.defaultMaterialIndex = -1;
   for (int i = 0; i < 8; ++i) m.materialIndex[i] = -1;
   FillArray(m.vertexBuffer, SSGBufferFloat, 36, seed);

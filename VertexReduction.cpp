@@ -206,13 +206,18 @@ class KeptVertexIndex {
 
 // Working memory of the reduction, kept from one mesh to the next: requesting (and touching)
 // it anew for every mesh of a large scene costs more than the reduction itself.
+// One entry of the list of distinct vertices, held as the old vertices it is made of: `source`
+// introduced it (its position, texture coordinates and bones are that vertex's) and `normalFrom`
+// is the vertex of the last corner that merged into it (whose normal it has). Its new index is
+// its place in the list.
+struct buffer {
+  uint32_t source;
+  uint32_t normalFrom;
+};
+
 struct ReductionScratch {
   KeptVertexIndex index;
-  // A kept vertex is held as the old vertices it is made of: `source` introduced it (its
-  // position, texture coordinates and bones are that vertex's) and `normalFrom` is the vertex of
-  // the last corner that merged into it (whose normal it has). Its new index is its place.
-  std::vector<uint32_t> source;
-  std::vector<uint32_t> normalFrom;
+  std::vector<buffer> entries;
   std::vector<int32_t> resolved;
   std::vector<uint16_t> newFaces;
 };
@@ -375,12 +380,9 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
   const uint8_t* positions = mesh->sVertex.pData;
   const uint8_t* normals = mesh->sNormals.pData;
 
-  std::vector<uint32_t>& source = scratch.source;
-  std::vector<uint32_t>& normalFrom = scratch.normalFrom;
-  source.clear();
-  normalFrom.clear();
-  source.reserve(std::min(corners, addressable));
-  normalFrom.reserve(std::min(corners, addressable));
+  std::vector<buffer>& entries = scratch.entries;
+  entries.clear();
+  entries.reserve(std::min(corners, addressable));
   KeptVertexIndex& index = scratch.index;
   index.reset(addressable, nearly ? 0 : uvSetsCompared);
   NearCells cells(nearly ? index.capacity() : 0, uvSetsCompared);
@@ -401,11 +403,10 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
     }
     return c;
   };
-  auto kept = [&](int32_t e) { return cornerOf(source[static_cast<size_t>(e)]); };
+  auto kept = [&](int32_t e) { return cornerOf(entries[static_cast<size_t>(e)].source); };
   auto appendKept = [&](uint32_t i) {
-    source.push_back(i);
-    normalFrom.push_back(i);
-    return static_cast<int32_t>(source.size() - 1);
+    entries.push_back(buffer{i, i});
+    return static_cast<int32_t>(entries.size() - 1);
   };
 
   for (size_t f = 0; f < corners; ++f) {
@@ -440,12 +441,12 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
         resolved[i] = entry;
       }
     }
-    normalFrom[static_cast<size_t>(entry)] = i;
+    entries[static_cast<size_t>(entry)].normalFrom = i;
     newFaces[f] = static_cast<uint16_t>(entry);  // wraps above 65,535 by design
   }
 
   // Allocate everything before changing anything, so a failed allocation leaves the mesh whole.
-  const size_t n = source.size();
+  const size_t n = entries.size();
   const uint32_t weightsPerVertex = skinned ? mesh->sBoneWeight.n : 0;
   const size_t boneIdxBytes = n * bonesPerVertex;
   const size_t boneWeightBytes = n * weightsPerVertex * 4;
@@ -472,9 +473,9 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
   const CPODData& boneIdx = mesh->sBoneIdx;
   const CPODData& boneWeights = mesh->sBoneWeight;
   for (size_t e = 0; e < n; ++e) {
-    const size_t i = source[e];
+    const size_t i = entries[e].source;
     std::memcpy(newPositions + 3 * e, positions + 12 * i, 12);
-    std::memcpy(newNormals + 3 * e, normals + 12 * size_t{normalFrom[e]}, 12);
+    std::memcpy(newNormals + 3 * e, normals + 12 * size_t{entries[e].normalFrom}, 12);
     for (uint32_t k = 0; k < uvSets; ++k) std::memcpy(newUVs[k] + 2 * e, mesh->psUVW[k].pData + 8 * i, 8);
     // Bones: as many indices and weights as the vertex has bone indices, one after the other.
     for (uint32_t j = 0; j < bonesPerVertex; ++j) {

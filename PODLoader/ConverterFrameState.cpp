@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "ChannelKeys.h"
+
 ConverterFrameState::ConverterFrameState() {
   std::memset(&m_impl, 0, sizeof m_impl);
 }
@@ -39,4 +41,19 @@ void ConverterFrameState::setFrame(float frame) {
   } else {
     state.fCurrentFrame = frame;
   }
+}
+
+void ConverterFrameState::bakedRotationMatrix(PODMATRIXf& out, const SPODNode& node) const {
+  if (korvex::RotationKeyCount(node) == 0) {
+    PODMatrixIdentityF(out);
+    return;
+  }
+  PODQUATERNIONf q = korvex::RotationKey(node, 0);
+  if (node.nAnimFlags & ePODHasRotationAni) {
+    const SPODImpl& state = *m_scene->m_pImpl;
+    PODMatrixQuaternionSlerpF(q, korvex::RotationKey(node, state.nFrameIndex),
+                              korvex::RotationKey(node, int64_t{state.nFrameIndex} + 1),
+                              state.fFrameBlend);
+  }
+  PODMatrixRotationQuaternionF(out, q);
 }

@@ -35,6 +35,11 @@ class ConverterFrameState {
     m_impl.pmWorldCache = m_worldCache.data();
   }
 
+  // The rotation rule both baking converters share: no rotation array means no rotation, flag 2
+  // slerps keys n and n + 1, a clear flag takes key 0 (the scene's own rule takes the static
+  // pfRotation there instead).
+  void bakedRotationMatrix(PODMATRIXf& out, const SPODNode& node) const;
+
   CPODScene* m_scene = nullptr;
   int32_t m_frameCount = 0;
   int32_t m_currentFrame = 0;

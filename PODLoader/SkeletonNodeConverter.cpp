@@ -243,18 +243,7 @@ void SkeletonNodeConverter::getScalingMatrix(PODMATRIXf& out, const SPODNode& no
 }
 
 void SkeletonNodeConverter::getRotationMatrix(PODMATRIXf& out, const SPODNode& node) const {
-  if (korvex::RotationKeyCount(node) == 0) {
-    PODMatrixIdentityF(out);
-    return;
-  }
-  PODQUATERNIONf q = korvex::RotationKey(node, 0);
-  if (node.nAnimFlags & ePODHasRotationAni) {
-    const SPODImpl& state = *m_scene->m_pImpl;
-    PODMatrixQuaternionSlerpF(q, korvex::RotationKey(node, state.nFrameIndex),
-                              korvex::RotationKey(node, int64_t{state.nFrameIndex} + 1),
-                              state.fFrameBlend);
-  }
-  PODMatrixRotationQuaternionF(out, q);
+  bakedRotationMatrix(out, node);
 }
 
 // S x R x T of the node alone.

@@ -14,6 +14,7 @@
 #include "PODModel.h"
 #include "PODSceneBuilder.h"
 #include "TestSupport.h"
+#include "TriangleMesh.h"
 
 namespace {
 
@@ -28,16 +29,6 @@ const int kAbort = 128 + 6;  // killed by SIGABRT
 
 RunResult Korvex(const std::vector<std::string>& args, const std::string& cwd = "") {
   return korvex_test::Run(KorvexExe(), args, cwd);
-}
-
-// A triangle mesh with normals and one texture-coordinate set.
-int AddTriangle(PODSceneBuilder& b) {
-  const int mesh = b.AddMesh(3);
-  b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 1, 0, 0, 0, 1, 0});
-  b.SetFloatStream(mesh, PODStream::Normals, 3, {0, 0, 1, 0, 0, 1, 0, 0, 1});
-  b.AddFloatUVW(mesh, 2, {0, 0, 1, 0, 0, 1});
-  b.SetFaces(mesh, {0, 1, 2});
-  return mesh;
 }
 
 // One textured triangle node: a scene every step of the pipeline accepts.

@@ -10,20 +10,12 @@
 #include "PODModel.h"
 #include "PODSceneBuilder.h"
 #include "SceneValidation.h"
+#include "TriangleMesh.h"
 
 namespace {
 
 using korvex::PODSceneBuilder;
 using korvex::PODStream;
-
-int AddTriangle(PODSceneBuilder& b) {
-  const int mesh = b.AddMesh(3);
-  b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 1, 0, 0, 0, 1, 0});
-  b.SetFloatStream(mesh, PODStream::Normals, 3, {0, 0, 1, 0, 0, 1, 0, 0, 1});
-  b.AddFloatUVW(mesh, 2, {0, 0, 1, 0, 0, 1});
-  b.SetFaces(mesh, {0, 1, 2});
-  return mesh;
-}
 
 // Mesh node 0 "Box" (material 0, texture 0), light node 1, camera node 2 with a target (it
 // reads the position key of node 0), helper node 3.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Assertion.h"
+#include "PODMeshWeld.h"
 
 namespace {
 
@@ -98,21 +99,23 @@ struct Corner {
 };
 
 uint32_t FloatKeyBits(float f) {
-  // Equal floats must hash alike, and +0.0 equals -0.0.
-  if (f == 0.0f) return 0;
+  // Equal floats must hash alike, and +0.0 equals -0.0 (kept free of branches: zeros are common).
   uint32_t bits;
   std::memcpy(&bits, &f, sizeof bits);
-  return bits;
+  return (bits & 0x7FFFFFFFu) == 0 ? 0 : bits;
 }
 
 // Kept vertices grouped by the components that must compare equal (the position, and in exact
 // mode the texture coordinates when they take part). Each group lists its kept vertices in list
-// order, so the first match of the full scan is the first match in the group.
+// order, so the first match of the full scan is the first match in the group. Only near mode with
+// texture coordinates needs more than a group's first entry: the other modes compare everything
+// the key holds, so a group never grows past it and no list is kept.
 class KeptVertexIndex {
  public:
   // Empties the index for a mesh of at most maxGroups groups, keeping the memory it had.
-  void reset(size_t maxGroups, uint32_t uvSetsInKey) {
+  void reset(size_t maxGroups, uint32_t uvSetsInKey, bool listsGroups) {
     m_uvSetsInKey = uvSetsInKey;
+    m_listsGroups = listsGroups;
     size_t capacity = 16;
     while (capacity < 2 * maxGroups) capacity *= 2;
     m_slots.assign(capacity, Slot{0, -1});
@@ -122,11 +125,30 @@ class KeptVertexIndex {
     m_length.clear();
   }
 
-  // The slot of the group of `c`: an occupied one if the group exists, else where it goes.
-  // kept(e) gives the components of kept vertex e.
+  uint32_t hashOf(const Corner& c) const {
+    // Two components a multiplication, the products independent of each other, then one mix.
+    auto pair = [](float a, float b) {
+      return uint64_t{FloatKeyBits(a)} | uint64_t{FloatKeyBits(b)} << 32;
+    };
+    uint64_t h = pair(c.position[0], c.position[1]) * 0x9E3779B97F4A7C15ull;
+    h ^= pair(c.position[2], 0.0f) * 0xC2B2AE3D27D4EB4Full;
+    for (uint32_t k = 0; k < m_uvSetsInKey; ++k) h ^= pair(c.u[k], c.v[k]) * (0x165667B19E3779F9ull + k);
+    h ^= h >> 32;
+    h *= 0xFF51AFD7ED558CCDull;
+    h ^= h >> 29;
+    h *= 0xC4CEB9FE1A85EC53ull;
+    h ^= h >> 32;
+    return static_cast<uint32_t>(h);
+  }
+
+  // Probes land at random in a table larger than the nearest caches: the caller asks for the
+  // slot of a corner some way ahead while it works on the current one.
+  void prefetch(uint32_t hash) const { __builtin_prefetch(&m_slots[hash & m_mask]); }
+
+  // The slot of the group of `c` (whose hash is `hash`): an occupied one if the group exists,
+  // else where it goes. kept(e) gives the components of kept vertex e.
   template <typename Kept>
-  size_t find(const Corner& c, const Kept& kept, uint32_t& hash) const {
-    hash = hashOf(c);
+  size_t find(const Corner& c, uint32_t hash, const Kept& kept) const {
     size_t pos = hash & m_mask;
     while (m_slots[pos].head >= 0) {
       if (m_slots[pos].hash == hash && keyEquals(kept(m_slots[pos].head), c)) return pos;
@@ -142,11 +164,17 @@ class KeptVertexIndex {
   int32_t next(int32_t entry) const { return m_next[entry]; }
 
   // Every kept vertex is registered, grouped or not, so entry numbers stay aligned.
-  void registerUngrouped() { registerEntry(); }
+  void registerUngrouped() {
+    if (m_listsGroups) registerEntry();
+  }
 
   void append(size_t slot, uint32_t hash, int32_t entry) {
-    registerEntry();
     Slot& s = m_slots[slot];
+    if (!m_listsGroups) {
+      s = Slot{hash, entry};
+      return;
+    }
+    registerEntry();
     if (s.head < 0) {
       s = Slot{hash, entry};
       m_tail[entry] = entry;
@@ -172,22 +200,6 @@ class KeptVertexIndex {
     m_length.push_back(0);
   }
 
-  uint32_t hashOf(const Corner& c) const {
-    uint64_t h = 0x9E3779B97F4A7C15ull;
-    auto mix = [&h](float f) {
-      h = (h ^ FloatKeyBits(f)) * 0xFF51AFD7ED558CCDull;
-      h ^= h >> 29;
-    };
-    for (float f : c.position) mix(f);
-    for (uint32_t k = 0; k < m_uvSetsInKey; ++k) {
-      mix(c.u[k]);
-      mix(c.v[k]);
-    }
-    h *= 0xC4CEB9FE1A85EC53ull;
-    h ^= h >> 32;
-    return static_cast<uint32_t>(h);
-  }
-
   bool keyEquals(const Corner& b, const Corner& c) const {
     for (int a = 0; a < 3; ++a)
       if (!(b.position[a] == c.position[a])) return false;
@@ -202,6 +214,7 @@ class KeptVertexIndex {
   std::vector<uint32_t> m_length;  // of group heads: the group's entry count
   size_t m_mask = 0;
   uint32_t m_uvSetsInKey = 0;
+  bool m_listsGroups = false;
 };
 
 // Working memory of the reduction, kept from one mesh to the next: requesting (and touching)
@@ -218,8 +231,14 @@ struct buffer {
 struct ReductionScratch {
   KeptVertexIndex index;
   std::vector<buffer> entries;
-  std::vector<int32_t> resolved;
-  std::vector<uint16_t> newFaces;
+  std::vector<uint16_t> newFaces;  // the rewritten triangle indices
+  std::vector<int32_t> resolved;   // kept vertex of each old vertex (negative: none)
+  // Some old vertex matches nothing and is a new kept vertex at each of its corners: only
+  // newFaces tells the kept vertex of a corner. Otherwise resolved does, and newFaces is unused.
+  bool perCorner = false;
+  std::vector<uint32_t> hashes;  // exact mode: of each old vertex
+  std::vector<uint32_t> group;   // exact mode: of each old vertex
+  std::vector<int32_t> rank;     // exact mode: kept vertex of each group
 };
 
 bool IsNear(float a, float b) {
@@ -336,7 +355,7 @@ class NearCells {
 // Whether a corner can match a kept vertex at all. One that cannot (a NaN compared exactly, or
 // a non-finite coordinate compared nearly) matches nothing, not even a copy of itself, so it
 // becomes a new kept vertex at every corner and never joins a group.
-bool CanMatch(const Corner& c, uint32_t uvSetsCompared, bool nearly) {
+inline bool CanMatch(const Corner& c, uint32_t uvSetsCompared, bool nearly) {
   for (float f : c.position)
     if (std::isnan(f)) return false;
   for (uint32_t k = 0; k < uvSetsCompared; ++k) {
@@ -347,94 +366,158 @@ bool CanMatch(const Corner& c, uint32_t uvSetsCompared, bool nearly) {
   return true;
 }
 
-void* AllocZeroed(size_t bytes) {
-  // Never null on success, even for an empty mesh: a present stream stays present.
-  return std::calloc(bytes > 0 ? bytes : 1, 1);
-}
+// The streams of a mesh that passed WhyNotReducible, as the scans read them.
+struct MeshStreams {
+  const uint8_t* positions;
+  const uint8_t* uvs[kMaxUVSets];
+  uint32_t uvSets;
+  const uint8_t* faces;
+  size_t corners;
+  size_t vertices;  // those an index can reach
 
-void Install(CPODData& d, void* data, size_t bytes) {
-  // A borrowed array belongs to the scene's source file: only the pointer goes.
-  if (!d.bBorrowed) std::free(d.pData);
-  d.pData = static_cast<uint8_t*>(data);
-  d.bBorrowed = false;
-  d.nDataSize = bytes;
-}
-
-// Reduces the mesh; null when done, otherwise why the mesh was left as it is.
-const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
-                       ReductionScratch& scratch) {
-  if (mesh == nullptr) return "no mesh";
-  if (const char* why = WhyNotReducible(*mesh)) return why;
-  if (mesh->nNumUVW > kMaxUVSets) {
-    mesh->nNumUVW = kMaxUVSets;
-    std::printf("Error1: Number of UVW > 2, \"%s\"\n", NodeName(node));
-  }
-
-  const uint32_t uvSets = mesh->nNumUVW;
-  const uint32_t uvSetsCompared = useUV ? uvSets : 0;
-  const bool skinned = mesh->sBoneBatches.nBatchCnt > 0;
-  const uint32_t bonesPerVertex = skinned ? mesh->sBoneIdx.n : 0;
-  const size_t corners = static_cast<size_t>(mesh->nNumFaces) * 3;
-  const size_t addressable = std::min<size_t>(mesh->nNumVertex, kAddressableVertices);
-
-  const uint8_t* positions = mesh->sVertex.pData;
-  const uint8_t* normals = mesh->sNormals.pData;
-
-  std::vector<buffer>& entries = scratch.entries;
-  entries.clear();
-  entries.reserve(std::min(corners, addressable));
-  KeptVertexIndex& index = scratch.index;
-  index.reset(addressable, nearly ? 0 : uvSetsCompared);
-  NearCells cells(nearly ? index.capacity() : 0, uvSetsCompared);
-  // An old vertex resolves to the same kept vertex at every corner that uses it: kept vertices
-  // are only ever appended and never change what they compare on, so the ones the first scan
-  // passed over still fail and the one it stopped at still matches.
-  std::vector<int32_t>& resolved = scratch.resolved;
-  resolved.assign(addressable, kUnseen);
-  std::vector<uint16_t>& newFaces = scratch.newFaces;
-  newFaces.resize(corners);  // every element is written below
-
-  auto cornerOf = [&](uint32_t i) {
+  Corner cornerOf(uint32_t i) const {
     Corner c{};
     for (int a = 0; a < 3; ++a) c.position[a] = LoadFloat(positions + 12 * size_t{i} + 4 * a);
     for (uint32_t k = 0; k < uvSets; ++k) {
-      c.u[k] = LoadFloat(mesh->psUVW[k].pData + 8 * size_t{i});
-      c.v[k] = LoadFloat(mesh->psUVW[k].pData + 8 * size_t{i} + 4);
+      c.u[k] = LoadFloat(uvs[k] + 8 * size_t{i});
+      c.v[k] = LoadFloat(uvs[k] + 8 * size_t{i} + 4);
     }
     return c;
-  };
-  auto kept = [&](int32_t e) { return cornerOf(entries[static_cast<size_t>(e)].source); };
+  }
+
+  uint16_t faceIndex(size_t f) const {
+    uint16_t i;
+    std::memcpy(&i, faces + 2 * f, 2);
+    return i;
+  }
+};
+
+// Exact comparison (of positions, and of texture coordinates when they count) is an equivalence
+// on the old vertices that can match at all. The first-match scan then comes down to this: old
+// vertices fall into groups of equal keys; the list keeps one vertex per group, in the order the
+// corners first reach the groups, made of the old vertex of that first corner and the normal of
+// the last; a vertex that can match nothing is a new kept vertex at every corner. Grouping runs
+// over the vertices in stream order, which lets the probes of the table be fetched ahead.
+void ScanByGroups(const MeshStreams& m, uint32_t uvSetsInKey, ReductionScratch& s) {
+  const uint32_t vertices = static_cast<uint32_t>(m.vertices);
+  // Group of the vertices that can match nothing: never taken by a vertex that can.
+  const uint32_t loner = vertices;
+  KeptVertexIndex& index = s.index;
+  index.reset(vertices, uvSetsInKey, false);
+
+  s.hashes.resize(vertices);
+  s.group.resize(vertices);
+  uint32_t* hashes = s.hashes.data();
+  uint32_t* group = s.group.data();
+  bool anyLoner = false;
+  for (uint32_t i = 0; i < vertices; ++i) {
+    const Corner c = m.cornerOf(i);
+    const bool matches = CanMatch(c, uvSetsInKey, false);
+    hashes[i] = matches ? index.hashOf(c) : 0;
+    group[i] = matches ? 0 : loner;
+    anyLoner = anyLoner || !matches;
+  }
+
+  // A group is held in the table by its first vertex.
+  auto vertex = [&m](int32_t e) { return m.cornerOf(static_cast<uint32_t>(e)); };
+  constexpr uint32_t kProbeAhead = 16;  // about a cache miss's worth of vertices
+  uint32_t groups = 0;
+  for (uint32_t i = 0; i < vertices; ++i) {
+    if (i + kProbeAhead < vertices) index.prefetch(hashes[i + kProbeAhead]);
+    if (group[i] == loner) continue;
+    const size_t slot = index.find(m.cornerOf(i), hashes[i], vertex);
+    const int32_t first = index.head(slot);
+    if (first >= 0) {
+      group[i] = group[static_cast<size_t>(first)];
+    } else {
+      index.append(slot, hashes[i], static_cast<int32_t>(i));
+      group[i] = groups++;
+    }
+  }
+
+  // At most one kept vertex per group, plus one per corner of a vertex that matches nothing.
+  size_t bound = groups;
+  if (anyLoner) {
+    for (size_t f = 0; f < m.corners; ++f) bound += group[m.faceIndex(f)] == loner;
+  }
+  s.entries.resize(std::min(bound, m.corners));
+  s.rank.assign(size_t{vertices} + 1, -1);
+  s.perCorner = anyLoner;
+  if (anyLoner) s.newFaces.resize(m.corners);
+
+  buffer* entries = s.entries.data();
+  int32_t* rank = s.rank.data();
+  uint16_t* newFaces = s.newFaces.data();
+  int32_t n = 0;
+  for (size_t f = 0; f < m.corners; ++f) {
+    const uint16_t i = m.faceIndex(f);
+    const uint32_t g = group[i];
+    int32_t k = rank[g];
+    const bool fresh = k < 0 || g == loner;
+    if (fresh) {
+      k = n++;
+      rank[g] = k;
+      entries[k].source = i;
+    }
+    entries[k].normalFrom = i;
+    if (anyLoner) newFaces[f] = static_cast<uint16_t>(k);  // wraps above 65,535 by design
+  }
+  s.entries.resize(static_cast<size_t>(n));
+  if (!anyLoner) {
+    s.resolved.resize(vertices);
+    for (uint32_t i = 0; i < vertices; ++i) s.resolved[i] = rank[group[i]];
+  }
+}
+
+// Near mode with texture coordinates: coordinates within the tolerance of each other match, which
+// is not an equivalence, so the corners are resolved in order against the kept vertices so far.
+// Each position group lists its kept vertices in list order; the first match in the group is the
+// first match of the full scan.
+void ScanNear(const MeshStreams& m, uint32_t uvSetsCompared, ReductionScratch& s) {
+  std::vector<buffer>& entries = s.entries;
+  entries.clear();
+  entries.reserve(std::min(m.corners, m.vertices));
+  KeptVertexIndex& index = s.index;
+  index.reset(m.vertices, 0, true);
+  NearCells cells(index.capacity(), uvSetsCompared);
+  // An old vertex resolves to the same kept vertex at every corner that uses it: kept vertices
+  // are only ever appended and never change what they compare on, so the ones the first scan
+  // passed over still fail and the one it stopped at still matches.
+  std::vector<int32_t>& resolved = s.resolved;
+  resolved.assign(m.vertices, kUnseen);
+  s.perCorner = false;
+  std::vector<uint16_t>& newFaces = s.newFaces;
+  newFaces.resize(m.corners);  // every element is written below
+
+  auto kept = [&](int32_t e) { return m.cornerOf(entries[static_cast<size_t>(e)].source); };
   auto appendKept = [&](uint32_t i) {
     entries.push_back(buffer{i, i});
     return static_cast<int32_t>(entries.size() - 1);
   };
 
-  for (size_t f = 0; f < corners; ++f) {
-    uint16_t i;
-    std::memcpy(&i, mesh->sFaces.pData + 2 * f, 2);
+  for (size_t f = 0; f < m.corners; ++f) {
+    const uint16_t i = m.faceIndex(f);
     int32_t entry = resolved[i];
     if (entry < 0) {
-      const Corner c = cornerOf(i);
-      if (entry == kNeverMatches || !CanMatch(c, uvSetsCompared, nearly)) {
+      const Corner c = m.cornerOf(i);
+      if (entry == kNeverMatches || !CanMatch(c, uvSetsCompared, true)) {
+        s.perCorner = true;
         entry = appendKept(i);
         index.registerUngrouped();
         resolved[i] = kNeverMatches;
       } else {
-        uint32_t hash;
-        const size_t slot = index.find(c, kept, hash);
-        const bool nearUV = nearly && uvSetsCompared > 0;
-        entry = index.head(slot);
-        if (nearUV && cells.covers(slot)) {
-          entry = cells.firstMatch(slot, c, kept);
-        } else if (nearUV) {
+        const uint32_t hash = index.hashOf(c);
+        const size_t slot = index.find(c, hash, kept);
+        entry = cells.covers(slot) ? cells.firstMatch(slot, c, kept) : index.head(slot);
+        if (!cells.covers(slot)) {
           while (entry >= 0 && !UVsNear(kept(entry), c, uvSetsCompared)) entry = index.next(entry);
         }
         if (entry < 0) {
           entry = appendKept(i);
           index.append(slot, hash, entry);
-          if (nearUV && cells.covers(slot)) {
+          if (cells.covers(slot)) {
             cells.add(slot, entry, c);
-          } else if (nearUV && index.length(slot) >= kLongGroup) {
+          } else if (index.length(slot) >= kLongGroup) {
             for (int32_t e = index.head(slot); e >= 0; e = index.next(e)) cells.add(slot, e, kept(e));
           }
         }
@@ -444,57 +527,67 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
     entries[static_cast<size_t>(entry)].normalFrom = i;
     newFaces[f] = static_cast<uint16_t>(entry);  // wraps above 65,535 by design
   }
+}
 
-  // Allocate everything before changing anything, so a failed allocation leaves the mesh whole.
+// When to rebuild a mesh's streams: right away, or as the scene is saved.
+enum class Rebuild { Now, OnSave };
+
+// Reduces the mesh; null when done, otherwise why the mesh was left as it is.
+const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
+                       ReductionScratch& scratch, Rebuild rebuild) {
+  if (mesh == nullptr) return "no mesh";
+  // A mesh used by two nodes is reduced twice; the second pass reads the first one's result.
+  if (mesh->pWeld != nullptr) {
+    if (!PODMeshApplyWeld(*mesh, *mesh->pWeld)) return "out of memory";
+    PODMeshWeldFree(mesh->pWeld);
+    mesh->pWeld = nullptr;
+  }
+  if (const char* why = WhyNotReducible(*mesh)) return why;
+  if (mesh->nNumUVW > kMaxUVSets) {
+    mesh->nNumUVW = kMaxUVSets;
+    std::printf("Error1: Number of UVW > 2, \"%s\"\n", NodeName(node));
+  }
+
+  const uint32_t uvSets = mesh->nNumUVW;
+  const uint32_t uvSetsCompared = useUV ? uvSets : 0;
+  const size_t corners = static_cast<size_t>(mesh->nNumFaces) * 3;
+  const size_t addressable = std::min<size_t>(mesh->nNumVertex, kAddressableVertices);
+
+  MeshStreams streams{mesh->sVertex.pData, {}, uvSets, mesh->sFaces.pData, corners, addressable};
+  for (uint32_t k = 0; k < uvSets; ++k) streams.uvs[k] = mesh->psUVW[k].pData;
+  // Near mode compares positions exactly too; without texture coordinates it is exact mode.
+  if (nearly && uvSetsCompared > 0)
+    ScanNear(streams, uvSetsCompared, scratch);
+  else
+    ScanByGroups(streams, uvSetsCompared, scratch);
+
+  const std::vector<buffer>& entries = scratch.entries;
   const size_t n = entries.size();
-  const uint32_t weightsPerVertex = skinned ? mesh->sBoneWeight.n : 0;
-  const size_t boneIdxBytes = n * bonesPerVertex;
-  const size_t boneWeightBytes = n * weightsPerVertex * 4;
-  float* newPositions = static_cast<float*>(AllocZeroed(n * 12));
-  float* newNormals = static_cast<float*>(AllocZeroed(n * 12));
-  float* newUVs[kMaxUVSets] = {};
-  for (uint32_t k = 0; k < uvSets; ++k) newUVs[k] = static_cast<float*>(AllocZeroed(n * 8));
-  // The weight array keeps its stride of sBoneWeight.n floats but is filled with one weight per
-  // bone index; the rest is zero rather than left undefined.
-  uint8_t* newBoneIdx = skinned ? static_cast<uint8_t*>(AllocZeroed(boneIdxBytes)) : nullptr;
-  float* newBoneWeights = skinned ? static_cast<float*>(AllocZeroed(boneWeightBytes)) : nullptr;
-  bool allocated = newPositions != nullptr && newNormals != nullptr;
-  for (uint32_t k = 0; k < uvSets; ++k) allocated = allocated && newUVs[k] != nullptr;
-  if (skinned) allocated = allocated && newBoneIdx != nullptr && newBoneWeights != nullptr;
-  if (!allocated) {
-    std::free(newPositions);
-    std::free(newNormals);
-    for (float* uv : newUVs) std::free(uv);
-    std::free(newBoneIdx);
-    std::free(newBoneWeights);
-    return "out of memory";
-  }
-
-  const CPODData& boneIdx = mesh->sBoneIdx;
-  const CPODData& boneWeights = mesh->sBoneWeight;
+  SPODMeshWeld* weld = PODMeshWeldCreate(static_cast<uint32_t>(n), !scratch.perCorner, addressable, corners);
+  if (weld == nullptr) return "out of memory";
+  weld->nUVW = uvSets;
+  weld->bBones = mesh->sBoneBatches.nBatchCnt > 0;
+  // Old vertex indices are below 65,536: they come from 16-bit indices.
   for (size_t e = 0; e < n; ++e) {
-    const size_t i = entries[e].source;
-    std::memcpy(newPositions + 3 * e, positions + 12 * i, 12);
-    std::memcpy(newNormals + 3 * e, normals + 12 * size_t{entries[e].normalFrom}, 12);
-    for (uint32_t k = 0; k < uvSets; ++k) std::memcpy(newUVs[k] + 2 * e, mesh->psUVW[k].pData + 8 * i, 8);
-    // Bones: as many indices and weights as the vertex has bone indices, one after the other.
-    for (uint32_t j = 0; j < bonesPerVertex; ++j) {
-      newBoneIdx[e * bonesPerVertex + j] = boneIdx.pData[size_t{boneIdx.nStride} * i + j];
-      std::memcpy(newBoneWeights + e * bonesPerVertex + j,
-                  boneWeights.pData + size_t{boneWeights.nStride} * i + 4 * j, 4);
-    }
+    weld->pnSource[e] = static_cast<uint16_t>(entries[e].source);
+    weld->pnNormalFrom[e] = static_cast<uint16_t>(entries[e].normalFrom);
+  }
+  if (scratch.perCorner) {
+    std::copy(scratch.newFaces.begin(), scratch.newFaces.begin() + corners, weld->pnCornerKept);
+  } else {
+    // Without such vertices fewer than 65,536 are kept. Vertices no corner uses map to 0.
+    for (size_t i = 0; i < addressable; ++i)
+      weld->pnKeptOf[i] = static_cast<uint16_t>(std::max(scratch.resolved[i], 0));
   }
 
-  if (corners > 0) std::memcpy(mesh->sFaces.pData, newFaces.data(), 2 * corners);
-  Install(mesh->sVertex, newPositions, n * 12);
-  for (uint32_t k = 0; k < uvSets; ++k) Install(mesh->psUVW[k], newUVs[k], n * 8);
-  Install(mesh->sNormals, newNormals, n * 12);
-  mesh->nNumVertex = static_cast<uint32_t>(n);
-  if (skinned) {
-    Install(mesh->sBoneIdx, newBoneIdx, boneIdxBytes);
-    Install(mesh->sBoneWeight, newBoneWeights, boneWeightBytes);
+  if (rebuild == Rebuild::OnSave) {
+    mesh->pWeld = weld;
+    mesh->nNumVertex = static_cast<uint32_t>(n);
+    return nullptr;
   }
-  return nullptr;
+  const bool applied = PODMeshApplyWeld(*mesh, *weld);
+  PODMeshWeldFree(weld);
+  return applied ? nullptr : "out of memory";
 }
 
 // Standard output is the tool's exact output, so a mesh left alone is noted on standard error.
@@ -502,14 +595,7 @@ void NoteUnreduced(const SPODNode* node, const char* why) {
   std::fprintf(stderr, "Note: vertices of \"%s\" not reduced: %s\n", NodeName(node), why);
 }
 
-}  // namespace
-
-void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
-  ReductionScratch scratch;
-  ReduceMesh(node, mesh, useUV, nearly, scratch);
-}
-
-void reduceMeshVertex(SPODScene* scene, bool nearly) {
+void ReduceScene(SPODScene* scene, bool nearly, Rebuild rebuild) {
   // Like the texture renaming's line, this one is left open: the count lines follow on it.
   std::fputs(nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
                     : "Reducing vertex number with vertex have SAME UV...",
@@ -523,7 +609,9 @@ void reduceMeshVertex(SPODScene* scene, bool nearly) {
   ReductionScratch scratch;
   for (uint32_t k = 0; k < meshNodes; ++k) {
     SPODNode* node = &scene->pNode[k];
-    KX_ASSERT(node->nIdx != -1, "main");
+    // The check is reduceMeshVertex's, by whichever entry point it is reached.
+    if (node->nIdx == -1)
+      korvex::AssertionFailed("node->nIdx != -1", "reduceMeshVertex", "main", __LINE__);
     if (node->nIdx < 0 || static_cast<uint32_t>(node->nIdx) >= scene->nNumMesh ||
         scene->pMesh == nullptr) {
       NoteUnreduced(node, "no such mesh");
@@ -531,11 +619,24 @@ void reduceMeshVertex(SPODScene* scene, bool nearly) {
     }
     SPODMesh* mesh = &scene->pMesh[node->nIdx];
     before += mesh->nNumVertex;
-    if (const char* why = ReduceMesh(node, mesh, node->nIdxMaterial >= 0, nearly, scratch))
+    if (const char* why = ReduceMesh(node, mesh, node->nIdxMaterial >= 0, nearly, scratch, rebuild))
       NoteUnreduced(node, why);
     after += mesh->nNumVertex;
   }
   std::printf("Total vertex before reduction: %d\n", static_cast<int32_t>(before));
   std::printf("Total vertex after reduction: %d\n", static_cast<int32_t>(after));
   std::printf("Difference: %d\n", static_cast<int32_t>(before - after));
+}
+
+}  // namespace
+
+void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
+  ReductionScratch scratch;
+  ReduceMesh(node, mesh, useUV, nearly, scratch, Rebuild::Now);
+}
+
+void reduceMeshVertex(SPODScene* scene, bool nearly) { ReduceScene(scene, nearly, Rebuild::Now); }
+
+void reduceMeshVertexForSave(SPODScene* scene, bool nearly) {
+  ReduceScene(scene, nearly, Rebuild::OnSave);
 }

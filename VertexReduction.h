@@ -20,6 +20,11 @@
 // error. Takes the scene's records, so a CPODScene is passed as it is.
 void reduceMeshVertex(SPODScene* scene, bool nearly);
 
+// The same, but the streams of each reduced mesh are only rebuilt as the scene is saved
+// (SPODMesh::pWeld): the printed lines and counts are the same, and so is the saved file. For a
+// scene that is saved next and then released; nothing but saving may read its meshes.
+void reduceMeshVertexForSave(SPODScene* scene, bool nearly);
+
 // Reduces one mesh in place. `useUV`: texture coordinates take part in the comparison.
 // A mesh whose streams are not laid out as this reduction expects is left untouched.
 void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly);

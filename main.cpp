@@ -137,7 +137,7 @@ int main(int argc, char** argv) {
   }
 
   renameMeshTextureName(&inputScene);
-  if (reduction) reduceMeshVertex(&inputScene, nearly);
+  if (reduction) reduceMeshVertexForSave(&inputScene, nearly);
 
   // The input's stream arrays stay in its file, which saving truncates when the intermediate file
   // is the input itself (an input named like its intermediate file, or a link to it): then they

@@ -156,7 +156,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (check.found()) return 0;
   }
   renameMeshTextureName(&inputScene);
-  if (reduction) reduceMeshVertex(&inputScene, nearly);
+  if (reduction) reduceMeshVertexForSave(&inputScene, nearly);
   const bool saved = inputScene.SavePOD(intermediate.c_str(), options);
 
   CPODScene reloaded;

@@ -3,6 +3,7 @@
 
 #include "PODModel.h"
 
+#include "PODMeshWeld.h"
 #include "PODReader.h"
 
 #include <cstdint>
@@ -58,6 +59,8 @@ void ReleaseStream(CPODData& data) {
 }
 
 void ReleaseMesh(SPODMesh& mesh) {
+  PODMeshWeldFree(mesh.pWeld);
+  mesh.pWeld = nullptr;
   ReleaseStream(mesh.sFaces);
   Release(mesh.pnStripLength);
   mesh.nStripLengthSize = 0;

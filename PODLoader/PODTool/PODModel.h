@@ -65,6 +65,8 @@ struct CPODBoneBatches {
   size_t nBatchOffsetSize;
 };
 
+struct SPODMeshWeld;
+
 struct SPODMesh {
   uint32_t nNumVertex;
   uint32_t nNumFaces;
@@ -85,6 +87,9 @@ struct SPODMesh {
   size_t nStripLengthSize;
   size_t nInterleavedSize;
   size_t nUVWCount;  // descriptors allocated at psUVW
+  // Welding decided but not yet applied to the streams (PODMeshWeld.h); owned. Only saving
+  // reads a mesh that has one.
+  SPODMeshWeld* pWeld;
 };
 
 struct SPODNode {

@@ -1,10 +1,12 @@
 #include "PODWriter.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "ByteIO.h"
+#include "PODMeshWeld.h"
 #include "PODTag.h"
 
 namespace {
@@ -94,6 +96,31 @@ bool WriteMaterial(FILE* f, const SPODMaterial& m) {
          WriteMarker(f, PODTag::SceneMaterial, true, 0);
 }
 
+// A stream of a welded mesh is written as its rebuilt array would be, gathered from the old
+// streams a slice at a time; any other stream as it is.
+bool WriteStream(FILE* f, unsigned int nName, const SPODMesh& m, const CPODData& data,
+                 EPODWeldStream stream, unsigned int nCount, bool bValidData) {
+  if (m.pWeld == nullptr || PODMeshWeldedStream(m, *m.pWeld, stream) == nullptr)
+    return WriteCPODData(f, nName, data, nCount, bValidData);
+  const SPODMeshWeld& weld = *m.pWeld;
+  unsigned int nLen = 0;
+  if (!ArrayLength(nCount, data.nStride, PODMeshWeldedBytes(m, weld, stream), nLen)) return false;
+  // Slices large enough that the file's buffer passes most of them on without copying.
+  static const size_t kSlice = 1 << 18;
+  uint8_t* slice = nLen > 0 ? static_cast<uint8_t*>(malloc(std::min<size_t>(nLen, kSlice))) : nullptr;
+  if (nLen > 0 && slice == nullptr) return false;
+  bool ok = WriteMarker(f, nName, false, 0) && WriteData(f, PODTag::DataType, data.eType) &&
+            WriteData(f, PODTag::DataN, data.n) && WriteData(f, PODTag::DataStride, data.nStride) &&
+            WriteMarker(f, PODTag::DataData, false, nLen);
+  for (size_t at = 0; ok && at < nLen; at += kSlice) {
+    const size_t count = std::min<size_t>(nLen - at, kSlice);
+    PODMeshWeldGather(m, weld, stream, at, count, slice);
+    ok = WriteFileSafe(f, slice, static_cast<unsigned int>(count));
+  }
+  free(slice);
+  return ok && WriteMarker(f, PODTag::DataData, true, 0) && WriteMarker(f, nName, true, 0);
+}
+
 bool WriteMesh(FILE* f, const SPODMesh& m) {
   const CPODBoneBatches& b = m.sBoneBatches;
   // The face count walks the strip lengths: they must all be there.
@@ -133,16 +160,20 @@ bool WriteMesh(FILE* f, const SPODMesh& m) {
                       b.nBatchBoneCntSize) &&
        WriteWordArray(f, PODTag::MeshBoneBatchOffsets, b.pnBatchOffset, uint64_t(b.nBatchCnt), 4,
                       b.nBatchOffsetSize) &&
-       WriteCPODData(f, PODTag::MeshFaces, m.sFaces, PODModelCountIndices(m), true) &&
-       WriteCPODData(f, PODTag::MeshVtx, m.sVertex, nVtx, separate) &&
-       WriteCPODData(f, PODTag::MeshNor, m.sNormals, nVtx, separate) &&
+       WriteStream(f, PODTag::MeshFaces, m, m.sFaces, EPODWeldStream::Faces, PODModelCountIndices(m), true) &&
+       WriteStream(f, PODTag::MeshVtx, m, m.sVertex, EPODWeldStream::Vertex, nVtx, separate) &&
+       WriteStream(f, PODTag::MeshNor, m, m.sNormals, EPODWeldStream::Normals, nVtx, separate) &&
        WriteCPODData(f, PODTag::MeshTan, m.sTangents, nVtx, separate) &&
        WriteCPODData(f, PODTag::MeshBin, m.sBinormals, nVtx, separate);
-  for (unsigned int i = 0; ok && i < m.nNumUVW; ++i)
-    ok = WriteCPODData(f, PODTag::MeshUVW, m.psUVW[i], nVtx, separate);
+  const EPODWeldStream uvs[] = {EPODWeldStream::UVW0, EPODWeldStream::UVW1};
+  for (unsigned int i = 0; ok && i < m.nNumUVW; ++i) {
+    ok = i < 2 ? WriteStream(f, PODTag::MeshUVW, m, m.psUVW[i], uvs[i], nVtx, separate)
+               : WriteCPODData(f, PODTag::MeshUVW, m.psUVW[i], nVtx, separate);
+  }
   return ok && WriteCPODData(f, PODTag::MeshVtxCol, m.sVtxColours, nVtx, separate) &&
-         WriteCPODData(f, PODTag::MeshBoneIdx, m.sBoneIdx, nVtx, separate) &&
-         WriteCPODData(f, PODTag::MeshBoneWeight, m.sBoneWeight, nVtx, separate) &&
+         WriteStream(f, PODTag::MeshBoneIdx, m, m.sBoneIdx, EPODWeldStream::BoneIdx, nVtx, separate) &&
+         WriteStream(f, PODTag::MeshBoneWeight, m, m.sBoneWeight, EPODWeldStream::BoneWeight, nVtx,
+                     separate) &&
          WriteMarker(f, PODTag::SceneMesh, true, 0);
 }
 

@@ -1,0 +1,202 @@
+#include "PODMeshWeld.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+// Rebuilt arrays are made of elements of this many bytes: a corner's index, a vertex's position,
+// normal or coordinates, a vertex's bone indices, or one bone weight (weights are packed by bone
+// index, not by the weight stride, so they are gathered one at a time).
+size_t ElementBytes(const SPODMesh& mesh, EPODWeldStream stream) {
+  switch (stream) {
+    case EPODWeldStream::Faces: return 2;
+    case EPODWeldStream::Vertex:
+    case EPODWeldStream::Normals: return 12;
+    case EPODWeldStream::UVW0:
+    case EPODWeldStream::UVW1: return 8;
+    case EPODWeldStream::BoneIdx: return mesh.sBoneIdx.n;
+    case EPODWeldStream::BoneWeight: return 4;
+  }
+  return 0;
+}
+
+// The stream a weld rebuilds as `stream`, for a const or a mutable mesh.
+template <typename Mesh>
+auto StreamOf(Mesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream) -> decltype(&mesh.sVertex) {
+  switch (stream) {
+    // Without triangles an absent index array stays absent.
+    case EPODWeldStream::Faces: return mesh.sFaces.pData != nullptr ? &mesh.sFaces : nullptr;
+    case EPODWeldStream::Vertex: return &mesh.sVertex;
+    case EPODWeldStream::Normals: return &mesh.sNormals;
+    case EPODWeldStream::UVW0: return weld.nUVW > 0 ? &mesh.psUVW[0] : nullptr;
+    case EPODWeldStream::UVW1: return weld.nUVW > 1 ? &mesh.psUVW[1] : nullptr;
+    case EPODWeldStream::BoneIdx: return weld.bBones ? &mesh.sBoneIdx : nullptr;
+    case EPODWeldStream::BoneWeight: return weld.bBones ? &mesh.sBoneWeight : nullptr;
+  }
+  return nullptr;
+}
+
+size_t Corners(const SPODMesh& mesh) { return static_cast<size_t>(mesh.nNumFaces) * 3; }
+
+// Element e of the rebuilt array, into out (ElementBytes of them).
+void Element(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream, size_t e,
+             uint8_t* out) {
+  switch (stream) {
+    case EPODWeldStream::Faces: {
+      const uint8_t* old = mesh.sFaces.pData + 2 * e;
+      if (e >= Corners(mesh)) {
+        std::memcpy(out, old, 2);  // past the triangles the array keeps its bytes
+        return;
+      }
+      uint16_t kept;
+      if (weld.pnKeptOf != nullptr) {
+        uint16_t i;
+        std::memcpy(&i, old, 2);
+        kept = weld.pnKeptOf[i];
+      } else {
+        kept = weld.pnCornerKept[e];
+      }
+      std::memcpy(out, &kept, 2);
+      return;
+    }
+    case EPODWeldStream::Vertex:
+      std::memcpy(out, mesh.sVertex.pData + 12 * size_t{weld.pnSource[e]}, 12);
+      return;
+    case EPODWeldStream::Normals:
+      std::memcpy(out, mesh.sNormals.pData + 12 * size_t{weld.pnNormalFrom[e]}, 12);
+      return;
+    case EPODWeldStream::UVW0:
+    case EPODWeldStream::UVW1: {
+      const CPODData& uv = mesh.psUVW[stream == EPODWeldStream::UVW0 ? 0 : 1];
+      std::memcpy(out, uv.pData + 8 * size_t{weld.pnSource[e]}, 8);
+      return;
+    }
+    case EPODWeldStream::BoneIdx: {
+      const CPODData& idx = mesh.sBoneIdx;
+      std::memcpy(out, idx.pData + size_t{idx.nStride} * weld.pnSource[e], idx.n);
+      return;
+    }
+    case EPODWeldStream::BoneWeight: {
+      const uint32_t bones = mesh.sBoneIdx.n;
+      const CPODData& weights = mesh.sBoneWeight;
+      if (bones == 0 || e >= size_t{weld.nKept} * bones) {
+        std::memset(out, 0, 4);
+        return;
+      }
+      const size_t source = weld.pnSource[e / bones];
+      std::memcpy(out, weights.pData + size_t{weights.nStride} * source + 4 * (e % bones), 4);
+      return;
+    }
+  }
+}
+
+void* AllocZeroed(size_t bytes) {
+  // Never null on success, even for nothing: a present stream stays present.
+  return std::calloc(bytes > 0 ? bytes : 1, 1);
+}
+
+void Install(CPODData& d, uint8_t* data, size_t bytes) {
+  // A borrowed array belongs to the scene's source file: only the pointer goes.
+  if (!d.bBorrowed) std::free(d.pData);
+  d.pData = data;
+  d.bBorrowed = false;
+  d.nDataSize = bytes;
+}
+
+}  // namespace
+
+SPODMeshWeld* PODMeshWeldCreate(uint32_t kept, bool byOldVertex, size_t oldVertices, size_t corners) {
+  const size_t perCorner = byOldVertex ? oldVertices : corners;
+  const size_t header = (sizeof(SPODMeshWeld) + 15) / 16 * 16;
+  auto* block = static_cast<uint8_t*>(
+      std::malloc(header + sizeof(uint16_t) * (2 * size_t{kept} + perCorner)));
+  if (block == nullptr) return nullptr;
+  auto* weld = reinterpret_cast<SPODMeshWeld*>(block);
+  *weld = SPODMeshWeld{};
+  weld->nKept = kept;
+  weld->pnSource = reinterpret_cast<uint16_t*>(block + header);
+  weld->pnNormalFrom = weld->pnSource + kept;
+  (byOldVertex ? weld->pnKeptOf : weld->pnCornerKept) = weld->pnNormalFrom + kept;
+  return weld;
+}
+
+void PODMeshWeldFree(SPODMeshWeld* weld) { std::free(weld); }
+
+const CPODData* PODMeshWeldedStream(const SPODMesh& mesh, const SPODMeshWeld& weld,
+                                    EPODWeldStream stream) {
+  return StreamOf(mesh, weld, stream);
+}
+
+size_t PODMeshWeldedBytes(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream) {
+  const size_t n = weld.nKept;
+  switch (stream) {
+    case EPODWeldStream::Faces: return mesh.sFaces.nDataSize;
+    case EPODWeldStream::Vertex:
+    case EPODWeldStream::Normals: return n * 12;
+    case EPODWeldStream::UVW0:
+    case EPODWeldStream::UVW1: return n * 8;
+    case EPODWeldStream::BoneIdx: return n * mesh.sBoneIdx.n;
+    case EPODWeldStream::BoneWeight: return n * mesh.sBoneWeight.n * 4;
+  }
+  return 0;
+}
+
+void PODMeshWeldGather(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream,
+                       size_t first, size_t count, uint8_t* out) {
+  const size_t size = ElementBytes(mesh, stream);
+  if (size == 0 || count == 0) return;
+  // Elements wholly inside the range go straight to `out`; the ones cut by its ends through here.
+  uint8_t element[64];
+  size_t e = first / size;
+  const size_t end = first + count;
+  for (size_t at = first; at < end; ++e) {
+    const size_t start = e * size;
+    if (start == at && end - at >= size) {
+      Element(mesh, weld, stream, e, out + (at - first));
+      at += size;
+    } else {
+      Element(mesh, weld, stream, e, element);
+      const size_t skip = at - start;
+      const size_t take = std::min(size - skip, end - at);
+      std::memcpy(out + (at - first), element + skip, take);
+      at += take;
+    }
+  }
+}
+
+bool PODMeshApplyWeld(SPODMesh& mesh, const SPODMeshWeld& weld) {
+  const EPODWeldStream arrays[] = {EPODWeldStream::Vertex, EPODWeldStream::Normals,
+                                   EPODWeldStream::UVW0,   EPODWeldStream::UVW1,
+                                   EPODWeldStream::BoneIdx, EPODWeldStream::BoneWeight};
+  constexpr size_t kArrays = sizeof arrays / sizeof arrays[0];
+  // Everything is allocated and filled before anything changes, so running out of memory leaves
+  // the mesh whole, and no old array is released while another still reads it.
+  uint8_t* rebuilt[kArrays] = {};
+  size_t bytes[kArrays] = {};
+  bool allocated = true;
+  for (size_t a = 0; a < kArrays; ++a) {
+    if (PODMeshWeldedStream(mesh, weld, arrays[a]) == nullptr) continue;
+    bytes[a] = PODMeshWeldedBytes(mesh, weld, arrays[a]);
+    rebuilt[a] = static_cast<uint8_t*>(AllocZeroed(bytes[a]));
+    allocated = allocated && rebuilt[a] != nullptr;
+  }
+  if (!allocated) {
+    for (uint8_t* r : rebuilt) std::free(r);
+    return false;
+  }
+  for (size_t a = 0; a < kArrays; ++a) {
+    if (rebuilt[a] != nullptr) PODMeshWeldGather(mesh, weld, arrays[a], 0, bytes[a], rebuilt[a]);
+  }
+  // Corner f reads the old index at f before its own new one goes there.
+  if (PODMeshWeldedStream(mesh, weld, EPODWeldStream::Faces) != nullptr) {
+    PODMeshWeldGather(mesh, weld, EPODWeldStream::Faces, 0, 2 * Corners(mesh), mesh.sFaces.pData);
+  }
+  for (size_t a = 0; a < kArrays; ++a) {
+    if (rebuilt[a] == nullptr) continue;
+    Install(*StreamOf(mesh, weld, arrays[a]), rebuilt[a], bytes[a]);
+  }
+  mesh.nNumVertex = weld.nKept;
+  return true;
+}

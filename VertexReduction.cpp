@@ -117,7 +117,7 @@ class KeptVertexIndex {
     m_uvSetsInKey = uvSetsInKey;
     m_listsGroups = listsGroups;
     size_t capacity = 16;
-    while (capacity < 2 * maxGroups) capacity *= 2;
+    while (capacity < 4 * maxGroups) capacity *= 2;
     m_slots.assign(capacity, Slot{0, -1});
     m_mask = capacity - 1;
     m_next.clear();

@@ -11,7 +11,8 @@ const char* const kSource = "PODLoader/SceneGraphConverter";
 
 // Position k of the stream, through the matrix when one is given:
 // x' = m12 + (x*m0 + y*m4 + z*m8), and likewise for y' and z'.
-PODVECTOR3f Position(const PODMATRIXf* matrix, const CPODData* vertex, int k) {
+inline __attribute__((always_inline)) PODVECTOR3f Position(const PODMATRIXf* matrix,
+                                                           const CPODData* vertex, int k) {
   float p[3];
   std::memcpy(p, vertex->pData + static_cast<size_t>(k) * 12u, sizeof p);
   if (matrix == nullptr) return {p[0], p[1], p[2]};
@@ -34,16 +35,19 @@ bool CreateBoundingSphere(PODMATRIXf* matrix, CPODData* vertex, int count, float
   // A negative count can only come from a wrapped vertex count; treat it like an empty mesh.
   if (count <= 0) return false;
 
-  // Running mean: c = v / (1 + k) + c * (k / (1 + k)).
-  PODVECTOR3f c = {0.0f, 0.0f, 0.0f};
+  // Running mean: c = v / (1 + k) + c * (k / (1 + k)). The four quotients of a vertex are one
+  // vector division: each lane is the correctly rounded quotient, as four scalar divisions give.
+  typedef float Lanes __attribute__((vector_size(16)));
+  Lanes mean = {0.0f, 0.0f, 0.0f, 0.0f};
   for (int k = 0; k < count; ++k) {
     const PODVECTOR3f v = Position(matrix, vertex, k);
     const float t = static_cast<float>(k);
     const float w = 1.0f + t;
-    c.x = v.x / w + c.x * (t / w);
-    c.y = v.y / w + c.y * (t / w);
-    c.z = v.z / w + c.z * (t / w);
+    const Lanes q = Lanes{v.x, v.y, v.z, t} / Lanes{w, w, w, w};
+    const float share = q[3];
+    mean = q + mean * Lanes{share, share, share, share};
   }
+  const PODVECTOR3f c = {mean[0], mean[1], mean[2]};
 
   float mx2 = 0.0f;
   for (int k = 0; k < count; ++k) {

@@ -143,6 +143,42 @@ inline bool Walk(const std::vector<uint8_t>& v, std::vector<Block>& out) {
   return open.empty();
 }
 
+// Where one block of a well-framed file lies: from its start marker to just past its end marker.
+struct Span {
+  uint32_t tag;
+  size_t begin, end;
+};
+
+// Every block of a file as Walk sees it, containers included, in the order they start; empty when
+// the file is not well framed.
+inline std::vector<Span> Spans(const std::vector<uint8_t>& v) {
+  std::vector<Block> blocks;
+  std::vector<Span> spans;
+  if (!Walk(v, blocks)) return spans;
+  std::vector<size_t> open;  // indices into spans of the containers still open
+  size_t p = 0;
+  for (size_t b = 0; b <= blocks.size(); ++b) {
+    // Close the containers whose end markers come before the next block's start marker.
+    const size_t next = b < blocks.size() ? blocks[b].pos - 8 : v.size();
+    while (p < next) {
+      spans[open.back()].end = p + 8;
+      open.pop_back();
+      p += 8;
+    }
+    if (b == blocks.size()) break;
+    const Block& k = blocks[b];
+    spans.push_back({k.tag, k.pos - 8, 0});
+    if (IsContainer(k.tag)) {
+      open.push_back(spans.size() - 1);
+      p = k.pos;
+    } else {
+      p = k.pos + k.len + 8;
+      spans.back().end = p;
+    }
+  }
+  return spans;
+}
+
 // The bytes WritePOD produces for a scene (through a temporary file); `ok` gets its result.
 inline std::vector<uint8_t> WriteBytes(const SPODScene& s, const char* options, bool* ok = nullptr) {
   std::vector<uint8_t> out;

@@ -58,7 +58,7 @@ void ReleaseStream(CPODData& data) {
   data.nDataSize = 0;
 }
 
-void ReleaseMesh(SPODMesh& mesh) {
+void ReleaseMeshArrays(SPODMesh& mesh) {
   PODMeshWeldFree(mesh.pWeld);
   mesh.pWeld = nullptr;
   ReleaseStream(mesh.sFaces);
@@ -113,6 +113,41 @@ void ReleaseImpl(SPODImpl*& impl) {
 }
 
 }  // namespace
+
+void PODModelRelease(SPODCamera& camera) {
+  Release(camera.pfAnimFOV);
+  camera = SPODCamera();
+}
+
+void PODModelRelease(SPODLight& light) { light = SPODLight(); }
+
+void PODModelRelease(SPODMaterial& material) {
+  Release(material.pszName);
+  Release(material.pszEffectFile);
+  Release(material.pszEffectName);
+  material = SPODMaterial();
+}
+
+void PODModelRelease(SPODMesh& mesh) {
+  ReleaseMeshArrays(mesh);
+  mesh = SPODMesh();
+}
+
+void PODModelRelease(SPODNode& node) {
+  Release(node.pszName);
+  Release(node.pfAnimPosition);
+  Release(node.pfAnimRotation);
+  Release(node.pfAnimScale);
+  // Released as well, although the file format's own release order leaves it out: keeping it
+  // would only leak, and nothing observable depends on it.
+  Release(node.pfAnimMatrix);
+  node = SPODNode();
+}
+
+void PODModelRelease(SPODTexture& texture) {
+  Release(texture.pszName);
+  texture = SPODTexture();
+}
 
 unsigned int PODModelDataTypeSize(EPODDataType type) {
   return type < kTypeCount ? kTypeInfo[type].size : 0;
@@ -183,49 +218,27 @@ bool CPODScene::ReadFromMemory(const SPODScene& scene) {
   return true;
 }
 
+namespace {
+
+// Every record of an array, then the array.
+template <typename T>
+void ReleaseRecords(T*& records, uint32_t count) {
+  if (records != nullptr) {
+    for (uint32_t i = 0; i < count; ++i) PODModelRelease(records[i]);
+  }
+  Release(records);
+}
+
+}  // namespace
+
 void CPODScene::Destroy() {
   if (m_pImpl != nullptr && !m_pImpl->bReadFromMemory) {
-    if (pCamera != nullptr) {
-      for (uint32_t i = 0; i < nNumCamera; ++i) {
-        Release(pCamera[i].pfAnimFOV);
-        pCamera[i].nAnimFOVSize = 0;
-      }
-    }
-    Release(pCamera);
-    Release(pLight);
-    if (pMaterial != nullptr) {
-      for (uint32_t i = 0; i < nNumMaterial; ++i) {
-        Release(pMaterial[i].pszName);
-        Release(pMaterial[i].pszEffectFile);
-        Release(pMaterial[i].pszEffectName);
-      }
-    }
-    Release(pMaterial);
-    if (pMesh != nullptr) {
-      for (uint32_t i = 0; i < nNumMesh; ++i) ReleaseMesh(pMesh[i]);
-    }
-    Release(pMesh);
-    if (pNode != nullptr) {
-      for (uint32_t i = 0; i < nNumNode; ++i) {
-        SPODNode& node = pNode[i];
-        Release(node.pszName);
-        Release(node.pfAnimPosition);
-        node.nAnimPositionSize = 0;
-        Release(node.pfAnimRotation);
-        node.nAnimRotationSize = 0;
-        Release(node.pfAnimScale);
-        node.nAnimScaleSize = 0;
-        // Released as well, although the file format's own release order leaves it out:
-        // keeping it would only leak, and nothing observable depends on it.
-        Release(node.pfAnimMatrix);
-        node.nAnimMatrixSize = 0;
-      }
-    }
-    Release(pNode);
-    if (pTexture != nullptr) {
-      for (uint32_t i = 0; i < nNumTexture; ++i) Release(pTexture[i].pszName);
-    }
-    Release(pTexture);
+    ReleaseRecords(pCamera, nNumCamera);
+    ReleaseRecords(pLight, nNumLight);
+    ReleaseRecords(pMaterial, nNumMaterial);
+    ReleaseRecords(pMesh, nNumMesh);
+    ReleaseRecords(pNode, nNumNode);
+    ReleaseRecords(pTexture, nNumTexture);
   }
   ReleaseImpl(m_pImpl);
   static_cast<SPODScene&>(*this) = SPODScene();

@@ -182,6 +182,7 @@ struct SPODImpl {
 };
 
 class CResourceFile;
+struct PODReadReport;
 
 class CPODScene : public SPODScene {
  public:
@@ -190,8 +191,10 @@ class CPODScene : public SPODScene {
   CPODScene(const CPODScene&) = delete;
   CPODScene& operator=(const CPODScene&) = delete;
 
-  // Reading (with a buffer: only the export-options text), adopting, saving, releasing.
-  bool ReadFromFile(const char* pszFileName, char* pExpOpt = nullptr, unsigned long count = 0);
+  // Reading (with a buffer: only the export-options text), adopting, saving, releasing. A
+  // report, when given, receives why a failed read stopped and the irregular blocks met.
+  bool ReadFromFile(const char* pszFileName, char* pExpOpt = nullptr, unsigned long count = 0,
+                    PODReadReport* report = nullptr);
   bool ReadFromMemory(const SPODScene& scene);
   bool SavePOD(const char* pszFilename, const char* pszExpOpt = nullptr);
   void Destroy();
@@ -223,6 +226,14 @@ unsigned int PODModelDataTypeSize(EPODDataType type);
 unsigned int PODModelDataTypeComponentCount(EPODDataType type);
 unsigned int PODModelDataStride(const CPODData& data);
 unsigned int PODModelCountIndices(const SPODMesh& mesh);
+
+// Releases what one record owns and zeroes it; the record itself stays where it is.
+void PODModelRelease(SPODCamera& camera);
+void PODModelRelease(SPODLight& light);
+void PODModelRelease(SPODMaterial& material);
+void PODModelRelease(SPODMesh& mesh);
+void PODModelRelease(SPODNode& node);
+void PODModelRelease(SPODTexture& texture);
 
 // Copies every stream array the scene borrows from its source file into an array of its own and
 // lets the file go, for a scene whose file is about to be overwritten. False, with the scene as it

@@ -9,6 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "ByteIO.h"
@@ -25,6 +28,10 @@ void* PODReaderCalloc(size_t count, size_t size) {
   if (size != 0 && count > SIZE_MAX / size) return nullptr;
   g_allocatedBytes += count * size;
   return calloc(count, size);
+}
+
+void PODReaderReleased(size_t bytes) {
+  g_allocatedBytes -= bytes < g_allocatedBytes ? bytes : g_allocatedBytes;
 }
 
 size_t PODReaderAllocatedBytes() { return g_allocatedBytes; }
@@ -197,6 +204,169 @@ CResourceFile* CSourceStream::TakeLentFile() {
 }
 
 // ---------------------------------------------------------------------------------------------
+// What a source tells its report
+
+namespace {
+
+constexpr unsigned int kEnd = PODTag::End;
+
+// The blocks a container of one kind may hold: tags first .. first + count - 1. `required`
+// (bit k for tag first + k) are those a complete file always has there; `repeatable` those
+// that may come more than once.
+struct BlockSet {
+  unsigned int first;
+  unsigned int count;
+  uint32_t required;
+  uint32_t repeatable;
+};
+
+constexpr uint32_t Tags(unsigned int first, std::initializer_list<unsigned int> tags) {
+  uint32_t bits = 0;
+  for (unsigned int t : tags) bits |= 1u << (t - first);
+  return bits;
+}
+
+constexpr uint32_t TagRange(unsigned int first, unsigned int from, unsigned int to) {
+  uint32_t bits = 0;
+  for (unsigned int t = from; t <= to; ++t) bits |= 1u << (t - first);
+  return bits;
+}
+
+// Indexed by EPODRecord. Nodes and meshes have further blocks that depend on what they hold
+// (their layout, their bones); their parsers check those.
+constexpr BlockSet kBlockSets[] = {
+    /* File */ {1000, 3, Tags(1000, {1000, 1001}), 0},
+    /* Scene */
+    {2000, 17, TagRange(2000, 2000, 2009) | Tags(2000, {2016}), TagRange(2000, 2010, 2015)},
+    /* Camera */ {8000, 5, TagRange(8000, 8000, 8003), 0},
+    /* Light */ {7000, 3, TagRange(7000, 7000, 7002), 0},
+    /* Material */ {3000, 9, TagRange(3000, 3000, 3006), 0},
+    /* Mesh */
+    {6000, 20,
+     Tags(6000, {6000, 6001, 6002, 6003, 6005, 6006, 6007, 6008, 6009, 6011, 6012, 6013, 6018,
+                 6019}),
+     Tags(6000, {6010})},
+    /* Node */ {5000, 13, TagRange(5000, 5000, 5003), 0},
+    /* Texture */ {4000, 1, Tags(4000, {4000}), 0},
+    /* Stream */ {9000, 4, TagRange(9000, 9000, 9002), 0},
+};
+
+const char* const kRecordNames[] = {"the file", "the scene", "camera", "light", "material",
+                                    "mesh",     "node",      "texture", "stream"};
+
+const BlockSet& SetOf(EPODRecord kind) { return kBlockSets[static_cast<size_t>(kind)]; }
+
+std::string BlockName(unsigned int nTag) {
+  const char* field = PODTagField(nTag);
+  return "block " + std::to_string(nTag) + (field ? std::string(" (") + field + ")" : "");
+}
+
+}  // namespace
+
+CSource::Container::Container(CSource& src, EPODRecord kind, int64_t index, unsigned int nTag,
+                             bool tally)
+    : m_src(src), m_pushed(tally && src.m_pReport != nullptr) {
+  if (m_pushed) src.m_open.push_back(Open{kind, index, nTag, 0, false, false});
+}
+
+CSource::Container::~Container() {
+  if (!m_pushed) return;
+  const Open& open = m_src.m_open.back();
+  // Only a container read to its end marker is complete enough to miss anything.
+  if (open.ended) {
+    const BlockSet& set = SetOf(open.kind);
+    const uint32_t missing = set.required & ~open.seen;
+    for (unsigned int k = 0; k < set.count; ++k) {
+      if (missing & (1u << k)) m_src.Irregular(BlockName(set.first + k) + " is missing");
+    }
+  }
+  m_src.m_open.pop_back();
+}
+
+std::string CSource::Describe(const Open& open) const {
+  const char* name = kRecordNames[static_cast<size_t>(open.kind)];
+  switch (open.kind) {
+    case EPODRecord::File:
+    case EPODRecord::Scene:
+      return name;
+    case EPODRecord::Stream: {
+      // A stream belongs to the mesh below it on the stack.
+      std::string owner = "a mesh";
+      for (size_t i = m_open.size(); i-- > 0;) {
+        if (m_open[i].kind == EPODRecord::Mesh) {
+          owner = Describe(m_open[i]);
+          break;
+        }
+      }
+      const char* field = PODTagField(open.tag);
+      return std::string("stream ") + (field ? field : std::to_string(open.tag)) + " of " + owner;
+    }
+    default:
+      return std::string(name) + " " + std::to_string(open.index);
+  }
+}
+
+std::string CSource::Where() const {
+  return m_open.empty() ? std::string("the file") : Describe(m_open.back());
+}
+
+bool CSource::Fail(EPODReadFailure why, const std::string& detail) {
+  return FailAt(why, GetReadLocation(), detail);
+}
+
+bool CSource::FailAt(EPODReadFailure why, unsigned int at, const std::string& detail) {
+  if (m_pReport && !m_pReport->failed()) {
+    m_pReport->failure = why;
+    m_pReport->failureOffset = at;
+    m_pReport->failureWhere = Where();
+    m_pReport->failureDetail = detail;
+  }
+  return false;
+}
+
+void CSource::Irregular(const std::string& text) {
+  if (!m_pReport) return;
+  // Blocks at the top level are the file's own and need no record named.
+  const bool top = m_open.empty() || m_open.back().kind == EPODRecord::File;
+  m_pReport->AddIrregularity(top ? text : Where() + ": " + text);
+}
+
+bool CSource::HasSeen(unsigned int nTag) const {
+  if (!m_pReport || m_open.empty()) return false;
+  const Open& open = m_open.back();
+  const BlockSet& set = SetOf(open.kind);
+  return nTag >= set.first && nTag < set.first + set.count &&
+         (open.seen & (1u << (nTag - set.first))) != 0;
+}
+
+void CSource::NoteMarker(unsigned int nName, unsigned int nLen, unsigned int at) {
+  (void)nLen;
+  if (!m_pReport || m_open.empty()) return;
+  Open& open = m_open.back();
+  if (nName & kEnd) {
+    // End markers of data blocks close nothing; only the container's own one matters.
+    if (open.tag != 0 && nName == (open.tag | kEnd)) open.ended = true;
+    return;
+  }
+  const std::string block = BlockName(nName) + " at byte " + std::to_string(at);
+  if (open.kind == EPODRecord::File && !open.started && nName != PODTag::FormatVersion)
+    Irregular("the file does not start with its version block");
+  open.started = true;
+  const BlockSet& set = SetOf(open.kind);
+  // Tags the format does not have (and 5010, skipped everywhere) are passed over in silence:
+  // later versions of the format may add blocks.
+  if (PODTagField(nName) == nullptr) return;
+  if (nName < set.first || nName >= set.first + set.count) {
+    Irregular(block + " lies outside its record and is skipped");
+    return;
+  }
+  const uint32_t bit = 1u << (nName - set.first);
+  if ((open.seen & bit) && !(set.repeatable & bit))
+    Irregular(block + " comes a second time; the later one counts");
+  open.seen |= bit;
+}
+
+// ---------------------------------------------------------------------------------------------
 // Typed reads
 
 namespace {
@@ -213,7 +383,7 @@ template <typename T>
 bool ReadWordAs(CSource& src, T& v) {
   static_assert(sizeof(T) == 4, "one 32-bit word");
   uint32_t w;
-  if (!ReadWords(src, &w, 1)) return false;
+  if (!ReadWords(src, &w, 1)) return src.Fail(EPODReadFailure::Truncated);
   memcpy(&v, &w, 4);
   return true;
 }
@@ -221,7 +391,7 @@ bool ReadWordAs(CSource& src, T& v) {
 template <size_t N>
 bool ReadFloats(CSource& src, float (&v)[N]) {
   uint32_t w[N];
-  if (!ReadWords(src, w, N)) return false;
+  if (!ReadWords(src, w, N)) return src.Fail(EPODReadFailure::Truncated);
   memcpy(v, w, sizeof v);
   return true;
 }
@@ -247,12 +417,16 @@ void WordsFromLittleEndian(void* p, size_t nBytes) {
 template <typename T>
 bool AllocAndRead(CSource& src, T*& p, unsigned int nLen, bool ownsOld, size_t extra) {
   if (nLen == 0) return true;
-  if (nLen > src.GetRemaining()) return false;
+  if (nLen > src.GetRemaining())
+    return src.Fail(EPODReadFailure::Truncated,
+                    "a block of " + std::to_string(nLen) + " bytes, " +
+                        std::to_string(src.GetRemaining()) + " left");
   T* fresh = nullptr;
-  if (!SafeAlloc(fresh, size_t(nLen) + extra)) return false;
+  if (!SafeAlloc(fresh, size_t(nLen) + extra))
+    return src.Fail(EPODReadFailure::OutOfMemory, std::to_string(nLen) + " bytes");
   if (!src.Read(fresh, nLen)) {
     free(fresh);
-    return false;
+    return src.Fail(EPODReadFailure::Truncated);
   }
   // A block met twice replaces the earlier array.
   if (ownsOld) free(p);
@@ -274,13 +448,27 @@ bool CSource::Read(EPODLight& v) { return ReadWordAs(*this, v); }
 
 bool CSource::ReadOffset(uint8_t*& pData) {
   uint32_t offset;
-  if (!ReadWords(*this, &offset, 1)) return false;
+  if (!ReadWords(*this, &offset, 1)) return Fail(EPODReadFailure::Truncated);
   pData = reinterpret_cast<uint8_t*>(static_cast<uintptr_t>(offset));
   return true;
 }
 
+// Both words in one read: a marker cut short leaves the position at its start. Running out of
+// data here is how every parsing loop meets the end; the loop decides whether that is a failure.
 bool CSource::ReadMarker(unsigned int& nName, unsigned int& nLen) {
-  return Read(nName) && Read(nLen);
+  const unsigned int at = GetReadLocation();
+  uint32_t words[2];
+  if (!ReadWords(*this, words, 2)) return false;
+  nName = words[0];
+  nLen = words[1];
+  NoteMarker(nName, nLen, at);
+  return true;
+}
+
+bool CSource::SkipBlock(unsigned int nLen) {
+  if (Skip(nLen)) return true;
+  return Fail(EPODReadFailure::Truncated, "a block of " + std::to_string(nLen) + " bytes, " +
+                                              std::to_string(GetRemaining()) + " left");
 }
 
 bool CSource::ReadAfterAlloc(uint8_t*& p, unsigned int nLen, size_t& nSize) {
@@ -324,16 +512,30 @@ bool CSource::ReadAfterAlloc(int32_t*& p, unsigned int nLen, size_t& nSize) {
 
 // ---------------------------------------------------------------------------------------------
 // Record parsers
+//
+// Each parser first clears the fields the format says it clears. A record slot is fresh and
+// zeroed unless the file holds a second scene: what such a slot held is released here rather
+// than leaked.
 
 namespace {
 
-constexpr unsigned int kEnd = PODTag::End;
 // The smallest record container: its start and end markers.
 constexpr unsigned int kMinRecordBytes = 16;
 
-}  // namespace
+// Running out of data inside a container.
+bool EndedInside(CSource& src) { return src.Fail(EPODReadFailure::Truncated); }
 
-namespace {
+template <typename T>
+void Clear(T*& p) {
+  free(p);
+  p = nullptr;
+}
+
+template <typename T>
+void Clear(T*& p, size_t& nSize) {
+  Clear(p);
+  nSize = 0;
+}
 
 // A stream's payload: lent by the source where it can (no copy), else read into a fresh array.
 // An array the stream held before is released, or, when borrowed, dropped, only once the new
@@ -360,9 +562,17 @@ bool ReadStreamPayload(CPODData& s, CSource& src, unsigned int nLen) {
 }  // namespace
 
 bool ReadCPODData(CPODData& s, CSource& src, unsigned int nSpec, bool bValidData) {
+  CSource::Container container(src, EPODRecord::Stream, 0, nSpec);
+  bool bHasData = false;
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {
-    if (nName == (nSpec | kEnd)) return true;
+    if (nName == (nSpec | kEnd)) {
+      // An interleaved stream without its offset is taken to start the vertex (a separate one
+      // without data is judged by its mesh, which knows how many elements it should hold).
+      if (!bValidData && !bHasData && s.n != 0)
+        src.Irregular("it has components but no block 9003 (pData)");
+      return true;
+    }
     switch (nName) {
       case PODTag::DataType:
         if (!src.Read(s.eType)) return false;
@@ -374,6 +584,7 @@ bool ReadCPODData(CPODData& s, CSource& src, unsigned int nSpec, bool bValidData
         if (!src.Read(s.nStride)) return false;
         break;
       case PODTag::DataData:
+        bHasData = true;
         if (bValidData) {
           s.nFileOffset = src.GetReadLocation();
           if (!ReadStreamPayload(s, src, nLen)) return false;
@@ -387,14 +598,14 @@ bool ReadCPODData(CPODData& s, CSource& src, unsigned int nSpec, bool bValidData
         }
         break;
       default:
-        if (!src.Skip(nLen)) return false;
+        if (!src.SkipBlock(nLen)) return false;
     }
   }
-  return false;
+  return EndedInside(src);
 }
 
 bool ReadCamera(SPODCamera& s, CSource& src) {
-  s.pfAnimFOV = nullptr;
+  Clear(s.pfAnimFOV, s.nAnimFOVSize);
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {
     switch (nName) {
@@ -416,10 +627,10 @@ bool ReadCamera(SPODCamera& s, CSource& src) {
         if (!src.ReadAfterAlloc(s.pfAnimFOV, nLen, s.nAnimFOVSize)) return false;
         break;
       default:
-        if (!src.Skip(nLen)) return false;
+        if (!src.SkipBlock(nLen)) return false;
     }
   }
-  return false;
+  return EndedInside(src);
 }
 
 bool ReadLight(SPODLight& s, CSource& src) {
@@ -438,10 +649,10 @@ bool ReadLight(SPODLight& s, CSource& src) {
         if (!src.Read(s.eType)) return false;
         break;
       default:
-        if (!src.Skip(nLen)) return false;
+        if (!src.SkipBlock(nLen)) return false;
     }
   }
-  return false;
+  return EndedInside(src);
 }
 
 bool ReadTexture(SPODTexture& s, CSource& src) {
@@ -454,16 +665,16 @@ bool ReadTexture(SPODTexture& s, CSource& src) {
         if (!src.ReadAfterAlloc(s.pszName, nLen)) return false;
         break;
       default:
-        if (!src.Skip(nLen)) return false;
+        if (!src.SkipBlock(nLen)) return false;
     }
   }
-  return false;
+  return EndedInside(src);
 }
 
 bool ReadMaterial(SPODMaterial& s, CSource& src) {
-  s.pszName = nullptr;
-  s.pszEffectFile = nullptr;
-  s.pszEffectName = nullptr;
+  Clear(s.pszName);
+  Clear(s.pszEffectFile);
+  Clear(s.pszEffectName);
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {
     switch (nName) {
@@ -497,24 +708,74 @@ bool ReadMaterial(SPODMaterial& s, CSource& src) {
         if (!src.ReadAfterAlloc(s.pszEffectName, nLen)) return false;
         break;
       default:
-        if (!src.Skip(nLen)) return false;
+        if (!src.SkipBlock(nLen)) return false;
     }
   }
-  return false;
+  return EndedInside(src);
 }
 
+namespace {
+
+// The descriptors of a mesh's texture-coordinate streams and whatever arrays they own.
+void ReleaseUVWStreams(SPODMesh& s) {
+  if (s.psUVW == nullptr) return;
+  for (size_t k = 0; k < s.nUVWCount; ++k) {
+    CPODData& d = s.psUVW[k];
+    if (d.nDataSize != 0 && !d.bBorrowed) free(d.pData);
+  }
+  PODReaderReleased(s.nUVWCount * sizeof(CPODData));
+  Clear(s.psUVW);
+  s.nUVWCount = 0;
+}
+
+// Arrays a mesh's counts call for that a complete file would hold.
+void CheckMeshArrays(const SPODMesh& s, CSource& src) {
+  if (s.pInterleaved == nullptr) {
+    auto check = [&src](const CPODData& d, const char* name, uint64_t elements) {
+      if (d.n != 0 && d.pData == nullptr && elements != 0)
+        src.Irregular("stream " + std::string(name) + " has components but no data");
+    };
+    check(s.sFaces, "sFaces", PODModelCountIndices(s));
+    const std::pair<const CPODData*, const char*> streams[] = {
+        {&s.sVertex, "sVertex"},         {&s.sNormals, "sNormals"},
+        {&s.sTangents, "sTangents"},     {&s.sBinormals, "sBinormals"},
+        {&s.sVtxColours, "sVtxColours"}, {&s.sBoneIdx, "sBoneIdx"},
+        {&s.sBoneWeight, "sBoneWeight"}};
+    for (const auto& stream : streams) check(*stream.first, stream.second, s.nNumVertex);
+    for (size_t k = 0; s.psUVW != nullptr && k < s.nUVWCount && k < s.nNumUVW; ++k)
+      check(s.psUVW[k], "psUVW", s.nNumVertex);
+  }
+  if (s.nNumStrips != 0 && !src.HasSeen(PODTag::MeshStripLength))
+    src.Irregular("nNumStrips is " + std::to_string(s.nNumStrips) + " but " +
+                  BlockName(PODTag::MeshStripLength) + " is missing");
+  if (s.sBoneBatches.nBatchCnt > 0) {
+    for (unsigned int tag : {PODTag::MeshBoneBatches, PODTag::MeshBoneBatchBoneCnts}) {
+      if (!src.HasSeen(tag))
+        src.Irregular("nBatchCnt is " + std::to_string(s.sBoneBatches.nBatchCnt) + " but " +
+                      BlockName(tag) + " is missing");
+    }
+  }
+}
+
+}  // namespace
+
 bool ReadMesh(SPODMesh& s, CSource& src) {
-  s.pnStripLength = nullptr;
-  s.pInterleaved = nullptr;
-  s.sBoneBatches.pnBatches = nullptr;
-  s.sBoneBatches.pnBatchBoneCnt = nullptr;
-  s.sBoneBatches.pnBatchOffset = nullptr;
+  Clear(s.pnStripLength, s.nStripLengthSize);
+  Clear(s.pInterleaved, s.nInterleavedSize);
+  Clear(s.sBoneBatches.pnBatches, s.sBoneBatches.nBatchesSize);
+  Clear(s.sBoneBatches.pnBatchBoneCnt, s.sBoneBatches.nBatchBoneCntSize);
+  Clear(s.sBoneBatches.pnBatchOffset, s.sBoneBatches.nBatchOffsetSize);
   unsigned int nUVWs = 0;
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {
     switch (nName) {
       case PODTag::SceneMesh | kEnd:
-        return nUVWs == s.nNumUVW;
+        if (nUVWs != s.nNumUVW)
+          return src.Fail(EPODReadFailure::StreamCountMismatch,
+                          std::to_string(s.nNumUVW) + " declared, " + std::to_string(nUVWs) +
+                              " held");
+        CheckMeshArrays(s, src);
+        return true;
       case PODTag::MeshNumVtx:
         if (!src.Read(s.nNumVertex)) return false;
         break;
@@ -524,12 +785,22 @@ bool ReadMesh(SPODMesh& s, CSource& src) {
       case PODTag::MeshNumUVW: {
         unsigned int count;
         if (!src.Read(count)) return false;
-        // Each stream needs a container of its own in what is left of the file; and a second
-        // count for streams that are already allocated is refused rather than leaked.
-        if (count > src.GetRemaining() / kMinRecordBytes || s.psUVW != nullptr) return false;
-        if (!SafeAlloc(s.psUVW, count)) return false;
+        // Each stream needs a container of its own in what is left of the file.
+        if (count > src.GetRemaining() / kMinRecordBytes)
+          return src.Fail(EPODReadFailure::TooManyRecords,
+                          std::to_string(count) + " texture-coordinate streams");
+        // A second count gives fresh descriptors, as the first did; the earlier ones are
+        // released rather than leaked. A count of 0 allocates nothing and keeps them.
+        if (count != 0) {
+          CPODData* fresh = nullptr;
+          if (!SafeAlloc(fresh, count))
+            return src.Fail(EPODReadFailure::OutOfMemory,
+                            std::to_string(count) + " texture-coordinate streams");
+          ReleaseUVWStreams(s);
+          s.psUVW = fresh;
+          s.nUVWCount = count;
+        }
         s.nNumUVW = count;
-        s.nUVWCount = count;
         break;
       }
       case PODTag::MeshFaces:
@@ -554,8 +825,10 @@ bool ReadMesh(SPODMesh& s, CSource& src) {
         if (!ReadCPODData(s.sBinormals, src, nName, s.pInterleaved == nullptr)) return false;
         break;
       case PODTag::MeshUVW:
-        // A stream beyond the declared count has no slot to go to.
-        if (nUVWs >= s.nUVWCount) return false;
+        // A stream beyond the descriptors there are has no slot to go to.
+        if (nUVWs >= s.nUVWCount)
+          return src.Fail(EPODReadFailure::StreamCountMismatch,
+                          "more streams than the " + std::to_string(s.nNumUVW) + " declared");
         if (!ReadCPODData(s.psUVW[nUVWs++], src, nName, s.pInterleaved == nullptr)) return false;
         break;
       case PODTag::MeshVtxCol:
@@ -591,10 +864,10 @@ bool ReadMesh(SPODMesh& s, CSource& src) {
         if (!src.Read(s.sBoneBatches.nBatchCnt)) return false;
         break;
       default:
-        if (!src.Skip(nLen)) return false;
+        if (!src.SkipBlock(nLen)) return false;
     }
   }
-  return false;
+  return EndedInside(src);
 }
 
 namespace {
@@ -640,21 +913,40 @@ bool ConvertOlderNode(SPODNode& s) {
   return true;
 }
 
+// The blocks a node of its layout always has: the static transform in the older layout, the
+// flags and the three channels in the newer one (whose static fields no file fills: a node
+// without them is placed at the origin, unrotated, with a scale of 0).
+void CheckNodeLayout(const SPODNode& s, CSource& src, bool older) {
+  const std::initializer_list<unsigned int> newer = {PODTag::NodeAnimFlags, PODTag::NodeAnimPos,
+                                                     PODTag::NodeAnimRot, PODTag::NodeAnimScale};
+  const std::initializer_list<unsigned int> old = {PODTag::NodePos, PODTag::NodeRot,
+                                                   PODTag::NodeScale};
+  for (unsigned int tag : older ? old : newer) {
+    if (!src.HasSeen(tag)) src.Irregular(BlockName(tag) + " is missing");
+  }
+  if ((s.nAnimFlags & ePODHasMatrixAni) && s.pfAnimMatrix == nullptr)
+    src.Irregular("its flags animate a matrix but " + BlockName(PODTag::NodeAnimMatrix) +
+                  " is missing");
+}
+
 }  // namespace
 
 bool ReadNode(SPODNode& s, CSource& src) {
-  s.pszName = nullptr;
-  s.pfAnimPosition = nullptr;
-  s.pfAnimRotation = nullptr;
-  s.pfAnimScale = nullptr;
-  s.pfAnimMatrix = nullptr;
+  Clear(s.pszName);
+  Clear(s.pfAnimPosition, s.nAnimPositionSize);
+  Clear(s.pfAnimRotation, s.nAnimRotationSize);
+  Clear(s.pfAnimScale, s.nAnimScaleSize);
+  Clear(s.pfAnimMatrix, s.nAnimMatrixSize);
   s.nAnimFlags = 0;
   bool bOldNodeFormat = false;
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {
     switch (nName) {
       case PODTag::SceneNode | kEnd:
-        return !bOldNodeFormat || ConvertOlderNode(s);
+        CheckNodeLayout(s, src, bOldNodeFormat);
+        if (bOldNodeFormat && !ConvertOlderNode(s))
+          return src.Fail(EPODReadFailure::OutOfMemory, "one frame of a static channel");
+        return true;
       case PODTag::NodeIdx:
         if (!src.Read(s.nIdx)) return false;
         break;
@@ -695,21 +987,27 @@ bool ReadNode(SPODNode& s, CSource& src) {
         if (!src.Read(s.nAnimFlags)) return false;
         break;
       default:
-        if (!src.Skip(nLen)) return false;
+        if (!src.SkipBlock(nLen)) return false;
     }
   }
-  return false;
+  return EndedInside(src);
 }
 
 namespace {
 
-// One kind of record of the scene: its count, its array and how many of its blocks were read.
+// One kind of record of the scene: its count, its array, how many records the array has room
+// for, and how many of its blocks were read.
 template <typename T>
 struct RecordArray {
+  EPODRecord kind;
+  unsigned int tag;
   uint32_t& count;
   T*& array;
+  uint32_t capacity;
   unsigned int read = 0;
 
+  RecordArray(EPODRecord k, unsigned int t, uint32_t& c, T*& a)
+      : kind(k), tag(t), count(c), array(a), capacity(a ? c : 0) {}
   unsigned int Pending() const { return read < count ? count - read : 0; }
 };
 
@@ -733,48 +1031,95 @@ struct SceneRecords {
     return n;
   }
 
-  bool AllRead() const {
-    return cameras.read == cameras.count && lights.read == lights.count &&
-           meshes.read == meshes.count && nodes.read == nodes.count &&
-           textures.read == textures.count && materials.read == materials.count;
+  // "" when every count equals the records read, else which one differs first.
+  std::string Mismatch() const {
+    std::string out;
+    auto check = [&out](const char* what, uint32_t count, unsigned int read) {
+      if (out.empty() && count != read)
+        out = std::to_string(count) + " " + what + " declared, " + std::to_string(read) + " held";
+    };
+    check("cameras", cameras.count, cameras.read);
+    check("lights", lights.count, lights.read);
+    check("materials", materials.count, materials.read);
+    check("meshes", meshes.count, meshes.read);
+    check("textures", textures.count, textures.read);
+    check("nodes", nodes.count, nodes.read);
+    return out;
   }
 };
 
-// A record count: every announced record still needs a container of at least 16 bytes in what
-// is left of the file, so a count the file cannot hold fails before anything is allocated. A
-// second count for records that are already allocated is refused rather than leaked.
+// Every record of an array that the reader made, released with the array.
+template <typename T>
+void ReleaseRecordArray(T*& array, uint32_t capacity) {
+  if (array == nullptr) return;
+  for (uint32_t i = 0; i < capacity; ++i) PODModelRelease(array[i]);
+  PODReaderReleased(size_t(capacity) * sizeof(T));
+  free(array);
+  array = nullptr;
+}
+
+// A record count. Every announced record still needs a container of at least 16 bytes in what is
+// left of the file, so a count the file cannot hold fails before anything is allocated.
+//
+// A second count for the same records gives a fresh zeroed array, as the first did, and the
+// running counter goes on from where it was. The earlier array is released rather than leaked;
+// a count of 0 allocates nothing and leaves the array in place, and as nothing reads records
+// beyond the count, what it holds is released there and then.
 template <typename T>
 bool ReadCount(RecordArray<T>& kind, const SceneRecords& all, CSource& src) {
   unsigned int count;
   if (!src.Read(count)) return false;
-  if (kind.array != nullptr) return false;
-  size_t budget = src.GetRemaining() / kMinRecordBytes;
-  size_t others = all.PendingExcept(&kind);
-  if (others > budget || count > budget - others) return false;
-  if (!SafeAlloc(kind.array, count)) return false;
+  if (count == 0) {
+    for (uint32_t i = 0; kind.array != nullptr && i < kind.capacity; ++i)
+      PODModelRelease(kind.array[i]);
+    kind.count = 0;
+    return true;
+  }
+  const size_t budget = src.GetRemaining() / kMinRecordBytes;
+  const size_t others = all.PendingExcept(&kind);
+  const size_t pending = count > kind.read ? count - kind.read : 0;
+  if (others > budget || pending > budget - others)
+    return src.Fail(EPODReadFailure::TooManyRecords, std::to_string(count) + " records");
+  T* fresh = nullptr;
+  if (!SafeAlloc(fresh, count))
+    return src.Fail(EPODReadFailure::OutOfMemory, std::to_string(count) + " records");
+  ReleaseRecordArray(kind.array, kind.capacity);
+  kind.array = fresh;
+  kind.capacity = count;
   kind.count = count;
   return true;
 }
 
 // The next record of a kind goes into the slot given by the number read so far; a record with
-// no slot (before its count, or beyond it) fails the scene at once.
+// no slot in the array (before its count, or beyond the room there is) fails the scene at once.
 template <typename T>
 bool ReadRecord(RecordArray<T>& kind, CSource& src, bool (*parse)(T&, CSource&)) {
-  if (kind.array == nullptr || kind.read >= kind.count) return false;
-  return parse(kind.array[kind.read++], src);
+  const unsigned int slot = kind.read;
+  CSource::Container container(src, kind.kind, slot, kind.tag);
+  if (kind.array == nullptr || slot >= kind.capacity)
+    return src.Fail(EPODReadFailure::RecordWithoutSlot);
+  ++kind.read;
+  return parse(kind.array[slot], src);
 }
 
 }  // namespace
 
 bool ReadScene(SPODScene& s, CSource& src) {
-  SceneRecords r{{s.nNumCamera, s.pCamera},   {s.nNumLight, s.pLight},
-                 {s.nNumMesh, s.pMesh},       {s.nNumNode, s.pNode},
-                 {s.nNumTexture, s.pTexture}, {s.nNumMaterial, s.pMaterial}};
+  CSource::Container container(src, EPODRecord::Scene, 0, PODTag::Scene);
+  SceneRecords r{{EPODRecord::Camera, PODTag::SceneCamera, s.nNumCamera, s.pCamera},
+                 {EPODRecord::Light, PODTag::SceneLight, s.nNumLight, s.pLight},
+                 {EPODRecord::Mesh, PODTag::SceneMesh, s.nNumMesh, s.pMesh},
+                 {EPODRecord::Node, PODTag::SceneNode, s.nNumNode, s.pNode},
+                 {EPODRecord::Texture, PODTag::SceneTexture, s.nNumTexture, s.pTexture},
+                 {EPODRecord::Material, PODTag::SceneMaterial, s.nNumMaterial, s.pMaterial}};
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {
     switch (nName) {
-      case PODTag::Scene | kEnd:
-        return r.AllRead();
+      case PODTag::Scene | kEnd: {
+        const std::string mismatch = r.Mismatch();
+        if (!mismatch.empty()) return src.Fail(EPODReadFailure::CountMismatch, mismatch);
+        return true;
+      }
       case PODTag::SceneClearCol:
         if (!src.Read(s.pfColourBackground)) return false;
         break;
@@ -827,87 +1172,68 @@ bool ReadScene(SPODScene& s, CSource& src) {
         if (!ReadRecord(r.materials, src, ReadMaterial)) return false;
         break;
       default:
-        if (!src.Skip(nLen)) return false;
+        if (!src.SkipBlock(nLen)) return false;
     }
   }
-  return false;
+  return EndedInside(src);
 }
 
 bool Read(SPODScene* pScene, CSource& src, char* pExpOpt, unsigned long count) {
+  // Blocks are tallied only when a scene is read: the options alone walk the scene's blocks at
+  // the top level on purpose.
+  CSource::Container file(src, EPODRecord::File, 0, 0, pScene != nullptr);
   bool bVersionOK = false;
   bool bDone = false;
   // A loaded scene always holds floats: also when a stray scene end marker at the top level
   // ends the file early (the marker is otherwise met only in export-options mode).
   auto finish = [&]() {
     if (pScene && (pScene->nFlags & 1u)) PODModelToggleFixedPoint(*pScene);
-    return bVersionOK && bDone;
+    if (!bVersionOK) return src.Fail(EPODReadFailure::NoVersion);
+    if (!bDone) return src.Fail(pExpOpt ? EPODReadFailure::NoExportOptions : EPODReadFailure::NoScene);
+    return true;
   };
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {
     switch (nName) {
       case PODTag::FormatVersion: {
-        if (nLen != PODTag::kFormatVersionLength) return false;
+        const unsigned int at = src.GetReadLocation();
+        if (nLen != PODTag::kFormatVersionLength)
+          return src.FailAt(EPODReadFailure::BadVersion, at, std::to_string(nLen) + " bytes");
         char* version = nullptr;
-        if (!SafeAlloc(version, nLen)) return false;
-        bool same = src.Read(version, nLen) && memcmp(version, PODTag::kFormatVersion, nLen) == 0;
+        if (!SafeAlloc(version, nLen)) return src.Fail(EPODReadFailure::OutOfMemory);
+        if (!src.Read(version, nLen)) {
+          free(version);
+          return src.Fail(EPODReadFailure::Truncated);
+        }
+        const bool same = memcmp(version, PODTag::kFormatVersion, nLen) == 0;
         free(version);
-        if (!same) return false;
+        if (!same) return src.FailAt(EPODReadFailure::BadVersion, at);
         bVersionOK = true;
         break;
       }
       case PODTag::Scene:
+        // A second scene is read over the first: its counts give fresh arrays, and records
+        // it holds without counts of its own go into the slots from the first on.
         if (pScene) {
-          // One scene per file: its records would otherwise land in slots already filled.
-          if (bDone || !ReadScene(*pScene, src)) return false;
+          if (!ReadScene(*pScene, src)) return false;
           bDone = true;
         }
         break;
       case PODTag::ExportOptions:
         if (!pExpOpt) {
-          if (!src.Skip(nLen)) return false;
+          if (!src.SkipBlock(nLen)) return false;
           break;
         }
-        return src.Read(pExpOpt, static_cast<unsigned int>(count < nLen ? count : nLen));
+        if (!src.Read(pExpOpt, static_cast<unsigned int>(count < nLen ? count : nLen)))
+          return src.Fail(EPODReadFailure::Truncated);
+        return true;
       case PODTag::Scene | kEnd:
         return finish();
       default:
-        if (!src.Skip(nLen)) return false;
+        if (!src.SkipBlock(nLen)) return false;
     }
   }
   return finish();
-}
-
-// ---------------------------------------------------------------------------------------------
-// Parent chains
-
-bool PODCheckParents(const SPODScene& scene) {
-  const unsigned int n = scene.nNumNode;
-  if (n == 0) return true;
-  if (!scene.pNode) return false;
-  // depth[i]: 0 unknown, otherwise 1 + the number of parents above node i. Each chain is walked
-  // once up to a node already measured, then measured on the way back down.
-  std::vector<unsigned int> depth(n, 0);
-  std::vector<unsigned int> chain;
-  for (unsigned int start = 0; start < n; ++start) {
-    chain.clear();
-    unsigned int i = start;
-    unsigned int above = 0;  // depth of the first already-measured ancestor, 0 for none
-    while (depth[i] == 0) {
-      if (chain.size() > n) return false;  // a cycle: more steps than there are nodes
-      chain.push_back(i);
-      int32_t parent = scene.pNode[i].nIdxParent;
-      if (parent < 0) break;
-      if (static_cast<uint32_t>(parent) >= n) return false;
-      i = static_cast<unsigned int>(parent);
-      if (depth[i] != 0) above = depth[i];
-    }
-    for (size_t k = chain.size(); k-- > 0;) {
-      size_t d = above + (chain.size() - k);
-      if (d > kPODMaxParentDepth) return false;
-      depth[chain[k]] = static_cast<unsigned int>(d);
-    }
-  }
-  return true;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -920,15 +1246,22 @@ bool ReadFromSource(CPODScene& scene, CSource& src, char* pExpOpt, unsigned long
   static_cast<SPODScene&>(scene) = SPODScene{};
   scene.m_pImpl = nullptr;
   if (!Read(pExpOpt ? nullptr : &scene, src, pExpOpt, count)) return false;
-  if (!PODCheckParents(scene)) return false;
-  return scene.InitImpl();
+  // Parent chains are not checked here: evaluation walks them without recursion and stops on a
+  // cycle, and whoever converts the scene refuses chains it cannot follow.
+  if (!scene.InitImpl()) return src.Fail(EPODReadFailure::OutOfMemory, "evaluation state");
+  return true;
 }
 
 }  // namespace
 
-bool CPODScene::ReadFromFile(const char* pszFileName, char* pExpOpt, unsigned long count) {
+bool CPODScene::ReadFromFile(const char* pszFileName, char* pExpOpt, unsigned long count,
+                             PODReadReport* report) {
   CSourceStream src;
-  if (!src.Init(pszFileName)) return false;
+  if (!src.Init(pszFileName)) {
+    if (report) report->failure = EPODReadFailure::CannotOpen;
+    return false;
+  }
+  src.SetReport(report);
   // The options alone sit at the start of the file; a scene is read through to its end.
   if (!pExpOpt) src.File()->Prefetch();
   const bool ok = ReadFromSource(*this, src, pExpOpt, count);
@@ -942,9 +1275,13 @@ bool CPODScene::ReadFromFile(const char* pszFileName, char* pExpOpt, unsigned lo
 }
 
 bool PODReadFromBytes(CPODScene& scene, const void* pData, size_t nSize, char* pExpOpt,
-                      unsigned long count) {
-  if (nSize >= 0xFFFFFFFFu) return false;
+                      unsigned long count, PODReadReport* report) {
+  if (nSize >= 0xFFFFFFFFu) {
+    if (report) report->failure = EPODReadFailure::CannotOpen;
+    return false;
+  }
   CSourceStream src;
   src.InitFromMemory(pData, static_cast<unsigned int>(nSize));
+  src.SetReport(report);
   return ReadFromSource(scene, src, pExpOpt, count);
 }

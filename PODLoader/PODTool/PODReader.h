@@ -1,13 +1,19 @@
 #pragma once
 // Loading POD files: the byte source the parser reads through, the whole-file buffer behind it,
 // and one parse routine per record kind. Every routine returns false on any problem and prints
-// nothing; whatever a file holds, nothing is read or written outside an allocation.
+// nothing; whatever a file holds, nothing is read or written outside an allocation. A source
+// given a report (PODReadReport.h) also says why a read stopped and which blocks were irregular.
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "PODModel.h"
+#include "PODReadReport.h"
+
+// The containers of the format, as the report names them.
+enum class EPODRecord : uint8_t { File, Scene, Camera, Light, Material, Mesh, Node, Texture, Stream };
 
 // Abstract byte source of the parser. Reads are all-or-nothing.
 class CSource {
@@ -46,6 +52,52 @@ class CSource {
   bool ReadAfterAlloc(float*& p, unsigned int nLen, size_t& nSize);
   bool ReadAfterAlloc(uint32_t*& p, unsigned int nLen, size_t& nSize);
   bool ReadAfterAlloc(int32_t*& p, unsigned int nLen, size_t& nSize);
+
+  // Skips a block's payload; a payload running past the end of the data fails the read.
+  bool SkipBlock(unsigned int nLen);
+
+  // ---- What the report is told (nothing happens without one).
+  void SetReport(PODReadReport* report) { m_pReport = report; }
+  // Records why the read fails, with the record being read and the read position; the first
+  // reason given wins, as the innermost parser meets it first. Returns false for `return`.
+  bool Fail(EPODReadFailure why, const std::string& detail = std::string());
+  // The same for something that began at byte `at` of the file.
+  bool FailAt(EPODReadFailure why, unsigned int at, const std::string& detail = std::string());
+  // A block that a complete file would have, or would not have here, in the record being read.
+  void Irregular(const std::string& text);
+  // Whether the record being read has met a block of this tag so far.
+  bool HasSeen(unsigned int nTag) const;
+
+  // The container being read, for as long as its parser runs: markers read meanwhile are
+  // tallied for it, and the blocks it must hold are checked when its end marker has come.
+  class Container {
+   public:
+    // `tally` false: nothing is tallied (the options alone walk the scene's blocks unchecked).
+    Container(CSource& src, EPODRecord kind, int64_t index, unsigned int nTag, bool tally = true);
+    ~Container();
+    Container(const Container&) = delete;
+    Container& operator=(const Container&) = delete;
+
+   private:
+    CSource& m_src;
+    bool m_pushed;
+  };
+
+ private:
+  struct Open {
+    EPODRecord kind;
+    int64_t index;      // record index; for a stream, its container tag is `tag`
+    unsigned int tag;   // the container's own tag (0 for the file)
+    uint32_t seen;      // bit k: block first + k of this kind has come
+    bool started;       // any marker read inside it yet
+    bool ended;         // its own end marker has come
+  };
+  void NoteMarker(unsigned int nName, unsigned int nLen, unsigned int at);
+  std::string Where() const;
+  std::string Describe(const Open& open) const;
+
+  PODReadReport* m_pReport = nullptr;
+  std::vector<Open> m_open;
 };
 
 // One whole file (or a caller's bytes) in memory. A file is mapped privately rather than copied
@@ -121,6 +173,8 @@ class CSourceStream : public CSource {
 // Every allocation the reader makes goes through here (zero-filled) and is counted, so a test
 // or a fuzzer can hold the reader to a small multiple of the file size.
 void* PODReaderCalloc(size_t count, size_t size);
+// Bytes of such allocations the reader released again (records it dropped): they no longer count.
+void PODReaderReleased(size_t bytes);
 size_t PODReaderAllocatedBytes();
 void PODReaderResetAllocatedBytes();
 
@@ -146,13 +200,7 @@ bool ReadTexture(SPODTexture& s, CSource& src);
 bool ReadMaterial(SPODMaterial& s, CSource& src);
 bool ReadCPODData(CPODData& s, CSource& src, unsigned int nSpec, bool bValidData);
 
-// True when every parent index lies inside the node array (negative: a root) and every chain
-// of parents ends at a root within kPODMaxParentDepth steps. Frame evaluation walks these
-// chains recursively, so a cycle or an absurd depth must not reach it.
-constexpr unsigned int kPODMaxParentDepth = 4096;
-bool PODCheckParents(const SPODScene& scene);
-
 // What ReadFromFile does once the file's bytes are in memory: the same steps on bytes the
 // caller keeps (for tools and fuzzing).
 bool PODReadFromBytes(CPODScene& scene, const void* pData, size_t nSize, char* pExpOpt,
-                      unsigned long count);
+                      unsigned long count, PODReadReport* report = nullptr);

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "PODModel.h"
+#include "PODReadReport.h"
 #include "QelSceneGraphModel.h"
 #include "SceneGraphConverter.h"
 #include "SceneGraphWritter.h"
@@ -26,11 +27,33 @@ namespace {
 
 const unsigned long kExportOptionsSize = 2048;
 
+// Standard output carries the tool's exact texts; everything else goes to standard error, after
+// what standard output holds so far.
+void Say(const std::string& line) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+void Warn(const std::string& file, const std::string& text) {
+  Say("Korvex: warning: " + file + ": " + text);
+}
+
 // Ends the run for a scene the pipeline cannot process safely.
 int Refuse(const CPODScene& scene, const SceneCheck& check, const std::string& file) {
-  std::fflush(stdout);
-  std::fprintf(stderr, "%s\n", DescribeSceneCheck(scene, check, file).c_str());
+  Say(DescribeSceneCheck(scene, check, file));
   return 1;
+}
+
+// A damaged input is converted as far as it was read, but never in silence: why and where the
+// read stopped, and the blocks a complete file would have had (or not had) where they were.
+void WarnAboutRead(const std::string& file, bool read, const PODReadReport& report) {
+  if (!read) Warn(file, report.DescribeFailure() + "; converting what was read");
+  const size_t kShown = 10;
+  for (size_t i = 0; i < report.irregularities.size() && i < kShown; ++i)
+    Warn(file, report.irregularities[i]);
+  if (report.irregularityCount > kShown)
+    Warn(file, "and " + std::to_string(report.irregularityCount - kShown) +
+                   " more irregular blocks");
 }
 
 // The input and intermediate files are mapped rather than copied into memory. Should another
@@ -91,7 +114,7 @@ int main(int argc, char** argv) {
   // buffer stays terminated when the writer measures it.
   char* exportOptions = static_cast<char*>(std::calloc(kExportOptionsSize + 1, 1));
   if (exportOptions == nullptr) {
-    std::fprintf(stderr, "Korvex: out of memory\n");
+    Say("Korvex: out of memory");
     return 1;
   }
 
@@ -116,34 +139,45 @@ int main(int argc, char** argv) {
   fileName.replace(fileName.rfind('.'), 5, ".PODx");
   const std::string intermediatePath = directory + fileName;
 
-  if (!inputScene.ReadFromFile(inputPath.c_str(), exportOptions, kExportOptionsSize)) {
+  PODReadReport optionsReport;
+  if (!inputScene.ReadFromFile(inputPath.c_str(), exportOptions, kExportOptionsSize,
+                               &optionsReport)) {
     std::printf("Invalid input file\n");
+    Say("Korvex: " + inputPath + ": " + optionsReport.DescribeFailure());
     std::free(exportOptions);
     return 1;
   }
   inputScene.Destroy();  // the options call leaves an evaluation state behind
-  const bool inputRead = inputScene.ReadFromFile(inputPath.c_str());
+  PODReadReport inputReport;
+  const bool inputRead = inputScene.ReadFromFile(inputPath.c_str(), nullptr, 0, &inputReport);
   if (!inputRead) ReleaseAtExit(inputScene);
+  WarnAboutRead(inputPath, inputRead, inputReport);
 
-  // A scene that would be refused later is refused before it is edited. After a failed read
-  // only what the edits and the save touch is checked: the rest is settled by the save (which
-  // may refuse the partial scene) and by the check of the reloaded scene.
+  // Each step's data is checked before the step runs, so that a scene that would be refused is
+  // refused before anything is written. After a failed read the conversion's needs are left to
+  // the check of the reloaded scene: the save settles what the partial scene becomes.
   SceneCheck check = CheckSceneForEdits(inputScene, reduction);
-  if (!check.found() && !check.assertionAhead && inputRead)
-    check = CheckSceneForConversion(inputScene, true);
+  if (check.found()) {
+    std::free(exportOptions);
+    return Refuse(inputScene, check, inputPath);
+  }
+  for (const std::string& warning : check.warnings) Warn(inputPath, warning);
+
+  renameMeshTextureName(&inputScene);
+  if (reduction) reduceMeshVertexForSave(&inputScene, nearly);
+
+  check = CheckSceneForSave(inputScene);
+  if (!check.found() && inputRead) check = CheckSceneForConversion(inputScene, true);
   if (check.found()) {
     std::free(exportOptions);
     return Refuse(inputScene, check, inputPath);
   }
 
-  renameMeshTextureName(&inputScene);
-  if (reduction) reduceMeshVertexForSave(&inputScene, nearly);
-
   // The input's stream arrays stay in its file, which saving truncates when the intermediate file
   // is the input itself (an input named like its intermediate file, or a link to it): then they
   // are copied out first.
   if (SameFile(inputPath, intermediatePath) && !PODModelOwnBorrowedArrays(inputScene)) {
-    std::fprintf(stderr, "Korvex: out of memory\n");
+    Say("Korvex: out of memory");
     std::free(exportOptions);
     return 1;
   }
@@ -153,7 +187,9 @@ int main(int argc, char** argv) {
 
   reloadedScene.ReadFromFile(intermediatePath.c_str(), exportOptions, kExportOptionsSize);
   reloadedScene.Destroy();
-  const bool reloadSucceeded = reloadedScene.ReadFromFile(intermediatePath.c_str());
+  PODReadReport reloadReport;
+  const bool reloadSucceeded =
+      reloadedScene.ReadFromFile(intermediatePath.c_str(), nullptr, 0, &reloadReport);
   if (!reloadSucceeded) ReleaseAtExit(reloadedScene);
 
   int status = 0;
@@ -180,6 +216,13 @@ int main(int argc, char** argv) {
     delete model;
   } else {
     std::printf("Invalid input file or save file\n");
+    if (!saveSucceeded)
+      Say("Korvex: " + intermediatePath +
+          ": the edited scene could not be written (a node or material without a name, or a "
+          "failed write)");
+    else
+      Say("Korvex: " + intermediatePath + ": reading it back failed: " +
+          reloadReport.DescribeFailure());
   }
   std::free(exportOptions);
   return status;

@@ -1,10 +1,12 @@
 #include "SceneValidation.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "AnimationValidation.h"
+#include "PODMeshWeld.h"
 #include "PODModel.h"
 
 namespace {
@@ -43,12 +45,16 @@ class Checker {
     return true;
   }
 
-  bool nodeKindCounts() {
-    if (uint64_t(s.nNumMeshNode) + s.nNumLight + s.nNumCamera > s.nNumNode)
-      return fail(-1, std::to_string(s.nNumMeshNode) + " mesh, " + std::to_string(s.nNumLight) +
-                          " light and " + std::to_string(s.nNumCamera) +
-                          " camera nodes do not fit in " + std::to_string(s.nNumNode) + " nodes");
-    return true;
+  // A weld decided for `mesh` rebuilds stream `d` as the scene is saved: whatever the old stream
+  // holds, the saved one holds as many elements as the mesh then has vertices.
+  static bool Rebuilt(const SPODMesh& mesh, const CPODData& d) {
+    if (mesh.pWeld == nullptr) return false;
+    for (EPODWeldStream w : {EPODWeldStream::Vertex, EPODWeldStream::Normals, EPODWeldStream::UVW0,
+                             EPODWeldStream::UVW1, EPODWeldStream::BoneIdx,
+                             EPODWeldStream::BoneWeight}) {
+      if (PODMeshWeldedStream(mesh, *mesh.pWeld, w) == &d) return true;
+    }
+    return false;
   }
 
   // `bytes` of a stream's own array are needed; an interleaved stream owns none.
@@ -115,10 +121,14 @@ class Checker {
     if (mesh.sVertex.eType != EPODDataFloat || mesh.sVertex.n != 3 || mesh.sVertex.nStride != 12)
       return assertionAhead();
     const uint64_t v = mesh.nNumVertex;
-    if (!streamCovers(i, mesh, mesh.sVertex, v * 12, "position stream")) return false;
+    if (!Rebuilt(mesh, mesh.sVertex) &&
+        !streamCovers(i, mesh, mesh.sVertex, v * 12, "position stream"))
+      return false;
     const uint64_t normalBytes = v * mesh.sNormals.n * 4;
     if (normalBytes > UINT32_MAX) return fail(i, "normal stream is too large");
-    if (!streamCovers(i, mesh, mesh.sNormals, normalBytes, "normal stream")) return false;
+    if (!Rebuilt(mesh, mesh.sNormals) &&
+        !streamCovers(i, mesh, mesh.sNormals, normalBytes, "normal stream"))
+      return false;
     if (!streamFaces(i, mesh)) return false;
     if (n.nIdxMaterial >= 0) {
       const uint32_t sets = mesh.nNumUVW > 2 ? 2 : mesh.nNumUVW;
@@ -126,7 +136,8 @@ class Checker {
         return fail(i, "mesh declares " + std::to_string(mesh.nNumUVW) +
                            " texture-coordinate sets but stores fewer");
       for (uint32_t k = 0; k < sets; ++k) {
-        if (!streamCovers(i, mesh, mesh.psUVW[k], v * 8,
+        if (!Rebuilt(mesh, mesh.psUVW[k]) &&
+            !streamCovers(i, mesh, mesh.psUVW[k], v * 8,
                           "texture-coordinate set " + std::to_string(k)))
           return false;
       }
@@ -285,13 +296,13 @@ class Checker {
                                  &mesh.sBinormals, &mesh.sVtxColours, &mesh.sBoneIdx,
                                  &mesh.sBoneWeight};
     for (const CPODData* d : streams) {
-      if (d->pData != nullptr && d->nDataSize < v * d->nStride)
+      if (!Rebuilt(mesh, *d) && d->pData != nullptr && d->nDataSize < v * d->nStride)
         return fail(-1, which + "a vertex stream is shorter than its " + std::to_string(v) +
                             " vertices");
     }
     for (uint32_t k = 0; k < mesh.nNumUVW; ++k) {
       const CPODData& d = mesh.psUVW[k];
-      if (d.pData != nullptr && d.nDataSize < v * d.nStride)
+      if (!Rebuilt(mesh, d) && d.pData != nullptr && d.nDataSize < v * d.nStride)
         return fail(-1, which + "texture-coordinate set " + std::to_string(k) +
                             " is shorter than its " + std::to_string(v) + " vertices");
     }
@@ -299,12 +310,12 @@ class Checker {
   }
 
   // Parent indices in range and no chain that loops (each node has one parent, so following
-  // parents with three colours visits every node once).
+  // parents with three colours visits every node once). Any negative index means no parent.
   bool parents() {
     const uint32_t count = s.nNumNode;
     for (uint32_t i = 0; i < count; ++i) {
       const int32_t p = s.pNode[i].nIdxParent;
-      if (p < -1 || (p >= 0 && uint32_t(p) >= count))
+      if (p >= 0 && uint32_t(p) >= count)
         return fail(i, "parent index " + std::to_string(p) + " is out of range (" +
                            std::to_string(count) + " nodes)");
     }
@@ -316,6 +327,7 @@ class Checker {
         state[i] = kOnPath;
         i = s.pNode[i].nIdxParent;
       }
+      if (i < 0) i = -1;
       if (i >= 0 && state[i] == kOnPath) return fail(i, "parent chain loops back to this node");
       for (int64_t j = start; j >= 0 && state[j] == kOnPath; j = s.pNode[j].nIdxParent)
         state[j] = kDone;
@@ -332,13 +344,36 @@ class Checker {
 SceneCheck CheckSceneForEdits(const CPODScene& scene, bool reduction) {
   SceneCheck out;
   Checker c(scene, out);
-  // In the order of the edits: the renaming walks the texture array, the reduction may stop at
-  // its assertion, the save reads everything.
+  // The renaming walks the texture array; a texture without a name is renamed like an empty one.
   if (scene.nNumTexture != 0 && scene.pTexture == nullptr) {
     c.fail(-1, std::to_string(scene.nNumTexture) + " textures declared but none stored");
     return out;
   }
-  if (reduction && !c.reductionAssertion()) return out;
+  std::string nameless;
+  uint32_t namelessCount = 0;
+  for (uint32_t t = 0; t < scene.nNumTexture; ++t) {
+    if (scene.pTexture[t].pszName != nullptr) continue;
+    if (++namelessCount <= 8) nameless += (nameless.empty() ? "" : ", ") + std::to_string(t);
+  }
+  if (namelessCount > 8) nameless += ", ...";
+  if (namelessCount == 1)
+    out.warnings.push_back("texture " + nameless + " has no name; it is renamed \".qimg\"");
+  else if (namelessCount > 1)
+    out.warnings.push_back(std::to_string(namelessCount) + " textures (" + nameless +
+                           ") have no name; each is renamed \".qimg\"");
+  if (!reduction) return out;
+  // The reduction visits the mesh nodes in order and may stop at its assertion; past the node
+  // array there is nothing it could visit.
+  if (!c.reductionAssertion()) return out;
+  if (scene.nNumMeshNode != 0 && (scene.pNode == nullptr || scene.nNumMeshNode > scene.nNumNode))
+    c.fail(-1, std::to_string(scene.nNumMeshNode) + " mesh nodes declared, but the scene holds " +
+                   std::to_string(scene.pNode ? scene.nNumNode : 0) + " nodes");
+  return out;
+}
+
+SceneCheck CheckSceneForSave(const CPODScene& scene) {
+  SceneCheck out;
+  Checker c(scene, out);
   if (c.recordArrays()) c.savedScene();
   return out;
 }
@@ -346,10 +381,10 @@ SceneCheck CheckSceneForEdits(const CPODScene& scene, bool reduction) {
 SceneCheck CheckSceneForConversion(const CPODScene& scene, bool beforeSave) {
   SceneCheck out;
   Checker c(scene, out);
-  if (!c.recordArrays() || !c.nodeKindCounts()) return out;
+  if (!c.recordArrays()) return out;
   const uint64_t meshEnd = scene.nNumMeshNode;
   const uint64_t lightEnd = meshEnd + scene.nNumLight;
-  const uint64_t cameraEnd = lightEnd + scene.nNumCamera;
+  const uint64_t cameraEnd = std::min<uint64_t>(lightEnd + scene.nNumCamera, scene.nNumNode);
   for (uint64_t i = 0; i < cameraEnd; ++i) {
     const bool ok = i < meshEnd    ? c.meshNode(int64_t(i), beforeSave)
                     : i < lightEnd ? c.lightNode(int64_t(i), beforeSave)

@@ -8,6 +8,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -54,8 +55,12 @@ bool FinalAssertionsFail(const CPODScene& s) {
   std::set<std::string> definitions;
   std::set<int32_t> materials;
   std::vector<std::string> mapped;
-  uint32_t headers = s.nNumLight + s.nNumCamera;
-  for (uint32_t i = 0; i < s.nNumMeshNode; ++i) {
+  // Only the nodes there are get headers.
+  const uint64_t meshEnd = std::min<uint64_t>(s.nNumMeshNode, s.nNumNode);
+  const uint64_t cameraEnd =
+      std::min<uint64_t>(uint64_t(s.nNumMeshNode) + s.nNumLight + s.nNumCamera, s.nNumNode);
+  uint32_t headers = static_cast<uint32_t>(cameraEnd - meshEnd);
+  for (uint32_t i = 0; i < meshEnd; ++i) {
     const SPODNode& node = s.pNode[i];
     if (IsLightMapDefinition(node.pszName)) {
       definitions.insert(node.pszName);
@@ -102,7 +107,7 @@ bool BoxAssertionFails(CPODScene& s) {
   converter.mScene = &s;
   PODMATRIXf identity;
   PODMatrixIdentityF(identity);
-  for (uint32_t i = 0; i < s.nNumMeshNode; ++i) {
+  for (uint32_t i = 0; i < s.nNumMeshNode && i < s.nNumNode; ++i) {
     const SPODNode& node = s.pNode[i];
     if (IsLightMapDefinition(node.pszName) || StartsWith(node.pszName, "MARKER")) continue;
     const SPODMesh& mesh = s.pMesh[node.nIdx];
@@ -151,12 +156,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   SceneCheck check = CheckSceneForEdits(inputScene, reduction);
   if (check.found() || check.assertionAhead) return 0;
+  renameMeshTextureName(&inputScene);
+  if (reduction) reduceMeshVertexForSave(&inputScene, nearly);
+  check = CheckSceneForSave(inputScene);
+  if (check.found()) return 0;
   if (inputRead) {
     check = CheckSceneForConversion(inputScene, true);
     if (check.found()) return 0;
   }
-  renameMeshTextureName(&inputScene);
-  if (reduction) reduceMeshVertexForSave(&inputScene, nearly);
   const bool saved = inputScene.SavePOD(intermediate.c_str(), options);
 
   CPODScene reloaded;

@@ -77,6 +77,7 @@ bool ImportAndWrite(const std::string& input, const std::string& output,
   // The scene must pass the checks Korvex makes before it converts; a failure here is a fault of
   // this tool, reported rather than written.
   SceneCheck check = CheckSceneForEdits(pod, false);
+  if (!check.found()) check = CheckSceneForSave(pod);
   if (!check.found()) check = CheckSceneForConversion(pod, false);
   if (check.found() || check.assertionAhead) {
     error = "cannot convert " + input + ": the scene made of it would not pass Korvex (" +

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -232,7 +233,14 @@ void CameraTargetWithoutPosition(PODSceneBuilder& b) {
   b.AddNode("Target");
 }
 
-TEST(Driver, ScenesThatCannotBeConvertedAreRefusedBeforeTheyAreEdited) {
+// The last line of standard error (warnings about the input may come before it).
+std::string LastLine(const std::string& err) {
+  const size_t end = err.size() > 0 && err.back() == '\n' ? err.size() - 1 : err.size();
+  const size_t start = err.rfind('\n', end == 0 ? 0 : end - 1);
+  return err.substr(start == std::string::npos ? 0 : start + 1, end - (start == std::string::npos ? 0 : start + 1));
+}
+
+TEST(Driver, ScenesThatCannotBeConvertedAreRefusedBeforeAnythingIsWritten) {
   const struct {
     const char* name;
     void (*build)(PODSceneBuilder&);
@@ -248,12 +256,54 @@ TEST(Driver, ScenesThatCannotBeConvertedAreRefusedBeforeTheyAreEdited) {
     TempDir dir;
     const std::string input = SaveAs(dir, c.name, c.build);
     const RunResult r = Korvex({"-r0", input});
-    EXPECT_EQ(r.out, "Converting " + input + "\n");  // neither renamed nor welded
-    EXPECT_EQ(r.err, "Korvex: " + input + ": " + c.problem + "\n");
+    EXPECT_EQ(r.out.find("Invalid"), std::string::npos) << r.out;
+    EXPECT_EQ(LastLine(r.err), "Korvex: " + input + ": " + c.problem);
     EXPECT_EQ(r.exitStatus, 1);
     EXPECT_FALSE(FileExists(dir.file(std::string(c.name) + ".PODx")));
     EXPECT_FALSE(FileExists(dir.file(std::string(c.name) + ".qsn")));
   }
+}
+
+// What the pipeline's steps define, odd as the data may be, is carried out rather than refused.
+void ParentBelowMinusOne(PODSceneBuilder& b) {
+  b.AddMaterial("M", -1);
+  b.AddMeshNode("Box", AddTriangle(b), 0, -2);  // any negative index means no parent
+}
+
+TEST(Driver, AParentIndexBelowMinusOneIsNoParent) {
+  TempDir dir;
+  const std::string input = SaveAs(dir, "parent", ParentBelowMinusOne);
+  const RunResult r = Korvex({input});
+  EXPECT_EQ(r.exitStatus, 0) << r.err;
+  EXPECT_TRUE(FileExists(dir.file("parent.qsn")));
+}
+
+// More mesh nodes declared than there are nodes: the conversion visits the nodes there are and
+// ends on its header count; the reduction would visit nodes that do not exist, so with welding
+// the scene is refused instead.
+TEST(Driver, MoreMeshNodesThanNodesEndOnTheHeaderCountOrAreRefusedForWelding) {
+  TempDir dir;
+  PODSceneBuilder b;
+  b.AddMaterial("M", -1);
+  b.AddMeshNode("Box", AddTriangle(b), 0);
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+  scene.nNumMeshNode = 2;
+  const std::string input = dir.file("count.pod");
+  ASSERT_TRUE(scene.SavePOD(input.c_str(), "options"));
+
+  RunResult r = Korvex({input});
+  EXPECT_EQ(r.exitStatus, kAbort);
+  EXPECT_NE(r.err.find("convertFromPOD: Assertion `header->totalNodeNumber"), std::string::npos)
+      << r.err;
+  EXPECT_FALSE(FileExists(dir.file("count.qsn")));
+
+  ASSERT_EQ(std::remove(dir.file("count.PODx").c_str()), 0);  // written before the assertion
+  r = Korvex({"-r0", input});
+  EXPECT_EQ(r.exitStatus, 1);
+  EXPECT_EQ(LastLine(r.err),
+            "Korvex: " + input + ": 2 mesh nodes declared, but the scene holds 1 nodes");
+  EXPECT_FALSE(FileExists(dir.file("count.PODx")));
 }
 
 }  // namespace

@@ -182,7 +182,8 @@ TEST(PODReadReport, AFileAsTheWriterMakesItHasNoIrregularity) {
   EXPECT_EQ(l.report.irregularityCount, 0u) << ::testing::PrintToString(l.report.irregularities);
 
   // Blocks the format does not know are passed over in silence: later files may hold more.
-  const Span& node = Find(podtest::Spans(full), 2013);
+  const std::vector<Span> spans = podtest::Spans(full);
+  const Span& node = Find(spans, 2013);
   std::vector<uint8_t> junk = full;
   const Bytes unknown = Bytes().blockStr(7777, "later");
   junk.insert(junk.begin() + node.begin + 8, unknown.v.begin(), unknown.v.end());

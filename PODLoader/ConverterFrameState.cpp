@@ -51,9 +51,7 @@ void ConverterFrameState::bakedRotationMatrix(PODMATRIXf& out, const SPODNode& n
   PODQUATERNIONf q = korvex::RotationKey(node, 0);
   if (node.nAnimFlags & ePODHasRotationAni) {
     const SPODImpl& state = *m_scene->m_pImpl;
-    PODMatrixQuaternionSlerpF(q, korvex::RotationKey(node, state.nFrameIndex),
-                              korvex::RotationKey(node, int64_t{state.nFrameIndex} + 1),
-                              state.fFrameBlend);
+    q = korvex::RotationBetweenKeys(node, state.nFrameIndex, state.fFrameBlend);
   }
   PODMatrixRotationQuaternionF(out, q);
 }

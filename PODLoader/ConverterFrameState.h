@@ -36,8 +36,8 @@ class ConverterFrameState {
   }
 
   // The rotation rule both baking converters share: no rotation array means no rotation, flag 2
-  // slerps keys n and n + 1, a clear flag takes key 0 (the scene's own rule takes the static
-  // pfRotation there instead).
+  // takes the rotation between keys n and n + 1 as the scene does, a clear flag takes key 0 (the
+  // scene's own rule takes the static pfRotation there instead).
   void bakedRotationMatrix(PODMATRIXf& out, const SPODNode& node) const;
 
   CPODScene* m_scene = nullptr;

@@ -12,6 +12,7 @@
 
 #include "PODSceneBuilder.h"
 #include "QelSceneGraphModel.h"
+#include "RotationReference.h"
 #include "SceneGraphConverter.h"
 #include "SceneGraphWritter.h"
 #include "SceneValidation.h"
@@ -283,6 +284,43 @@ TEST(ConvertAnimatedScene, EachRecordCopiesTheFrameStateItsPredecessorLeft) {
   EXPECT_EQ(model.animationmeshnode[0]->evalFrame, 0.0f);
   EXPECT_EQ(model.animationcameranode[0]->evalFrame, kFrames - 1.0f);
   EXPECT_EQ(model.animationcameranode[0]->evalFrameIndex, kFrames - 1);
+}
+
+// A baked mesh and a baked camera whose rotation keys are not of unit length: the last frame,
+// which has no later key, holds the last key normalised; frame 1, a pair with angle 0, keeps
+// (0.5, 0, 0, 1) as it is.
+TEST(ConvertAnimatedScene, BakedRotationAtTheLastFrameIsTheLastKeyNormalised) {
+  const PODQUATERNIONf identity{0, 0, 0, 1}, middle{0.5f, 0, 0, 1}, last{0, 0, 0.5f, 1};
+  const std::vector<float> keys = {0, 0, 0, 1, middle.x, middle.y, middle.z, middle.w,
+                                   last.x, last.y, last.z, last.w};
+  PODSceneBuilder b;
+  b.SetNumFrames(3);
+  const int mesh = b.AddMesh(2);
+  b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 2, 0, 0});
+  b.SetFaces(mesh, {0, 1, 1});
+  b.SetAnimRotation(b.AddMeshNode("prop", mesh), keys);
+  b.SetAnimRotation(b.AddCameraNode("cam", 0.8f, 1, 500), keys);
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+  QelSceneGraphModel model;
+  SceneGraphConverter converter(&model);
+  ASSERT_TRUE(converter.convertFromPOD(&scene, "turn.PODx"));
+  ASSERT_EQ(model.animationmeshnode.size(), 1u);
+  ASSERT_EQ(model.animationcameranode.size(), 1u);
+
+  const PODQUATERNIONf expected[] = {identity, middle, korvex_test::ReferenceNormalised(last)};
+  const std::pair<const char*, const SSGNodeData*> tables[] = {
+      {"mesh", &model.animationmeshnode[0]->animMatrixbuffer},
+      {"camera", &model.animationcameranode[0]->animMatrixbuffer}};
+  for (const auto& [what, table] : tables) {
+    SCOPED_TRACE(what);
+    ASSERT_EQ(table->length, 3u * 64);
+    for (int f = 0; f < 3; ++f) {
+      SCOPED_TRACE(f);
+      EXPECT_TRUE(korvex_test::SameBits(korvex_test::MatrixAt(table->data, size_t(f)),
+                                        korvex_test::ReferenceRotation(expected[f])));
+    }
+  }
 }
 
 }  // namespace

@@ -5,8 +5,12 @@
 
 #include "PODModel.h"
 #include "PODSceneBuilder.h"
+#include "RotationReference.h"
 
 using korvex::PODSceneBuilder;
+using korvex_test::ReferenceNormalised;
+using korvex_test::ReferenceRotation;
+using korvex_test::SameBits;
 
 namespace {
 
@@ -99,6 +103,53 @@ TEST(PODEvaluation, LastFrameEqualsLastKeyWithoutReadingPastTheArray) {
   ExpectNear(Position(scene, shortNode), 9, 8, 7, 0);
   scene.SetFrame(0.5f);
   ExpectNear(Position(scene, brokenNode), 4, 5, 6, 0);
+}
+
+// Exported keys are seldom of unit length. Where a rotation has no key n + 1 (the last frame, a
+// single key) the result is key n normalised, while a pair of keys that exists is slerped as it
+// always was: here (0.5, 0, 0, 1) against (0, 0, 0.5, 1) has angle 0 and stays unnormalised.
+TEST(PODEvaluation, RotationWithoutALaterKeyIsItsKeyNormalised) {
+  const PODQUATERNIONf identity{0, 0, 0, 1}, middle{0.5f, 0, 0, 1}, last{0, 0, 0.5f, 1},
+      unit{0.5f, 0.5f, 0.5f, 0.5f};
+  PODSceneBuilder b;
+  b.SetNumFrames(3);
+  const int longer = b.AddNode("non-unit keys");
+  b.SetAnimRotation(longer, {0, 0, 0, 1, middle.x, middle.y, middle.z, middle.w, last.x, last.y,
+                             last.z, last.w});
+  const int unitLast = b.AddNode("unit last key");
+  b.SetAnimRotation(unitLast, {0, 0, 0, 1, 0, 0, 0, 1, unit.x, unit.y, unit.z, unit.w});
+  const int single = b.AddNode("single key");
+  b.SetAnimRotation(single, {last.x, last.y, last.z, last.w});
+  CPODScene scene;
+  ASSERT_TRUE(b.Build(scene));
+
+  struct Case {
+    const char* what;
+    int node;
+    int32_t index;
+    float blend;
+    PODQUATERNIONf expected;
+  };
+  const Case cases[] = {
+      {"last frame", longer, 2, 0.0f, ReferenceNormalised(last)},
+      {"earlier frame, both keys present", longer, 1, 0.0f, middle},
+      {"half a frame past the last", longer, 2, 0.5f, ReferenceNormalised(last)},
+      {"last frame, weight above 1", longer, 2, 1.5f, identity},
+      {"last frame, unit-length key as before", unitLast, 2, 0.0f, unit},
+      {"single key read at frame 1", single, 1, 0.0f, ReferenceNormalised(last)},
+      {"single key, negative weight", single, 0, -0.5f, identity},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    scene.m_pImpl->nFrameIndex = c.index;
+    scene.m_pImpl->fFrameBlend = c.blend;
+    const PODMATRIXf expected = ReferenceRotation(c.expected);
+    PODMATRIXf rotation, world;
+    scene.GetRotationMatrix(rotation, scene.pNode[c.node]);
+    scene.GetWorldMatrixNoCache(world, scene.pNode[c.node]);
+    EXPECT_TRUE(SameBits(rotation, expected));
+    EXPECT_TRUE(SameBits(world, expected));
+  }
 }
 
 // The frame-0 cache reuses parents' matrices; it must equal the from-scratch product bit for bit,

@@ -5,12 +5,16 @@
 #include <vector>
 
 #include "PODSceneBuilder.h"
+#include "RotationReference.h"
 #include "SkeletonNodeConverter.h"
 
 namespace {
 
 using korvex::PODSceneBuilder;
 using korvex::PODStream;
+using korvex_test::ReferenceNormalised;
+using korvex_test::ReferenceRotation;
+using korvex_test::SameBits;
 
 // A skinned two-vertex mesh node 0 with identity bind keys;
 // then the bones hip (a root) and knee (below hip). The record holds the static volumes the mesh
@@ -88,6 +92,33 @@ TEST(SkeletonNodeConverter, BoneMatricesAtFrameZeroAreIdentityWhenFirstKeysMatch
   for (int slot = 0; slot < 2; ++slot) {
     const std::vector<float> m = s.matrix(slot, 0);
     for (int e = 0; e < 16; ++e) EXPECT_NEAR(m[e], e % 5 == 0 ? 1.0f : 0.0f, 1e-5f) << e;
+  }
+}
+
+// The bind pose and the bone's frame-0 pose are the identity, so each bone matrix is the bone's
+// rotation alone. Its keys are not of unit length: at the last frame (no key after it) the key is
+// normalised; at frame 1 the pair (0.5, 0, 0, 1), (0, 0, 0.5, 1) has angle 0 and is kept as is.
+TEST(SkeletonNodeConverter, ABonesLastKeyIsNormalisedInItsMatrixAndTheVolumes) {
+  const PODQUATERNIONf identity{0, 0, 0, 1}, middle{0.5f, 0, 0, 1}, last{0, 0, 0.5f, 1};
+  Skin s(3);
+  s.b.SetAnimRotation(s.hip, {0, 0, 0, 1, middle.x, middle.y, middle.z, middle.w, last.x, last.y,
+                              last.z, last.w});
+  s.convert({s.hip});
+  const PODQUATERNIONf expected[] = {identity, middle, ReferenceNormalised(last)};
+  for (int f = 0; f < 3; ++f) {
+    SCOPED_TRACE(f);
+    const PODMATRIXf m = korvex_test::MatrixAt(s.r->sBoneWorldMatrixbuffer.data, size_t(f));
+    const PODMATRIXf r = ReferenceRotation(expected[f]);
+    EXPECT_TRUE(SameBits(m, r));
+    // One bone: the sphere centre (1, 0, 0) and the box centre (0, 2, 0), carried by it.
+    const std::vector<float> sphere = s.floats(s.r->sSpherebuffer, 6 * size_t(f), 6);
+    EXPECT_EQ(sphere[1], 1 * r.f[0] + 0 * r.f[4] + 0 * r.f[8] + r.f[12]);
+    EXPECT_EQ(sphere[2], 1 * r.f[1] + 0 * r.f[5] + 0 * r.f[9] + r.f[13]);
+    EXPECT_EQ(sphere[3], 1 * r.f[2] + 0 * r.f[6] + 0 * r.f[10] + r.f[14]);
+    const std::vector<float> box = s.floats(s.r->sAABBbuffer, 11 * size_t(f), 11);
+    EXPECT_EQ(box[7], 0 * r.f[0] + 2 * r.f[4] + 0 * r.f[8] + r.f[12]);
+    EXPECT_EQ(box[8], 0 * r.f[1] + 2 * r.f[5] + 0 * r.f[9] + r.f[13]);
+    EXPECT_EQ(box[9], 0 * r.f[2] + 2 * r.f[6] + 0 * r.f[10] + r.f[14]);
   }
 }
 

@@ -4,6 +4,8 @@
 // Channel rules (the reference for the converters, which keep rule sets of their own):
 //   array absent           -> the node's static value
 //   animation flag set     -> blend of key nFrameIndex and key nFrameIndex + 1 by fFrameBlend
+//                             (a rotation with no key nFrameIndex + 1 is key nFrameIndex
+//                             normalised)
 //   flag clear             -> key 0 for position and scale, but the static pfRotation for
 //                             rotation (this asymmetry is intended)
 //
@@ -20,6 +22,7 @@
 #include <functional>
 #include <vector>
 
+#include "ChannelKeys.h"
 #include "PODModel.h"
 
 namespace {
@@ -256,17 +259,13 @@ void CPODScene::GetScalingMatrix(PODMATRIXf& out, const SPODNode& node) const {
 }
 
 void CPODScene::GetRotationMatrix(PODMATRIXf& out, const SPODNode& node) const {
-  const size_t count = KeyCount(node.pfAnimRotation, node.nAnimRotationSize, 4);
   PODQUATERNIONf q{node.pfRotation[0], node.pfRotation[1], node.pfRotation[2],
                    node.pfRotation[3]};
   // Unlike position and scale, an unflagged rotation array is ignored in favour of the static
   // rotation, not read at key 0.
-  if (count > 0 && (node.nAnimFlags & ePODHasRotationAni) != 0) {
+  if (korvex::RotationKeyCount(node) > 0 && (node.nAnimFlags & ePODHasRotationAni) != 0) {
     const FrameKey fk = CurrentKey(m_pImpl);
-    const float* a = Key(node.pfAnimRotation, count, 4, fk.index);
-    const float* b = Key(node.pfAnimRotation, count, 4, fk.index + 1);
-    PODMatrixQuaternionSlerpF(q, PODQUATERNIONf{a[0], a[1], a[2], a[3]},
-                              PODQUATERNIONf{b[0], b[1], b[2], b[3]}, fk.blend);
+    q = korvex::RotationBetweenKeys(node, fk.index, fk.blend);
   }
   PODMatrixRotationQuaternionF(out, q);
 }

@@ -1,8 +1,9 @@
 #pragma once
-// Bounded reads of the animation keys of a node's channels, shared by the two animation
-// converters. Keys are counted from the bytes a channel really holds, never from the frame count:
-// a key asked for past the last one reads the last one. That is what the interpolating rules
-// need at the last frame (key n+1 with weight 0) and for a single-key channel read at frame f.
+// Bounded reads of the animation keys of a node's channels, shared by the scene's own evaluation
+// and the two animation converters. Keys are counted from the bytes a channel really holds, never
+// from the frame count: a key asked for past the last one reads the last one. That is what the
+// interpolating rules need at the last frame (key n+1 with weight 0) and for a single-key channel
+// read at frame f. Rotation is the exception: see RotationBetweenKeys.
 
 #include <cstddef>
 #include <cstdint>
@@ -53,6 +54,24 @@ inline PODQUATERNIONf RotationKey(const SPODNode& node, int64_t k) {
   const float* p = node.pfAnimRotation + kRotationKeyFloats * ClampKey(k, RotationKeyCount(node));
   return PODQUATERNIONf{p[0], p[1], p[2], p[3]};
 }
+
+// The rotation between key n and key n + 1 of a rotation channel at weight t, as every flagged
+// rotation is evaluated (the key count must be non-zero). With both keys present it is their
+// slerp. Without key n + 1 (at the last frame) it is key n normalised, or the identity for a
+// weight outside 0..1 as the slerp itself would give.
+inline PODQUATERNIONf RotationBetweenKeys(const SPODNode& node, int64_t n, float t) {
+  if (n < static_cast<int64_t>(RotationKeyCount(node)) - 1) {
+    PODQUATERNIONf q;
+    PODMatrixQuaternionSlerpF(q, RotationKey(node, n), RotationKey(node, n + 1), t);
+    return q;
+  }
+  // Key n + 1 is past the array; pairing key n with itself would return it unnormalised.
+  if (t < 0.0f || t > 1.0f) return PODQUATERNIONf{0.0f, 0.0f, 0.0f, 1.0f};
+  PODQUATERNIONf q = RotationKey(node, n);
+  PODMatrixQuaternionNormalizeF(q);
+  return q;
+}
+
 inline PODMATRIXf MatrixKey(const SPODNode& node, int64_t k) {
   const float* p = node.pfAnimMatrix + kMatrixKeyFloats * ClampKey(k, MatrixKeyCount(node));
   PODMATRIXf m;

@@ -2,6 +2,7 @@
 //
 // Properties checked (abort on violation):
 // - the reader allocates at most a small multiple of the input size;
+// - a read fails exactly when its report names a cause, in both modes;
 // - a loaded scene that WritePOD accepts is written, and the written file reads back;
 // - writing what was read back gives the same bytes, except where the first file held empty data
 //   blocks of arrays that were present but empty: the reader restores those as absent, so the
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "PODModel.h"
+#include "PODReadReport.h"
 #include "PODReader.h"
 #include "tests/PODTestFiles.h"
 
@@ -67,7 +69,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   {
     CPODScene s;
     PODReaderResetAllocatedBytes();
-    if (!PODReadFromBytes(s, data, size, options, sizeof options - 1)) options[0] = 0;
+    PODReadReport report;
+    const bool read = PODReadFromBytes(s, data, size, options, sizeof options - 1, &report);
+    Check(read != report.failed(), "options read and its report disagree");
+    if (!read) options[0] = 0;
     CheckAllocation(size);
     Check(s.nNumNode == 0 && s.pNode == nullptr, "options mode read a scene");
     podtest::ReleaseScene(s);
@@ -75,7 +80,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   CPODScene scene;
   PODReaderResetAllocatedBytes();
-  bool loaded = PODReadFromBytes(scene, data, size, nullptr, 0);
+  PODReadReport report;
+  bool loaded = PODReadFromBytes(scene, data, size, nullptr, 0, &report);
+  Check(loaded != report.failed(), "scene read and its report disagree");
   CheckAllocation(size);
   std::vector<uint8_t> first;
   // A scene the writer refuses (a record without a name, a count beyond its array) ends here.

@@ -348,7 +348,7 @@ void CSource::NoteMarker(unsigned int nName, unsigned int nLen, unsigned int at)
     if (open.tag != 0 && nName == (open.tag | kEnd)) open.ended = true;
     return;
   }
-  const std::string block = BlockName(nName) + " at byte " + std::to_string(at);
+  auto block = [nName, at]() { return BlockName(nName) + " at byte " + std::to_string(at); };
   if (open.kind == EPODRecord::File && !open.started && nName != PODTag::FormatVersion)
     Irregular("the file does not start with its version block");
   open.started = true;
@@ -357,12 +357,12 @@ void CSource::NoteMarker(unsigned int nName, unsigned int nLen, unsigned int at)
   // later versions of the format may add blocks.
   if (PODTagField(nName) == nullptr) return;
   if (nName < set.first || nName >= set.first + set.count) {
-    Irregular(block + " lies outside its record and is skipped");
+    Irregular(block() + " lies outside its record and is skipped");
     return;
   }
   const uint32_t bit = 1u << (nName - set.first);
   if ((open.seen & bit) && !(set.repeatable & bit))
-    Irregular(block + " comes a second time; the later one counts");
+    Irregular(block() + " comes a second time; the later one counts");
   open.seen |= bit;
 }
 

@@ -1009,6 +1009,12 @@ struct RecordArray {
   RecordArray(EPODRecord k, unsigned int t, uint32_t& c, T*& a)
       : kind(k), tag(t), count(c), array(a), capacity(a ? c : 0) {}
   unsigned int Pending() const { return read < count ? count - read : 0; }
+
+  // Records in the room beyond the count (a count of 0 keeps the array it finds) are never read
+  // by anyone; what they hold is released once the scene is read, as far as it goes.
+  void ReleaseBeyondCount() {
+    for (uint32_t i = count; array != nullptr && i < capacity; ++i) PODModelRelease(array[i]);
+  }
 };
 
 struct SceneRecords {
@@ -1029,6 +1035,15 @@ struct SceneRecords {
     if (kind != &textures) n += textures.Pending();
     if (kind != &materials) n += materials.Pending();
     return n;
+  }
+
+  ~SceneRecords() {
+    cameras.ReleaseBeyondCount();
+    lights.ReleaseBeyondCount();
+    meshes.ReleaseBeyondCount();
+    nodes.ReleaseBeyondCount();
+    textures.ReleaseBeyondCount();
+    materials.ReleaseBeyondCount();
   }
 
   // "" when every count equals the records read, else which one differs first.
@@ -1063,15 +1078,12 @@ void ReleaseRecordArray(T*& array, uint32_t capacity) {
 //
 // A second count for the same records gives a fresh zeroed array, as the first did, and the
 // running counter goes on from where it was. The earlier array is released rather than leaked;
-// a count of 0 allocates nothing and leaves the array in place, and as nothing reads records
-// beyond the count, what it holds is released there and then.
+// a count of 0 allocates nothing and leaves the array in place.
 template <typename T>
 bool ReadCount(RecordArray<T>& kind, const SceneRecords& all, CSource& src) {
   unsigned int count;
   if (!src.Read(count)) return false;
   if (count == 0) {
-    for (uint32_t i = 0; kind.array != nullptr && i < kind.capacity; ++i)
-      PODModelRelease(kind.array[i]);
     kind.count = 0;
     return true;
   }

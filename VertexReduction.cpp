@@ -14,8 +14,6 @@
 namespace {
 
 constexpr uint32_t kMaxUVSets = 2;
-// Indices are 16-bit, so no triangle can reach a vertex beyond this.
-constexpr size_t kAddressableVertices = 65536;
 // Bone streams are copied once per kept vertex and a vertex with a NaN becomes a new kept vertex
 // at every corner, so a huge per-vertex bone count would multiply the input size. Real skinned
 // meshes carry a handful of bones a vertex; meshes claiming more than this are left alone.
@@ -39,32 +37,48 @@ float LoadFloat(const uint8_t* p) {
   return f;
 }
 
-bool IsPackedFloatStream(const CPODData& d, uint32_t components, uint32_t vertices) {
+bool IsPackedFloatStream(const CPODData& d, uint32_t components) {
   return d.eType == EPODDataFloat && d.n == components && d.nStride == components * 4 &&
-         d.pData != nullptr && d.nDataSize / d.nStride >= vertices;
+         d.pData != nullptr;
 }
 
-bool HoldsPackedElements(const CPODData& d, uint32_t elementSize, uint32_t vertices) {
-  if (d.n == 0) return true;
-  return d.nStride == elementSize && d.pData != nullptr && d.nDataSize / d.nStride >= vertices;
+bool IsPackedBoneStream(const CPODData& d, uint32_t elementSize) {
+  return d.n == 0 || (d.nStride == elementSize && d.pData != nullptr);
 }
 
-// Null when the reduction can handle the mesh, otherwise why not. The reduction reads every
-// stream at a fixed stride and replaces some with packed arrays while keeping their descriptors,
-// so anything else would be read or written out of bounds; such meshes are left as they are.
-const char* WhyNotReducible(const SPODMesh& mesh) {
-  const uint32_t nv = mesh.nNumVertex;
+// The largest of `count` 16-bit indices. It reads every index of the mesh once more, so it is
+// kept apart and written for the compiler to run it in vector registers (inlined, it does not).
+__attribute__((noinline)) uint16_t HighestIndex(const uint8_t* indices, size_t count) {
+  uint16_t highest = 0;
+  for (size_t c = 0; c < count; ++c) {
+    uint16_t i;
+    std::memcpy(&i, indices + 2 * c, 2);
+    highest = i > highest ? i : highest;
+  }
+  return highest;
+}
+
+// Whether a stream that passed its layout check holds whole elements for vertices 0 to
+// `reach` - 1. One without components is never read.
+bool Reaches(const CPODData& d, size_t reach) { return d.n == 0 || d.nDataSize / d.nStride >= reach; }
+
+// Null when the reduction can handle the mesh, otherwise why not; `reach` is then one past the
+// largest index the triangles use (0 without triangles). The reduction reads every stream at a
+// fixed stride, only at the vertices the triangles use, and replaces some with packed arrays while
+// keeping their descriptors, so anything else would be read or written out of bounds; such meshes
+// are left as they are. nNumVertex bounds nothing here: a stream may hold fewer vertices than the
+// count says, and an index may lie past the count, as long as every stream read holds it.
+const char* WhyNotReducible(const SPODMesh& mesh, size_t& reach) {
   if (mesh.pInterleaved != nullptr) return "interleaved vertex data";
   if (mesh.nNumStrips != 0 || mesh.pnStripLength != nullptr) return "triangle strips";
-  if (!IsPackedFloatStream(mesh.sVertex, 3, nv)) return "positions are not 3 floats a vertex";
-  if (!IsPackedFloatStream(mesh.sNormals, 3, nv)) return "normals missing or not 3 floats a vertex";
+  if (!IsPackedFloatStream(mesh.sVertex, 3)) return "positions are not 3 floats a vertex";
+  if (!IsPackedFloatStream(mesh.sNormals, 3)) return "normals missing or not 3 floats a vertex";
 
   const uint32_t uvSets = std::min(mesh.nNumUVW, kMaxUVSets);
   if (uvSets > 0 && (mesh.psUVW == nullptr || mesh.nUVWCount < uvSets))
     return "texture-coordinate descriptors missing";
   for (uint32_t k = 0; k < uvSets; ++k)
-    if (!IsPackedFloatStream(mesh.psUVW[k], 2, nv))
-      return "texture coordinates are not 2 floats a vertex";
+    if (!IsPackedFloatStream(mesh.psUVW[k], 2)) return "texture coordinates are not 2 floats a vertex";
 
   const CPODData& faces = mesh.sFaces;
   if (mesh.nNumFaces > static_cast<uint32_t>(INT32_MAX) / 3) return "too many triangles";
@@ -72,11 +86,12 @@ const char* WhyNotReducible(const SPODMesh& mesh) {
   if (faces.eType != EPODDataUInt16 || faces.nStride != 2) return "indices are not 16-bit";
   if (faces.nDataSize / 2 < corners || (corners > 0 && faces.pData == nullptr))
     return "index stream shorter than its triangles";
-  for (size_t c = 0; c < corners; ++c) {
-    uint16_t i;
-    std::memcpy(&i, faces.pData + 2 * c, 2);
-    if (i >= nv) return "an index is out of range";
-  }
+  reach = corners > 0 ? size_t{HighestIndex(faces.pData, corners)} + 1 : 0;
+
+  if (!Reaches(mesh.sVertex, reach)) return "an index lies beyond the positions";
+  if (!Reaches(mesh.sNormals, reach)) return "an index lies beyond the normals";
+  for (uint32_t k = 0; k < uvSets; ++k)
+    if (!Reaches(mesh.psUVW[k], reach)) return "an index lies beyond the texture coordinates";
 
   if (mesh.sBoneBatches.nBatchCnt > 0) {
     const CPODData& idx = mesh.sBoneIdx;
@@ -85,8 +100,9 @@ const char* WhyNotReducible(const SPODMesh& mesh) {
       return "too many bones a vertex";
     // One weight is copied per bone index.
     if (weights.n < idx.n) return "fewer bone weights than bone indices";
-    if (!HoldsPackedElements(idx, idx.n, nv) || !HoldsPackedElements(weights, weights.n * 4, nv))
+    if (!IsPackedBoneStream(idx, idx.n) || !IsPackedBoneStream(weights, weights.n * 4))
       return "bone streams are not packed or shorter than their vertices";
+    if (!Reaches(idx, reach) || !Reaches(weights, reach)) return "an index lies beyond the bone streams";
   }
   return nullptr;
 }
@@ -542,7 +558,8 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
     PODMeshWeldFree(mesh->pWeld);
     mesh->pWeld = nullptr;
   }
-  if (const char* why = WhyNotReducible(*mesh)) return why;
+  size_t addressable = 0;  // old vertices the indices can reach
+  if (const char* why = WhyNotReducible(*mesh, addressable)) return why;
   if (mesh->nNumUVW > kMaxUVSets) {
     mesh->nNumUVW = kMaxUVSets;
     std::printf("Error1: Number of UVW > 2, \"%s\"\n", NodeName(node));
@@ -551,7 +568,6 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
   const uint32_t uvSets = mesh->nNumUVW;
   const uint32_t uvSetsCompared = useUV ? uvSets : 0;
   const size_t corners = static_cast<size_t>(mesh->nNumFaces) * 3;
-  const size_t addressable = std::min<size_t>(mesh->nNumVertex, kAddressableVertices);
 
   MeshStreams streams{mesh->sVertex.pData, {}, uvSets, mesh->sFaces.pData, corners, addressable};
   for (uint32_t k = 0; k < uvSets; ++k) streams.uvs[k] = mesh->psUVW[k].pData;

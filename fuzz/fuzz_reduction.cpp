@@ -30,17 +30,21 @@ class Bytes {
   size_t m_pos = 0;
 };
 
-// Mostly the layout the reduction expects, sometimes anything else; the size is usually the one
-// the counts need, sometimes short or long.
-CPODData Stream(Bytes& in, EPODDataType type, uint32_t n, uint32_t elementSize, uint32_t vertices) {
+// Mostly the layout the reduction expects, sometimes anything else. The size usually holds
+// `vertices` elements; sometimes it is cut to between `reach` elements and that, or to one element
+// short of `reach`, or it is any small number of bytes.
+CPODData Stream(Bytes& in, EPODDataType type, uint32_t n, uint32_t elementSize, uint32_t vertices,
+                uint32_t reach) {
   CPODData d{};
   const uint8_t shape = in.byte();
   d.eType = shape & 1 ? EPODDataType(in.small(15)) : type;
   d.n = shape & 2 ? in.small(5) : n;
   d.nStride = shape & 4 ? in.small(20) : d.n * elementSize;
   if (shape & 8) return d;  // absent
-  const size_t wanted = size_t(vertices) * d.nStride;
-  d.nDataSize = shape & 16 ? in.small(64) : wanted;
+  size_t elements = vertices;
+  if (shape & 32) elements = reach + in.small(vertices > reach ? vertices - reach : 0);
+  if (shape & 64 && reach > 0) elements = reach - 1;
+  d.nDataSize = shape & 16 ? in.small(64) : elements * d.nStride;
   d.pData = static_cast<uint8_t*>(std::malloc(d.nDataSize ? d.nDataSize : 1));
   in.fill(d.pData, d.nDataSize);
   return d;
@@ -62,15 +66,18 @@ SPODMesh MakeMesh(Bytes& in) {
   m.nNumUVW = in.small(3);
   m.nUVWCount = m.nNumUVW;
   if (m.nNumUVW > 0 && in.small(7) == 0) --m.nUVWCount;  // fewer descriptors than the count
-  m.sVertex = Stream(in, EPODDataFloat, 3, 4, m.nNumVertex);
-  m.sNormals = Stream(in, EPODDataFloat, 3, 4, m.nNumVertex);
-  m.sFaces = Stream(in, EPODDataUInt16, 1, 2, m.nNumFaces * 3);
-  // Indices in range most of the time.
-  if (m.sFaces.pData != nullptr && m.nNumVertex > 0 && in.small(3) != 0)
-    for (size_t c = 0; c + 1 < m.sFaces.nDataSize; c += 2) m.sFaces.pData[c + 1] = 0, m.sFaces.pData[c] %= m.nNumVertex;
+  // Streams hold the vertex count most of the time, sometimes a number of their own; the indices
+  // mostly stay below `reach`, which a stream cut short may or may not hold.
+  const uint32_t held = in.small(3) == 0 ? in.small(40) : m.nNumVertex;
+  const uint32_t reach = held > 0 ? 1 + in.small(held - 1) : 0;
+  m.sVertex = Stream(in, EPODDataFloat, 3, 4, held, reach);
+  m.sNormals = Stream(in, EPODDataFloat, 3, 4, held, reach);
+  m.sFaces = Stream(in, EPODDataUInt16, 1, 2, m.nNumFaces * 3, m.nNumFaces * 3);
+  if (m.sFaces.pData != nullptr && reach > 0 && in.small(3) != 0)
+    for (size_t c = 0; c + 1 < m.sFaces.nDataSize; c += 2) m.sFaces.pData[c + 1] = 0, m.sFaces.pData[c] %= reach;
   if (m.nUVWCount > 0) {
     m.psUVW = static_cast<CPODData*>(std::calloc(m.nUVWCount, sizeof(CPODData)));
-    for (size_t k = 0; k < m.nUVWCount; ++k) m.psUVW[k] = Stream(in, EPODDataFloat, 2, 4, m.nNumVertex);
+    for (size_t k = 0; k < m.nUVWCount; ++k) m.psUVW[k] = Stream(in, EPODDataFloat, 2, 4, held, reach);
   }
   if (in.small(1) == 0) {
     Structure(in, m.sVertex, 0, 1, in.small(1));  // one position, or the corners of a cube
@@ -78,8 +85,8 @@ SPODMesh MakeMesh(Bytes& in) {
   }
   if (in.small(2) == 0) {
     m.sBoneBatches.nBatchCnt = 1;
-    m.sBoneIdx = Stream(in, EPODDataUInt8, in.small(4), 1, m.nNumVertex);
-    m.sBoneWeight = Stream(in, EPODDataFloat, in.small(5), 4, m.nNumVertex);
+    m.sBoneIdx = Stream(in, EPODDataUInt8, in.small(4), 1, held, reach);
+    m.sBoneWeight = Stream(in, EPODDataFloat, in.small(5), 4, held, reach);
   }
   if (in.small(15) == 0) m.nNumStrips = 1;
   return m;

@@ -1,8 +1,10 @@
 // The fast reduction against the plain first-match scan on random scenes built to hit what decides
-// the result (repeated positions, near coordinates, signed zeros, NaN, bones, shared meshes).
+// the result (repeated positions, near coordinates, signed zeros, NaN, bones, shared meshes,
+// streams shorter than the vertex count).
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -20,17 +22,29 @@ using namespace reduction_test;
 
 class SceneGenerator {
  public:
-  explicit SceneGenerator(unsigned seed) : m_rng(seed) {}
+  // `shortStreams`: the meshes nodes use get streams anywhere between what their indices reach
+  // and their full length, and a vertex count that need not match either.
+  explicit SceneGenerator(unsigned seed, bool shortStreams = false)
+      : m_rng(seed), m_shortStreams(shortStreams) {}
 
   SPODScene scene() {
-    std::vector<SPODMesh> meshes;
+    std::vector<MeshData> data;
     const int meshCount = number(1, 3);
-    for (int k = 0; k < meshCount; ++k) meshes.push_back(MakeMesh(mesh()));
+    for (int k = 0; k < meshCount; ++k) data.push_back(mesh());
     std::vector<NodeSpec> nodes;
     const int nodeCount = number(1, 4);
     for (int k = 0; k < nodeCount; ++k)
       nodes.push_back({number(0, meshCount - 1), chance(50) ? number(0, 2) : number(-2, -1),
                        "node" + std::to_string(k)});
+    std::vector<SPODMesh> meshes;
+    for (int k = 0; k < meshCount; ++k) {
+      // A mesh no node uses is not welded, and its count must still describe its streams.
+      const bool used = std::any_of(nodes.begin(), nodes.end(), [k](const NodeSpec& n) { return n.mesh == k; });
+      const bool cut = m_shortStreams && used;
+      const uint32_t count = cut ? shorten(data[size_t(k)]) : 0;
+      meshes.push_back(MakeMesh(data[size_t(k)]));
+      if (cut) meshes.back().nNumVertex = count;
+    }
     return MakeScene(meshes, nodes);
   }
 
@@ -85,7 +99,23 @@ class SceneGenerator {
     return m;
   }
 
+  // Cuts every stream to between the vertices the indices reach and its full length (texture sets
+  // past the second, never read, anywhere down to nothing); returns a vertex count below, between
+  // or above those lengths.
+  uint32_t shorten(MeshData& m) {
+    const int full = int(m.positions.size() / 3);
+    const int reach = m.faces.empty() ? 0 : *std::max_element(m.faces.begin(), m.faces.end()) + 1;
+    auto cut = [&](auto& values, size_t width, int least) { values.resize(width * size_t(number(least, full))); };
+    cut(m.positions, 3, reach);
+    cut(m.normals, 3, reach);
+    for (size_t k = 0; k < m.uvs.size(); ++k) cut(m.uvs[k], 2, k < 2 ? reach : 0);
+    cut(m.boneIdx, m.boneIdxN, reach);
+    cut(m.boneWeights, m.boneWeightN, reach);
+    return uint32_t(number(0, full + 40));
+  }
+
   std::mt19937 m_rng;
+  bool m_shortStreams;
 };
 
 std::string Bytes(const CPODData& d) {
@@ -104,24 +134,39 @@ void ExpectSameMesh(const SPODMesh& fast, const SPODMesh& plain, const std::stri
   for (size_t k = 0; k < fast.nUVWCount; ++k) EXPECT_EQ(Bytes(fast.psUVW[k]), Bytes(plain.psUVW[k])) << where;
 }
 
-TEST(VertexReductionDifferential, MatchesTheFirstMatchScanOnRandomScenes) {
-  for (unsigned seed = 1; seed <= 1200; ++seed) {
-    SPODScene fast = SceneGenerator(seed).scene();
-    SPODScene plain = CopyScene(fast);
-    const bool nearly = seed % 2 == 0;
-    testing::internal::CaptureStdout();
-    reduceMeshVertex(&fast, nearly);
-    const std::string fastOut = testing::internal::GetCapturedStdout();
-    testing::internal::CaptureStdout();
-    reference_reduction::ReduceMeshVertex(&plain, nearly);
-    const std::string plainOut = testing::internal::GetCapturedStdout();
+// What `reduce` prints while it reduces `scene`.
+std::string Printed(void (*reduce)(SPODScene*, bool), SPODScene& scene, bool nearly) {
+  testing::internal::CaptureStdout();
+  reduce(&scene, nearly);
+  return testing::internal::GetCapturedStdout();
+}
 
-    const std::string where = "seed " + std::to_string(seed);
-    EXPECT_EQ(fastOut, plainOut) << where;
-    for (uint32_t k = 0; k < fast.nNumMesh; ++k) ExpectSameMesh(fast.pMesh[k], plain.pMesh[k], where);
-    FreeScene(fast);
-    FreeScene(plain);
-    if (HasFailure()) break;
+// Reduces a copy of `scene` with the fast reduction and one with the plain scan and compares the
+// printed lines and every mesh.
+void ExpectSameAsPlainScan(const SPODScene& scene, bool nearly, const std::string& where) {
+  SPODScene fast = CopyScene(scene);
+  SPODScene plain = CopyScene(scene);
+  const std::string fastOut = Printed(reduceMeshVertex, fast, nearly);
+  EXPECT_EQ(fastOut, Printed(reference_reduction::ReduceMeshVertex, plain, nearly)) << where;
+  for (uint32_t k = 0; k < fast.nNumMesh; ++k) ExpectSameMesh(fast.pMesh[k], plain.pMesh[k], where);
+  FreeScene(fast);
+  FreeScene(plain);
+}
+
+TEST(VertexReductionDifferential, MatchesTheFirstMatchScanOnRandomScenes) {
+  for (unsigned seed = 1; seed <= 1200 && !HasFailure(); ++seed) {
+    SPODScene scene = SceneGenerator(seed).scene();
+    ExpectSameAsPlainScan(scene, seed % 2 == 0, "seed " + std::to_string(seed));
+    FreeScene(scene);
+  }
+}
+
+// Streams shorter than the vertex count, and indices past it, that every stream read still holds.
+TEST(VertexReductionDifferential, MatchesTheFirstMatchScanWithStreamsCutToWhatTheIndicesReach) {
+  for (unsigned seed = 1; seed <= 1200 && !HasFailure(); ++seed) {
+    SPODScene scene = SceneGenerator(seed, true).scene();
+    ExpectSameAsPlainScan(scene, seed % 2 == 0, "seed " + std::to_string(seed));
+    FreeScene(scene);
   }
 }
 
@@ -141,14 +186,8 @@ std::string Saved(const SPODScene& scene) {
 bool ExpectSameSave(const SPODScene& scene, bool nearly, const std::string& where) {
   SPODScene now = CopyScene(scene);
   SPODScene onSave = CopyScene(scene);
-  testing::internal::CaptureStdout();
-  reduceMeshVertex(&now, nearly);
-  const std::string nowOut = testing::internal::GetCapturedStdout();
-  testing::internal::CaptureStdout();
-  reduceMeshVertexForSave(&onSave, nearly);
-  const std::string onSaveOut = testing::internal::GetCapturedStdout();
-
-  EXPECT_EQ(nowOut, onSaveOut) << where;
+  const std::string nowOut = Printed(reduceMeshVertex, now, nearly);
+  EXPECT_EQ(nowOut, Printed(reduceMeshVertexForSave, onSave, nearly)) << where;
   bool deferred = false;
   for (uint32_t k = 0; k < onSave.nNumMesh; ++k) deferred = deferred || onSave.pMesh[k].pWeld != nullptr;
   const std::string nowFile = Saved(now);
@@ -169,6 +208,117 @@ TEST(VertexReductionDifferential, RebuildingOnSaveWritesTheSameFile) {
   }
   // Most scenes have a mesh the reduction handles, so most saves above went through the rebuild.
   EXPECT_GT(deferredScenes, 900u);
+}
+
+TEST(VertexReductionDifferential, RebuildingOnSaveWritesTheSameFileWithStreamsCutToWhatTheIndicesReach) {
+  unsigned deferredScenes = 0;
+  for (unsigned seed = 1; seed <= 1200 && !HasFailure(); ++seed) {
+    SPODScene scene = SceneGenerator(seed, true).scene();
+    deferredScenes += ExpectSameSave(scene, seed % 2 == 0, "seed " + std::to_string(seed));
+    FreeScene(scene);
+  }
+  EXPECT_GT(deferredScenes, 900u);
+}
+
+// Eight vertices of which the triangles use the first six: repeated positions, coordinates that
+// merge only nearly (old 2 into 0) or only in set 0 (old 5), and two bones a vertex with three
+// weights. Each stream is cut to the vertices given; the vertex count is set on its own.
+struct ShortStreams {
+  const char* name;
+  uint32_t count;
+  int positions, normals, uv0, uv1, boneIdx, boneWeights;
+  bool skinned;
+  const char* note;  // why the mesh is left alone, null when it is welded
+};
+
+SPODScene ShortStreamScene(const ShortStreams& c, int32_t material) {
+  MeshData m;
+  m.positions = {0, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 9, 9, 9, 9, 9, 9};
+  m.uvs = {{0.5f, 0.5f, 0, 0, 0.5009f, 0.5f, 0.25f, 0, 1, 1, 0.5f, 0.5f, 7, 7, 7, 7},
+           {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0.0005f, 0, 0, 0, 0}};
+  for (int v = 0; v < 8; ++v) {
+    m.normals.insert(m.normals.end(), {float(v), 0, 1});
+    m.boneIdx.insert(m.boneIdx.end(), {uint8_t(v), uint8_t(10 + v)});
+    m.boneWeights.insert(m.boneWeights.end(), {0.1f * float(v), 0.2f, 0.3f});
+  }
+  m.faces = {0, 1, 4, 2, 3, 4, 5, 1, 0, 3, 5, 2};
+  m.positions.resize(3 * size_t(c.positions));
+  m.normals.resize(3 * size_t(c.normals));
+  m.uvs[0].resize(2 * size_t(c.uv0));
+  m.uvs[1].resize(2 * size_t(c.uv1));
+  if (c.skinned) {
+    m.boneIdxN = 2;
+    m.boneWeightN = 3;
+    m.boneIdx.resize(2 * size_t(c.boneIdx));
+    m.boneWeights.resize(3 * size_t(c.boneWeights));
+  }
+  SPODMesh mesh = MakeMesh(m);
+  mesh.nNumVertex = c.count;
+  return MakeScene({mesh}, {{0, material, "short"}});
+}
+
+const ShortStreams kShortStreams[] = {
+    {"positions shorter than the count", 8, 6, 8, 8, 8, 8, 8, true, nullptr},
+    {"normals shorter than the count", 8, 8, 6, 8, 8, 8, 8, true, nullptr},
+    {"texture coordinates shorter than the count", 8, 8, 8, 6, 7, 8, 8, true, nullptr},
+    {"bone streams shorter than the count", 8, 8, 8, 8, 8, 6, 7, true, nullptr},
+    {"every stream as long as the indices reach", 8, 6, 6, 6, 6, 6, 6, true, nullptr},
+    {"indices past the count", 4, 8, 8, 8, 8, 8, 8, true, nullptr},
+    {"indices past the count, streams as long as they reach", 2, 6, 6, 6, 6, 6, 6, true, nullptr},
+    {"no vertex count", 0, 6, 7, 6, 6, 6, 6, true, nullptr},
+    {"unskinned, streams as long as the indices reach", 8, 6, 6, 6, 6, 0, 0, false, nullptr},
+    {"positions short of an index", 8, 5, 8, 8, 8, 8, 8, true, "an index lies beyond the positions"},
+    {"normals short of an index", 4, 8, 5, 8, 8, 8, 8, true, "an index lies beyond the normals"},
+    {"first texture set short of an index", 8, 6, 6, 5, 6, 6, 6, true,
+     "an index lies beyond the texture coordinates"},
+    {"second texture set short of an index", 3, 8, 8, 8, 5, 8, 8, true,
+     "an index lies beyond the texture coordinates"},
+    {"bone indices short of an index", 8, 8, 8, 8, 8, 5, 8, true, "an index lies beyond the bone streams"},
+    {"bone weights short of an index", 4, 6, 6, 6, 6, 6, 5, true, "an index lies beyond the bone streams"},
+};
+
+// Both ways of rebuilding, in both modes, with and without material: a mesh whose streams hold
+// every vertex its triangles use is welded as the plain scan welds it and saved alike; one with a
+// stream short of an index is left exactly as it is, counted unchanged and noted.
+TEST(VertexReductionDifferential, StreamsShorterThanTheCountAreWeldedWhenTheyHoldEveryIndexUsed) {
+  for (const ShortStreams& c : kShortStreams) {
+    for (int mode = 0; mode < 4; ++mode) {
+      const bool nearly = mode & 1;
+      const int32_t material = mode & 2 ? 0 : -1;
+      const std::string where =
+          std::string(c.name) + (nearly ? ", near" : ", exact") + (material >= 0 ? ", material" : "");
+      SCOPED_TRACE(where);
+      SPODScene scene = ShortStreamScene(c, material);
+      if (c.note == nullptr) {
+        ExpectSameAsPlainScan(scene, nearly, where);
+        EXPECT_TRUE(ExpectSameSave(scene, nearly, where));
+        FreeScene(scene);
+        continue;
+      }
+      const int count = int(c.count);
+      const std::string lines = std::string("Reducing vertex number with vertex have ") +
+                                (nearly ? "NEARLY same" : "SAME") + " UV...Total vertex before reduction: " +
+                                std::to_string(count) + "\nTotal vertex after reduction: " +
+                                std::to_string(count) + "\nDifference: 0\n";
+      for (auto reduce : {reduceMeshVertex, reduceMeshVertexForSave}) {
+        SPODScene copy = CopyScene(scene);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(Printed(reduce, copy, nearly), lines);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "Note: vertices of \"short\" not reduced: " + std::string(c.note) + "\n");
+        const SPODMesh& after = copy.pMesh[0];
+        EXPECT_EQ(after.pWeld, nullptr);
+        EXPECT_EQ(after.nNumVertex, c.count);
+        const SPODMesh& before = scene.pMesh[0];
+        for (auto stream : {&SPODMesh::sFaces, &SPODMesh::sVertex, &SPODMesh::sNormals, &SPODMesh::sBoneIdx,
+                            &SPODMesh::sBoneWeight})
+          EXPECT_EQ(Bytes(after.*stream), Bytes(before.*stream));
+        for (size_t k = 0; k < 2; ++k) EXPECT_EQ(Bytes(after.psUVW[k]), Bytes(before.psUVW[k]));
+        FreeScene(copy);
+      }
+      FreeScene(scene);
+    }
+  }
 }
 
 // Streams far larger than the slices they are written in (element sizes that do not divide the

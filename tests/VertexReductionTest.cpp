@@ -162,6 +162,43 @@ TEST(VertexReduction, NewIndicesWrapAbove65535KeptVertices) {
   FreeScene(scene);
 }
 
+// The vertex count does not bound the indices: vertices are read only where the triangles use
+// them, so streams shorter than the count, or indices past it, are welded as long as every stream
+// read holds each index used. The totals still add up the counts.
+TEST(VertexReduction, StreamsShorterThanTheCountAndIndicesPastItAreWelded) {
+  MeshData m;
+  // Old 2 repeats old 0's position; 0 and 2 share coordinates in set 0 only.
+  m.positions = {0, 0, 0, 1, 0, 0, 0, 0, 0, 2, 0, 0};
+  m.normals = {1, 0, 0, 2, 0, 0, 3, 0, 0, 4, 0, 0, 5, 0, 0};  // one vertex more than the others
+  m.uvs = {{0, 0, 1, 1, 0, 0, 3, 3}, {0, 0, 1, 1, 5, 5, 3, 3}, {9, 9}};  // the third set is dropped
+  m.faces = {0, 3, 2, 2, 1, 3};
+  SPODMesh fewer = MakeMesh(m);
+  fewer.nNumVertex = 2;  // indices 2 and 3 lie past the count
+  SPODMesh more = MakeMesh(m);
+  more.nNumVertex = 100;  // every stream is far shorter than the count
+  SPODScene scene = MakeScene({fewer, more}, {{0, -1, "fewer"}, {1, 0, "more"}});
+  EXPECT_EQ(ReduceScene(scene, false),
+            kSameHeader + std::string("Error1: Number of UVW > 2, \"fewer\"\n") +
+                "Error1: Number of UVW > 2, \"more\"\n" + Totals(102, 7));
+
+  // Without material the position alone decides: old 2 merges into old 0 and gives its normal.
+  const SPODMesh& byPosition = scene.pMesh[0];
+  ASSERT_EQ(byPosition.nNumVertex, 3u);
+  EXPECT_EQ(Values<uint16_t>(byPosition.sFaces), (std::vector<uint16_t>{0, 1, 0, 0, 2, 1}));
+  EXPECT_EQ(Values<float>(byPosition.sVertex), (std::vector<float>{0, 0, 0, 2, 0, 0, 1, 0, 0}));
+  EXPECT_EQ(Values<float>(byPosition.sNormals), (std::vector<float>{3, 0, 0, 4, 0, 0, 2, 0, 0}));
+  EXPECT_EQ(Values<float>(byPosition.psUVW[0]), (std::vector<float>{0, 0, 3, 3, 1, 1}));
+  EXPECT_EQ(Values<float>(byPosition.psUVW[1]), (std::vector<float>{0, 0, 3, 3, 1, 1}));
+
+  // With material set 1 keeps old 2 apart.
+  const SPODMesh& byCoordinates = scene.pMesh[1];
+  ASSERT_EQ(byCoordinates.nNumVertex, 4u);
+  EXPECT_EQ(Values<uint16_t>(byCoordinates.sFaces), (std::vector<uint16_t>{0, 1, 2, 2, 3, 1}));
+  EXPECT_EQ(Values<float>(byCoordinates.sNormals), (std::vector<float>{1, 0, 0, 4, 0, 0, 3, 0, 0, 2, 0, 0}));
+  EXPECT_EQ(Values<float>(byCoordinates.psUVW[1]), (std::vector<float>{0, 0, 3, 3, 5, 5, 1, 1}));
+  FreeScene(scene);
+}
+
 TEST(VertexReduction, MeshesItCannotHandleAreLeftAloneAndCountedUnchanged) {
   MeshData m;
   m.positions = {0, 0, 0, 0, 0, 0, 1, 1, 1};
@@ -171,42 +208,55 @@ TEST(VertexReduction, MeshesItCannotHandleAreLeftAloneAndCountedUnchanged) {
   m.boneIdxN = m.boneWeightN = 1;
   m.boneIdx = {1, 2, 3};
   m.boneWeights = {1, 1, 1};
-  const std::vector<std::function<void(SPODMesh&)>> breakages = {
-      [](SPODMesh& s) { s.pInterleaved = s.sVertex.pData; },
-      [](SPODMesh& s) { s.nNumStrips = 1; },
-      [](SPODMesh& s) { s.sVertex.eType = EPODDataInt32; },
-      [](SPODMesh& s) { s.sNormals.nStride = 16; },
-      [](SPODMesh& s) { std::swap(s.sNormals.pData, s.sVtxColours.pData); },
-      [](SPODMesh& s) { s.psUVW[1].n = 3; },
-      [](SPODMesh& s) { s.sFaces.eType = EPODDataInt32; },
-      [](SPODMesh& s) { s.nNumVertex = 4; },                 // streams shorter than the count
-      [](SPODMesh& s) { s.nNumFaces = 2; },                  // index stream shorter
-      [](SPODMesh& s) { s.nNumVertex = 2; s.sVertex.nDataSize = 24; },  // index 2 out of range
-      [](SPODMesh& s) { s.sBoneWeight.n = 0; s.sBoneWeight.nStride = 0; },
-      [](SPODMesh& s) { s.sBoneIdx.nStride = 4; },
-      [](SPODMesh& s) { s.sBoneIdx.nDataSize = 2; },
-      [](SPODMesh& s) { s.nUVWCount = 1; },
+  struct Breakage {
+    std::function<void(SPODMesh&)> apply;
+    const char* why;  // the note's reason
+  };
+  // Streams marked shorter keep their arrays' real length or more, so nothing is read past them.
+  const std::vector<Breakage> breakages = {
+      {[](SPODMesh& s) { s.pInterleaved = s.sVertex.pData; }, "interleaved vertex data"},
+      {[](SPODMesh& s) { s.nNumStrips = 1; }, "triangle strips"},
+      {[](SPODMesh& s) { s.sVertex.eType = EPODDataInt32; }, "positions are not 3 floats a vertex"},
+      {[](SPODMesh& s) { s.sNormals.nStride = 16; }, "normals missing or not 3 floats a vertex"},
+      {[](SPODMesh& s) { std::swap(s.sNormals.pData, s.sVtxColours.pData); },
+       "normals missing or not 3 floats a vertex"},
+      {[](SPODMesh& s) { s.psUVW[1].n = 3; }, "texture coordinates are not 2 floats a vertex"},
+      {[](SPODMesh& s) { s.sFaces.eType = EPODDataInt32; }, "indices are not 16-bit"},
+      {[](SPODMesh& s) { s.nNumFaces = 2; }, "index stream shorter than its triangles"},
+      {[](SPODMesh& s) { s.sVertex.nDataSize = 24; }, "an index lies beyond the positions"},
+      {[](SPODMesh& s) { s.nNumVertex = 2; s.sNormals.nDataSize = 35; }, "an index lies beyond the normals"},
+      {[](SPODMesh& s) { s.psUVW[1].nDataSize = 16; }, "an index lies beyond the texture coordinates"},
+      {[](SPODMesh& s) { s.sBoneWeight.n = 0; s.sBoneWeight.nStride = 0; }, "fewer bone weights than bone indices"},
+      {[](SPODMesh& s) { s.sBoneIdx.nStride = 4; }, "bone streams are not packed or shorter than their vertices"},
+      {[](SPODMesh& s) { s.sBoneIdx.nDataSize = 2; }, "an index lies beyond the bone streams"},
+      {[](SPODMesh& s) { s.nNumVertex = 9; s.sBoneWeight.nDataSize = 11; }, "an index lies beyond the bone streams"},
+      {[](SPODMesh& s) { s.nUVWCount = 1; }, "texture-coordinate descriptors missing"},
   };
   for (size_t k = 0; k < breakages.size(); ++k) {
+    SCOPED_TRACE(breakages[k].why);
     SPODMesh mesh = MakeMesh(m);
-    breakages[k](mesh);
+    breakages[k].apply(mesh);
     const SPODMesh before = mesh;
     // A second node points past the mesh array and must not be followed.
     SPODScene scene = MakeScene({mesh}, {{0, 0, "broken"}, {1, 0, "dangling"}});
     const int count = int(before.nNumVertex);
+    testing::internal::CaptureStderr();
     EXPECT_EQ(ReduceScene(scene, k % 2 == 0),
-              std::string(k % 2 ? kSameHeader : kNearHeader) + Totals(count, count)) << k;
+              std::string(k % 2 ? kSameHeader : kNearHeader) + Totals(count, count));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Note: vertices of \"broken\" not reduced: " + std::string(breakages[k].why) +
+                  "\nNote: vertices of \"dangling\" not reduced: no such mesh\n");
     const SPODMesh& after = scene.pMesh[0];
-    EXPECT_EQ(after.nNumVertex, before.nNumVertex) << k;
-    EXPECT_EQ(after.nNumUVW, 3u) << k;
+    EXPECT_EQ(after.nNumVertex, before.nNumVertex);
+    EXPECT_EQ(after.nNumUVW, 3u);
     const CPODData SPODMesh::*streams[] = {&SPODMesh::sVertex, &SPODMesh::sNormals, &SPODMesh::sFaces,
                                            &SPODMesh::sBoneIdx, &SPODMesh::sBoneWeight};
     for (auto stream : streams) {
-      EXPECT_EQ((after.*stream).pData, (before.*stream).pData) << k;
-      EXPECT_EQ((after.*stream).nDataSize, (before.*stream).nDataSize) << k;
+      EXPECT_EQ((after.*stream).pData, (before.*stream).pData);
+      EXPECT_EQ((after.*stream).nDataSize, (before.*stream).nDataSize);
     }
-    for (int set = 0; set < 3; ++set) EXPECT_EQ(after.psUVW[set].pData, before.psUVW[set].pData) << k;
-    EXPECT_EQ(Values<uint16_t>(after.sFaces), (std::vector<uint16_t>{0, 1, 2})) << k;
+    for (int set = 0; set < 3; ++set) EXPECT_EQ(after.psUVW[set].pData, before.psUVW[set].pData);
+    EXPECT_EQ(Values<uint16_t>(after.sFaces), (std::vector<uint16_t>{0, 1, 2}));
     scene.pMesh[0].nUVWCount = m.uvs.size();  // so that every set is released
     FreeScene(scene);
   }

@@ -307,3 +307,40 @@ TEST(Driver, MoreMeshNodesThanNodesEndOnTheHeaderCountOrAreRefusedForWelding) {
 }
 
 }  // namespace
+
+// Streams that hold fewer vertices than the mesh's count: saving as is would read past them, so
+// the scene is refused; welding rebuilds them from the vertices the triangles use, so with -r0 or
+// -r1 it converts.
+TEST(Driver, StreamsShortOfTheVertexCountConvertOnlyWhenWelded) {
+  TempDir dir;
+  PODSceneBuilder b;
+  b.AddMaterial("M", -1);
+  b.AddMeshNode("Short", AddTriangle(b), 0);
+  const std::string input = dir.file("short.pod");
+  ASSERT_TRUE(Save(b, input));
+  // The writer stores as many vertices as the count says, so the count is raised in the file.
+  std::vector<uint8_t> bytes = korvex_test::ReadFileBytes(input);
+  const uint8_t count[] = {0x70, 0x17, 0, 0, 4, 0, 0, 0, 3, 0, 0, 0};  // vertex count 3
+  const auto at = std::search(bytes.begin(), bytes.end(), std::begin(count), std::end(count));
+  ASSERT_NE(at, bytes.end());
+  ASSERT_EQ(std::search(at + 1, bytes.end(), std::begin(count), std::end(count)), bytes.end());
+  at[8] = 5;
+  ASSERT_TRUE(korvex_test::WriteFileBytes(input, bytes));
+
+  RunResult r = Korvex({input});
+  EXPECT_EQ(r.exitStatus, 1);
+  EXPECT_EQ(LastLine(r.err),
+            "Korvex: " + input + ": mesh 0: a vertex stream is shorter than its 5 vertices");
+  EXPECT_FALSE(FileExists(dir.file("short.qsn")));
+
+  for (const char* flag : {"-r0", "-r1"}) {
+    SCOPED_TRACE(flag);
+    r = Korvex({flag, input});
+    EXPECT_EQ(r.exitStatus, 0) << r.err;
+    EXPECT_NE(r.out.find("Total vertex before reduction: 5\nTotal vertex after reduction: 3\n"),
+              std::string::npos)
+        << r.out;
+    EXPECT_TRUE(FileExists(dir.file("short.qsn")));
+    ASSERT_EQ(std::remove(dir.file("short.qsn").c_str()), 0);
+  }
+}

@@ -129,7 +129,8 @@ void BuildMinimal(PODSceneBuilder& b) {
 }
 
 // Six frames: a quad skinned to a hip and a knee bone, a crate that moves and turns, a door
-// keyed by whole matrices, and a camera that moves back, all keyed per frame.
+// keyed by whole matrices, and a camera that moves back looking at a helper node, all keyed per
+// frame.
 void BuildAnimated(PODSceneBuilder& b) {
   const int frames = 6;
   b.SetNumFrames(frames);
@@ -144,9 +145,11 @@ void BuildAnimated(PODSceneBuilder& b) {
   Place(b, skin, 0, 0, 1);
   const int crate = b.AddMeshNode("Crate", cube, wood);
   const int door = b.AddMeshNode("Door", cube);
-  const int camera = b.AddCameraNode("Camera01", 0.785398f, 0.1f, 500.0f);
+  const int target = b.NumNodes() + 3;  // the helper added after the camera and the two bones
+  const int camera = b.AddCameraNode("Camera01", 0.785398f, 0.1f, 500.0f, target);
   const int hip = b.AddNode("Hip");
   const int knee = b.AddNode("Knee", hip);
+  Place(b, b.AddNode("CameraTarget"), 1.5f, 0.5f, 0);
   Place(b, crate, 0, 0, 0);
   Place(b, camera, 0, 5, 15);
   Place(b, hip, 0, 0, 0);

@@ -1,0 +1,70 @@
+#include "AtomicFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace korvex {
+
+AtomicFile::AtomicFile(std::string path) : m_path(std::move(path)) {}
+
+AtomicFile::~AtomicFile() { Discard(); }
+
+bool AtomicFile::Fail(const std::string& what, int error) {
+  m_error = "cannot write " + m_path + ": " + what + (error != 0 ? std::string(": ") + std::strerror(error) : "");
+  return false;
+}
+
+void AtomicFile::Discard() {
+  if (m_file != nullptr) std::fclose(m_file);
+  m_file = nullptr;
+  if (!m_tempPath.empty()) unlink(m_tempPath.c_str());
+  m_tempPath.clear();
+}
+
+bool AtomicFile::Open() {
+  Discard();
+  // mkstemp needs the six X at the end of the name; it never opens an existing file or link.
+  std::string name = m_path + ".tmp-XXXXXX";
+  const int fd = mkstemp(name.data());
+  if (fd < 0) return Fail("cannot create a temporary file beside it", errno);
+  m_tempPath = name;
+  // mkstemp makes the file private; give it the mode a plainly created file would have.
+  const mode_t mask = umask(0);
+  umask(mask);
+  fchmod(fd, 0666 & ~mask);
+  m_file = fdopen(fd, "wb");
+  if (m_file == nullptr) {
+    const int error = errno;
+    close(fd);
+    Discard();
+    return Fail("cannot open the temporary file", error);
+  }
+  return true;
+}
+
+bool AtomicFile::Commit(bool writeFailed) {
+  if (m_file == nullptr) return Fail("not open", 0);
+  errno = 0;
+  bool ok = std::fflush(m_file) == 0 && !writeFailed;
+  const int writeError = errno;
+  ok = std::fclose(m_file) == 0 && ok;
+  m_file = nullptr;
+  if (!ok) {
+    Discard();
+    return Fail("the write failed", writeError != 0 ? writeError : errno);
+  }
+  if (std::rename(m_tempPath.c_str(), m_path.c_str()) != 0) {
+    const int error = errno;
+    Discard();
+    return Fail("cannot replace it", error);
+  }
+  m_tempPath.clear();
+  return true;
+}
+
+}  // namespace korvex

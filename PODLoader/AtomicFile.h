@@ -1,0 +1,37 @@
+#pragma once
+// A file written so that its path never holds a partial file: the bytes go to a temporary file
+// beside the target, which replaces the target in one rename on Commit. Destroyed uncommitted,
+// the temporary file is removed and the target stays as it was.
+
+#include <cstdio>
+#include <string>
+
+namespace korvex {
+
+class AtomicFile {
+ public:
+  explicit AtomicFile(std::string path);
+  ~AtomicFile();
+  AtomicFile(const AtomicFile&) = delete;
+  AtomicFile& operator=(const AtomicFile&) = delete;
+
+  // Creates the temporary file; false with error() set when it cannot.
+  bool Open();
+  // The open temporary file (null before Open or after Commit).
+  FILE* file() const { return m_file; }
+  // Flushes, closes and renames onto the target; false with error() set when any step fails
+  // (`writeFailed` reports a failure the writer saw itself). The temporary file is gone either way.
+  bool Commit(bool writeFailed = false);
+  const std::string& error() const { return m_error; }
+
+ private:
+  bool Fail(const std::string& what, int error);
+  void Discard();
+
+  std::string m_path;
+  std::string m_tempPath;
+  FILE* m_file = nullptr;
+  std::string m_error;
+};
+
+}  // namespace korvex

@@ -1,4 +1,4 @@
-# Thin wrapper over CMake. `make run` builds and converts the bundled example scene;
+# Thin wrapper over CMake. `make run` builds, converts the bundled example scene and renders it;
 # `make test` builds and runs every test.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
@@ -8,41 +8,45 @@ FUZZ_SECONDS ?= 60
 # Ninja when the machine has it, make otherwise.
 GENERATOR  ?= $(shell command -v ninja >/dev/null 2>&1 && echo Ninja || echo 'Unix Makefiles')
 
-.PHONY: all build run test asan bench fuzz fuzz-run clean assimp
+.PHONY: all build run test asan bench fuzz fuzz-run clean deps
 
 all: build
 
-# podimport needs the Open Asset Import Library: installed here when missing and run as root
-# (Debian); otherwise CMake leaves podimport out. A build configured before the library came is
-# configured again.
-ASSIMP_HEADER ?= /usr/include/assimp/Importer.hpp
-assimp:
-	@[ -f $(ASSIMP_HEADER) ] || [ "$$(id -u)" != 0 ] || \
-	  { echo "Installing libassimp-dev for podimport"; apt-get update -qq && \
-	    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq libassimp-dev >/dev/null; } || \
-	  echo "libassimp-dev could not be installed: podimport is left out"
-reconfigure-for-assimp = @if [ -f $(ASSIMP_HEADER) ] && \
-	  grep -q '^assimp_DIR:PATH=.*NOTFOUND' $(1)/CMakeCache.txt; then cmake -S . -B $(1) >/dev/null; fi
+# podimport needs the Open Asset Import Library and qsnview EGL, OpenGL (Mesa, whose software
+# rasteriser draws without a GPU) and libpng: installed here when missing and run as root
+# (Debian); otherwise CMake leaves the tool out. A build configured before they came is configured
+# again.
+TOOL_PACKAGES ?= libassimp-dev libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri libpng-dev
+deps:
+	@missing=$$(for p in $(TOOL_PACKAGES); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
+	  [ -z "$$missing" ] || [ "$$(id -u)" != 0 ] || \
+	  { echo "Installing" $$missing; apt-get update -qq && \
+	    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing >/dev/null; } || \
+	  echo "$$missing could not be installed: podimport or qsnview is left out"
+reconfigure-for-deps = @if grep -q '^assimp_DIR:PATH=.*NOTFOUND\|^PNG_LIBRARY_RELEASE:FILEPATH=.*NOTFOUND\|^OPENGL_egl_LIBRARY:FILEPATH=.*NOTFOUND' \
+	  $(1)/CMakeCache.txt && [ -f /usr/include/assimp/Importer.hpp ] && [ -f /usr/include/png.h ] && \
+	  [ -f /usr/include/EGL/egl.h ]; then cmake -S . -B $(1) >/dev/null; fi
 
-$(BUILD)/CMakeCache.txt: | assimp
+$(BUILD)/CMakeCache.txt: | deps
 	cmake -S . -B $(BUILD) -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=Release
 
-build: assimp $(BUILD)/CMakeCache.txt
-	$(call reconfigure-for-assimp,$(BUILD))
+build: deps $(BUILD)/CMakeCache.txt
+	$(call reconfigure-for-deps,$(BUILD))
 	cmake --build $(BUILD) -j $(JOBS)
 
 run: build
 	$(BUILD)/Korvex ./examples/example.pod
-	@ls -l examples/example.PODx examples/example.qsn
+	@if [ -x $(BUILD)/qsnview ]; then $(BUILD)/qsnview examples/example.qsn examples/example.png; fi
+	@ls -l examples/example.PODx examples/example.qsn $$([ -f examples/example.png ] && echo examples/example.png)
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-$(ASAN_BUILD)/CMakeCache.txt: | assimp
+$(ASAN_BUILD)/CMakeCache.txt: | deps
 	cmake -S . -B $(ASAN_BUILD) -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=Debug -DKORVEX_SANITIZE=ON -DKORVEX_BENCH=OFF
 
-asan: assimp $(ASAN_BUILD)/CMakeCache.txt
-	$(call reconfigure-for-assimp,$(ASAN_BUILD))
+asan: deps $(ASAN_BUILD)/CMakeCache.txt
+	$(call reconfigure-for-deps,$(ASAN_BUILD))
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS)

@@ -40,6 +40,7 @@ const char* const kUsage =
     "  --sheet [CxR]     a contact sheet of C x R evenly spaced frames (default 4x4)\n"
     "  --camera NAME     view through this camera of the scene (default: the first\n"
     "                    camera, or an automatic view of the whole scene)\n"
+    "  --auto-view       the automatic view even when the scene has cameras\n"
     "  --bounds          draw each mesh's bounding sphere and box\n"
     "  --uv              shade by texture coordinates with a checker pattern\n"
     "  --pod-dir DIR     re-read the mesh streams from the POD file named in the file\n"
@@ -79,6 +80,7 @@ struct Options {
   uint32_t columns = 4, rows = 4;
   bool cameraGiven = false;
   std::string camera;
+  bool autoView = false;
   bool podDirGiven = false;
   std::string podDir;
   DrawOptions draw;
@@ -125,6 +127,8 @@ int ParseCommandLine(int argc, char** argv, Options& o, bool& help) {
       if (v == nullptr) return kExitUsage;
       o.camera = v;
       o.cameraGiven = true;
+    } else if (arg == "--auto-view") {
+      o.autoView = true;
     } else if (arg == "--bounds") {
       o.draw.bounds = true;
     } else if (arg == "--uv") {
@@ -140,6 +144,7 @@ int ParseCommandLine(int argc, char** argv, Options& o, bool& help) {
   }
   if (files < 2) return UsageError(files == 0 ? "no file given" : "no output image given");
   if (o.sheet && o.frameGiven) return UsageError("--frame and --sheet exclude each other");
+  if (o.autoView && o.cameraGiven) return UsageError("--camera and --auto-view exclude each other");
   if (o.sheet && (o.width < o.columns || o.height < o.rows))
     return UsageError("the image is smaller than one pixel a cell of the sheet");
   return 0;
@@ -180,7 +185,7 @@ int main(int argc, char** argv) {
   const ViewScene scene = BuildViewScene(model, o.podDirGiven);
   for (const std::string& why : scene.skipped) std::fprintf(stderr, "qsnview: %s: %s; not drawn\n", o.input.c_str(), why.c_str());
 
-  const DrawCamera* camera = scene.cameras.empty() ? nullptr : &scene.cameras.front();
+  const DrawCamera* camera = scene.cameras.empty() || o.autoView ? nullptr : &scene.cameras.front();
   if (o.cameraGiven) {
     camera = nullptr;
     for (const DrawCamera& c : scene.cameras)

@@ -25,7 +25,8 @@ GLContext::~GLContext() {
   if (m_display == nullptr) return;
   eglMakeCurrent(m_display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
   if (m_context != nullptr) eglDestroyContext(m_display, m_context);
-  eglTerminate(m_display);
+  // The display is one per process and stays initialised: terminating it unloads the driver,
+  // which strands allocations it still holds (the leak checker then reports them).
 }
 
 bool GLContext::Create(std::string& error) {

@@ -271,17 +271,19 @@ void SceneRenderer::Draw(const View& view, uint32_t frame, int x, int y, int wid
   SetMatrix(m_meshProgram, "uView", view.viewMatrix);
   SetMatrix(m_meshProgram, "uProjection", projection);
   glUniform1i(Uniform(m_meshProgram, "uBones"), 0);
-  glUniform1i(Uniform(m_meshProgram, "uChecker"), options.uvChecker);
   glActiveTexture(GL_TEXTURE0);
   glBindTexture(GL_TEXTURE_BUFFER, m_boneTexture);
 
-  // Sky boxes first and behind everything (the eye may well be outside them), then visible
-  // geometry, then collision volumes over it, see-through, with their edges.
+  // Sky boxes that hold the eye first and behind everything, then visible geometry, then
+  // collision volumes over it, see-through, with their edges; a sky box seen from outside is
+  // drawn by its edges only, so that it hides nothing.
   for (int pass = 0; pass < 3; ++pass) {
     for (size_t i = 0; i < m_scene.meshes.size(); ++i) {
       const DrawMesh& mesh = m_scene.meshes[i];
-      const bool translucent = Translucent(mesh.kind);
-      const int meshPass = mesh.kind == DrawKind::SkyBox ? 0 : translucent ? 2 : 1;
+      const Sphere sphere = WorldSphere(mesh, frame);
+      const bool skyAround = mesh.kind == DrawKind::SkyBox && Length(view.eye - sphere.center) < sphere.radius;
+      const bool translucent = Translucent(mesh.kind) || (mesh.kind == DrawKind::SkyBox && !skyAround);
+      const int meshPass = skyAround ? 0 : translucent ? 2 : 1;
       if (meshPass != pass) continue;
       glDepthMask(pass == 1 ? GL_TRUE : GL_FALSE);
       SetMatrix(m_meshProgram, "uModel", MeshMatrix(mesh, frame));
@@ -297,6 +299,7 @@ void SceneRenderer::Draw(const View& view, uint32_t frame, int x, int y, int wid
       }
       glUniform1i(Uniform(m_meshProgram, "uHasNormals"), mesh.normals != nullptr);
       glUniform1i(Uniform(m_meshProgram, "uHasUV"), mesh.uvs != nullptr);
+      glUniform1i(Uniform(m_meshProgram, "uChecker"), options.uvChecker && !translucent);  // volumes keep their tint
       glBindVertexArray(m_meshes[i]->array);
       const GLsizei corners = static_cast<GLsizei>(size_t{mesh.triangleCount} * 3);
       if (!translucent) {
@@ -305,12 +308,16 @@ void SceneRenderer::Draw(const View& view, uint32_t frame, int x, int y, int wid
         glDrawElements(GL_TRIANGLES, corners, GL_UNSIGNED_SHORT, nullptr);
         continue;
       }
-      const Vec3 tint = mesh.kind == DrawKind::CollisionBox ? Vec3{0.2f, 0.9f, 0.3f} : Vec3{0.2f, 0.8f, 0.95f};
+      const Vec3 tint = mesh.kind == DrawKind::CollisionBox      ? Vec3{0.2f, 0.9f, 0.3f}
+                        : mesh.kind == DrawKind::CollisionSphere ? Vec3{0.2f, 0.8f, 0.95f}
+                                                                 : mesh.colour;
       glEnable(GL_BLEND);
       glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ZERO, GL_ONE);  // the image stays opaque
       glUniform3f(Uniform(m_meshProgram, "uColour"), tint.x, tint.y, tint.z);
-      glUniform1f(Uniform(m_meshProgram, "uAlpha"), 0.3f);
-      glDrawElements(GL_TRIANGLES, corners, GL_UNSIGNED_SHORT, nullptr);
+      if (mesh.kind != DrawKind::SkyBox) {
+        glUniform1f(Uniform(m_meshProgram, "uAlpha"), 0.3f);
+        glDrawElements(GL_TRIANGLES, corners, GL_UNSIGNED_SHORT, nullptr);
+      }
       glPolygonMode(GL_FRONT_AND_BACK, GL_LINE);
       glUniform1f(Uniform(m_meshProgram, "uAlpha"), 1);
       glDrawElements(GL_TRIANGLES, corners, GL_UNSIGNED_SHORT, nullptr);

@@ -320,6 +320,7 @@ View AutomaticView(const Sphere& bounds, float aspect) {
   const float distance = radius / std::sin(half) * 1.02f;
   const Vec3 eye = bounds.center + Normalised({0.55f, 0.4f, 1.0f}) * distance;
   v.viewMatrix = LookAt(eye, bounds.center, {0, 1, 0});
+  v.eye = eye;
   FitPlanes(v, eye, bounds);
   return v;
 }
@@ -332,6 +333,7 @@ View CameraView(const DrawCamera& camera, uint32_t frame, const Sphere& bounds) 
   const Vec3 target = camera.hasTarget ? camera.target : eye - Vec3{m.m[4], m.m[5], m.m[6]};
   View v;
   v.viewMatrix = LookAt(eye, target, {0, 1, 0});
+  v.eye = eye;
   v.fovY = std::isfinite(camera.fov) && camera.fov > 0.01f && camera.fov < 3.1f ? camera.fov : kAutomaticFovY;
   if (std::isfinite(camera.nearPlane) && std::isfinite(camera.farPlane) && camera.nearPlane > 0 &&
       camera.farPlane > camera.nearPlane) {

@@ -99,6 +99,7 @@ Box WorldBox(const DrawMesh& mesh, uint32_t frame);
 // A view: where the eye is, where it looks, and its projection.
 struct View {
   Mat4 viewMatrix;
+  Vec3 eye;
   float fovY = 0.7853982f;
   float nearPlane = 0.1f, farPlane = 100;
 };

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Assertion.h"
+#include "IndexRange.h"
 #include "PODMeshWeld.h"
 
 namespace {
@@ -44,18 +45,6 @@ bool IsPackedFloatStream(const CPODData& d, uint32_t components) {
 
 bool IsPackedBoneStream(const CPODData& d, uint32_t elementSize) {
   return d.n == 0 || (d.nStride == elementSize && d.pData != nullptr);
-}
-
-// The largest of `count` 16-bit indices. It reads every index of the mesh once more, so it is
-// kept apart and written for the compiler to run it in vector registers (inlined, it does not).
-__attribute__((noinline)) uint16_t HighestIndex(const uint8_t* indices, size_t count) {
-  uint16_t highest = 0;
-  for (size_t c = 0; c < count; ++c) {
-    uint16_t i;
-    std::memcpy(&i, indices + 2 * c, 2);
-    highest = i > highest ? i : highest;
-  }
-  return highest;
 }
 
 // Whether a stream that passed its layout check holds whole elements for vertices 0 to

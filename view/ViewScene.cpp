@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 
+#include "IndexRange.h"
 #include "QelSceneGraphModel.h"
 
 namespace korvex::view {
@@ -40,16 +41,6 @@ Array MeshArray(const SSGNodeData& buffer, const CPODData& stream, bool podStrea
 Array UVArray(const SSGQelMeshNodeData& m, bool podStreams) {
   if (podStreams) return {m.UVW[0].pData, m.UVW[0].nDataSize};
   return {m.UVWBuffer.data, m.UVWBuffer.length};  // set 0 comes first
-}
-
-uint16_t HighestIndex(const uint8_t* indices, size_t count) {
-  uint16_t highest = 0;
-  for (size_t c = 0; c < count; ++c) {
-    uint16_t i;
-    std::memcpy(&i, indices + 2 * c, 2);
-    highest = i > highest ? i : highest;
-  }
-  return highest;
 }
 
 int32_t LoadInt(const uint8_t* p) {

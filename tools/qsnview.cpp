@@ -94,7 +94,12 @@ int ParseCommandLine(int argc, char** argv, Options& o, bool& help) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool option = !optionsEnded && arg.size() > 1 && arg[0] == '-';
-    auto value = [&](const char* what) -> const char* { return i + 1 < argc ? argv[++i] : (UsageError(std::string(arg) + " needs " + what), nullptr); };
+    // The option's value, or null (after the usage message) when the command line ends first.
+    auto value = [&](const char* what) -> const char* {
+      if (i + 1 < argc) return argv[++i];
+      UsageError(arg + " needs " + what);
+      return nullptr;
+    };
     if (!option) {
       if (files == 0) o.input = arg;
       else if (files == 1) o.output = arg;
@@ -215,7 +220,8 @@ int main(int argc, char** argv) {
   const int cellWidth = static_cast<int>(o.width / columns), cellHeight = static_cast<int>(o.height / rows);
   const float aspect = static_cast<float>(cellWidth) / static_cast<float>(cellHeight);
   for (uint32_t cell = 0; cell < cells; ++cell) {
-    // Evenly spaced from the first frame to the last, row by row from the top left.
+    // Evenly spaced from the first frame to the last (rounded to the nearest), row by row from
+    // the top left.
     const uint32_t frame = !o.sheet ? o.frame
                            : cells == 1 ? 0
                                         : static_cast<uint32_t>((uint64_t{cell} * (frames - 1) * 2 + (cells - 1)) / (2 * uint64_t{cells - 1}));

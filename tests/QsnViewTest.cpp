@@ -332,6 +332,37 @@ TEST(QsnView, WrongInputEndsWithStatusOneAndLeavesTheImageAlone) {
   }
 }
 
+// The library without the command line: the automatic view frames the whole scene, cameras or
+// not, and an empty scene is all background.
+TEST(QsnViewScene, TheAutomaticViewFramesTheSceneWhole) {
+  TempDir dir;
+  PODSceneBuilder b;
+  Place(b, b.AddMeshNode("Near", AddBox(b, -1, -1, -1, 1, 1, 1)), 0, 0, 0);
+  Place(b, b.AddMeshNode("Far", AddBox(b, 30, 0, 0, 31, 1, 1)), 0, 0, 0);
+  AddCamera(b);
+  QelSceneGraphModel model;
+  SceneGraphLoader loader;
+  ASSERT_TRUE(loader.readFromFile(Convert(dir, b, "two"), &model));
+  const korvex::view::ViewScene scene = korvex::view::BuildViewScene(model, false);
+  ASSERT_EQ(scene.meshes.size(), 2u);
+
+  korvex::view::RenderRequest request;
+  request.width = kWidth;
+  request.height = kHeight;
+  Image image;
+  std::string error;
+  ASSERT_TRUE(korvex::view::RenderScene(scene, request, image, error)) << error;
+  const Silhouette s = Drawn(image);
+  EXPECT_GT(s.minX, 0);
+  EXPECT_LT(s.maxX, int(kWidth) - 1);
+  EXPECT_GT(s.minY, 0);
+  EXPECT_LT(s.maxY, int(kHeight) - 1);
+  EXPECT_GT(s.width(), int(kWidth) / 2);  // both boxes, 31 units apart, fill the view's width
+
+  ASSERT_TRUE(korvex::view::RenderScene(korvex::view::ViewScene{}, request, image, error)) << error;
+  EXPECT_EQ(Drawn(image).count, 0);
+}
+
 // A record whose triangles reach past its vertices is left out with a note, not read past.
 TEST(QsnViewScene, NodesWhoseArraysDoNotHoldTheirCountsAreLeftOut) {
   TempDir dir;

@@ -13,7 +13,6 @@
 #include <cstring>
 #include <string>
 
-#include "GLContext.h"
 #include "PngFile.h"
 #include "QelSceneGraphModel.h"
 #include "SceneGraphLoader.h"
@@ -205,32 +204,25 @@ int main(int argc, char** argv) {
     return Failed(o.input + ": frame " + std::to_string(o.frame) + " is beyond the scene's " + std::to_string(frames) +
                   (frames == 1 ? " frame" : " frames"));
 
-  GLContext context;
-  OffscreenTarget target;
-  std::string error;
-  if (!context.Create(error) || !target.Create(o.width, o.height, error)) return Failed("cannot render: " + error);
-  SceneRenderer renderer(scene);
-  if (!renderer.Upload(error)) return Failed("cannot render " + o.input + ": " + error);
-
-  const Sphere bounds = SceneBounds(scene);
-  target.Bind();
-  renderer.Clear();
-  const uint32_t columns = o.sheet ? o.columns : 1, rows = o.sheet ? o.rows : 1;
-  const uint32_t cells = columns * rows;
-  const int cellWidth = static_cast<int>(o.width / columns), cellHeight = static_cast<int>(o.height / rows);
-  const float aspect = static_cast<float>(cellWidth) / static_cast<float>(cellHeight);
+  RenderRequest request;
+  request.width = o.width;
+  request.height = o.height;
+  request.columns = o.sheet ? o.columns : 1;
+  request.rows = o.sheet ? o.rows : 1;
+  request.camera = camera;
+  request.options = o.draw;
+  const uint32_t cells = request.columns * request.rows;
+  request.frames.clear();
   for (uint32_t cell = 0; cell < cells; ++cell) {
-    // Evenly spaced from the first frame to the last (rounded to the nearest), row by row from
-    // the top left.
-    const uint32_t frame = !o.sheet ? o.frame
-                           : cells == 1 ? 0
-                                        : static_cast<uint32_t>((uint64_t{cell} * (frames - 1) * 2 + (cells - 1)) / (2 * uint64_t{cells - 1}));
-    const View view = camera != nullptr ? CameraView(*camera, frame, bounds) : AutomaticView(bounds, aspect);
-    const int x = static_cast<int>(cell % columns) * cellWidth;
-    const int y = static_cast<int>(o.height) - static_cast<int>(cell / columns + 1) * cellHeight;
-    renderer.Draw(view, frame, x, y, cellWidth, cellHeight, o.draw);
+    // Evenly spaced from the first frame to the last (rounded to the nearest).
+    request.frames.push_back(!o.sheet   ? o.frame
+                             : cells == 1 ? 0
+                                          : static_cast<uint32_t>((uint64_t{cell} * (frames - 1) * 2 + (cells - 1)) /
+                                                                  (2 * uint64_t{cells - 1})));
   }
-  const Image image = target.Read();
+  Image image;
+  std::string error;
+  if (!RenderScene(scene, request, image, error)) return Failed("cannot render " + o.input + ": " + error);
   if (!WritePng(o.output, image, error)) return Failed(error);
   return 0;
 }

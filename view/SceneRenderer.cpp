@@ -6,6 +6,8 @@
 
 #include <cmath>
 
+#include "GLContext.h"
+
 namespace korvex::view {
 namespace {
 
@@ -354,6 +356,31 @@ void SceneRenderer::DrawLines(const std::vector<float>& vertices, const Mat4& vi
   glBufferData(GL_ARRAY_BUFFER, static_cast<GLsizeiptr>(vertices.size() * sizeof(float)), vertices.data(),
                GL_STREAM_DRAW);
   glDrawArrays(GL_LINES, 0, static_cast<GLsizei>(vertices.size() / 6));
+}
+
+bool RenderScene(const ViewScene& scene, const RenderRequest& request, Image& image, std::string& error) {
+  GLContext context;
+  OffscreenTarget target;
+  if (!context.Create(error) || !target.Create(request.width, request.height, error)) return false;
+  SceneRenderer renderer(scene);
+  if (!renderer.Upload(error)) return false;
+
+  const Sphere bounds = SceneBounds(scene);
+  target.Bind();
+  renderer.Clear();
+  const int cellWidth = static_cast<int>(request.width / request.columns);
+  const int cellHeight = static_cast<int>(request.height / request.rows);
+  const float aspect = static_cast<float>(cellWidth) / static_cast<float>(cellHeight);
+  for (uint32_t cell = 0; cell < request.columns * request.rows && cell < request.frames.size(); ++cell) {
+    const uint32_t frame = request.frames[cell];
+    const View view =
+        request.camera != nullptr ? CameraView(*request.camera, frame, bounds) : AutomaticView(bounds, aspect);
+    const int x = static_cast<int>(cell % request.columns) * cellWidth;
+    const int y = static_cast<int>(request.height) - static_cast<int>(cell / request.columns + 1) * cellHeight;
+    renderer.Draw(view, frame, x, y, cellWidth, cellHeight, request.options);
+  }
+  image = target.Read();
+  return true;
 }
 
 }  // namespace korvex::view

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Image.h"
 #include "ViewScene.h"
 
 namespace korvex::view {
@@ -18,6 +19,20 @@ struct DrawOptions {
 
 // The colour everywhere nothing is drawn.
 constexpr uint8_t kBackground[3] = {46, 51, 61};
+
+// What to render: an image of `columns` x `rows` cells, filled row by row from the top left,
+// cell i showing frame `frames[i]` through `camera` (null: the automatic view).
+struct RenderRequest {
+  uint32_t width = 800, height = 600;
+  uint32_t columns = 1, rows = 1;
+  std::vector<uint32_t> frames{0};
+  const DrawCamera* camera = nullptr;
+  DrawOptions options;
+};
+
+// The whole job, scene in, image out: a headless context, an offscreen target, the renderer.
+// False with `error` set when no context can be had or the image is beyond the implementation.
+bool RenderScene(const ViewScene& scene, const RenderRequest& request, Image& image, std::string& error);
 
 class SceneRenderer {
  public:

@@ -292,20 +292,18 @@ class Checker {
       return fail(-1, which + "declares " + std::to_string(mesh.nNumUVW) +
                           " texture-coordinate sets but stores fewer");
     if (mesh.pInterleaved != nullptr) return true;  // the streams hold offsets, nothing to read
-    const CPODData* streams[] = {&mesh.sVertex,    &mesh.sNormals, &mesh.sTangents,
-                                 &mesh.sBinormals, &mesh.sVtxColours, &mesh.sBoneIdx,
-                                 &mesh.sBoneWeight};
-    for (const CPODData* d : streams) {
-      if (!Rebuilt(mesh, *d) && d->pData != nullptr && d->nDataSize < v * d->nStride)
-        return fail(-1, which + "a vertex stream is shorter than its " + std::to_string(v) +
-                            " vertices");
-    }
-    for (uint32_t k = 0; k < mesh.nNumUVW; ++k) {
-      const CPODData& d = mesh.psUVW[k];
-      if (!Rebuilt(mesh, d) && d.pData != nullptr && d.nDataSize < v * d.nStride)
-        return fail(-1, which + "texture-coordinate set " + std::to_string(k) +
-                            " is shorter than its " + std::to_string(v) + " vertices");
-    }
+    // A short stream of its own is named before a short texture-coordinate set.
+    std::string shortStream, shortSet;
+    ForEachVertexStream(mesh, EPODUVSets::Used, [&](const CPODData& d, const PODVertexStream& stream) {
+      if (Rebuilt(mesh, d) || d.pData == nullptr || d.nDataSize >= v * d.nStride) return;
+      if (stream.tag != PODTag::MeshUVW && shortStream.empty())
+        shortStream = "a vertex stream is shorter than its " + std::to_string(v) + " vertices";
+      if (stream.tag == PODTag::MeshUVW && shortSet.empty())
+        shortSet = "texture-coordinate set " + std::to_string(stream.uvSet) + " is shorter than its " +
+                   std::to_string(v) + " vertices";
+    });
+    if (!shortStream.empty()) return fail(-1, which + shortStream);
+    if (!shortSet.empty()) return fail(-1, which + shortSet);
     return true;
   }
 

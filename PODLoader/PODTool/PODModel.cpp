@@ -64,30 +64,14 @@ void ReleaseMeshArrays(SPODMesh& mesh) {
   ReleaseStream(mesh.sFaces);
   Release(mesh.pnStripLength);
   mesh.nStripLengthSize = 0;
-  if (mesh.pInterleaved == nullptr) {
-    ReleaseStream(mesh.sVertex);
-    ReleaseStream(mesh.sNormals);
-    ReleaseStream(mesh.sTangents);
-    ReleaseStream(mesh.sBinormals);
-    // nUVWCount, not nNumUVW: only descriptors that really exist are visited.
-    if (mesh.psUVW != nullptr) {
-      for (size_t i = 0; i < mesh.nUVWCount; ++i) ReleaseStream(mesh.psUVW[i]);
-    }
-    ReleaseStream(mesh.sVtxColours);
-    ReleaseStream(mesh.sBoneIdx);
-    ReleaseStream(mesh.sBoneWeight);
-  } else {
-    // The stream descriptors hold offsets into the block and own nothing, except a stream read
-    // as its own array before the block arrived: its size field says that it owns one.
-    for (CPODData* d : {&mesh.sVertex, &mesh.sNormals, &mesh.sTangents, &mesh.sBinormals,
-                        &mesh.sVtxColours, &mesh.sBoneIdx, &mesh.sBoneWeight}) {
-      if (d->nDataSize > 0) ReleaseStream(*d);
-    }
-    if (mesh.psUVW != nullptr) {
-      for (size_t i = 0; i < mesh.nUVWCount; ++i) {
-        if (mesh.psUVW[i].nDataSize > 0) ReleaseStream(mesh.psUVW[i]);
-      }
-    }
+  // In an interleaved mesh the descriptors hold offsets into the block and own nothing, except
+  // a stream read as its own array before the block arrived: its size field says that it owns
+  // one. nUVWCount, not nNumUVW: only descriptors that really exist are visited.
+  const bool interleaved = mesh.pInterleaved != nullptr;
+  ForEachVertexStream(mesh, EPODUVSets::Held, [interleaved](CPODData& d, const PODVertexStream&) {
+    if (!interleaved || d.nDataSize > 0) ReleaseStream(d);
+  });
+  if (interleaved) {
     Release(mesh.pInterleaved);
     mesh.nInterleavedSize = 0;
   }
@@ -176,11 +160,10 @@ bool PODModelOwnBorrowedArrays(CPODScene& scene) {
   std::vector<CPODData*> borrowed;
   for (uint32_t m = 0; scene.pMesh != nullptr && m < scene.nNumMesh; ++m) {
     SPODMesh& mesh = scene.pMesh[m];
-    for (CPODData* d : {&mesh.sFaces, &mesh.sVertex, &mesh.sNormals, &mesh.sTangents,
-                        &mesh.sBinormals, &mesh.sVtxColours, &mesh.sBoneIdx, &mesh.sBoneWeight})
-      if (d->bBorrowed) borrowed.push_back(d);
-    for (size_t k = 0; mesh.psUVW != nullptr && k < mesh.nUVWCount; ++k)
-      if (mesh.psUVW[k].bBorrowed) borrowed.push_back(&mesh.psUVW[k]);
+    if (mesh.sFaces.bBorrowed) borrowed.push_back(&mesh.sFaces);
+    ForEachVertexStream(mesh, EPODUVSets::Held, [&borrowed](CPODData& d, const PODVertexStream&) {
+      if (d.bBorrowed) borrowed.push_back(&d);
+    });
   }
   // Every copy is made before any stream changes, so running out of memory changes nothing.
   std::vector<uint8_t*> copies;

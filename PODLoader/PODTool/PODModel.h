@@ -16,6 +16,7 @@
 #include <cstdio>
 
 #include "PODMatrix.h"
+#include "PODTag.h"
 
 enum EPODDataType : uint32_t {
   EPODDataUndefined = 0,
@@ -91,6 +92,35 @@ struct SPODMesh {
   // reads a mesh that has one.
   SPODMeshWeld* pWeld;
 };
+
+// One per-vertex stream of a mesh as ForEachVertexStream hands it over.
+struct PODVertexStream {
+  unsigned int tag;  // its block in a mesh record
+  const char* name;  // its member
+  uint32_t uvSet;    // the texture-coordinate set (tag 6010 only)
+};
+
+// Which texture-coordinate descriptors ForEachVertexStream visits: every one there is (what a
+// mesh owns), or the ones its count uses, as far as they exist (what a file holds).
+enum class EPODUVSets { Held, Used };
+
+// Every per-vertex stream of a mesh, in the order a file holds them: positions, normals,
+// tangents, binormals, the texture-coordinate sets, colours, bone indices, bone weights.
+// f(CPODData& stream, const PODVertexStream& which); `Mesh` may be const.
+template <class Mesh, class F>
+void ForEachVertexStream(Mesh& mesh, EPODUVSets sets, F&& f) {
+  f(mesh.sVertex, PODVertexStream{PODTag::MeshVtx, "sVertex", 0});
+  f(mesh.sNormals, PODVertexStream{PODTag::MeshNor, "sNormals", 0});
+  f(mesh.sTangents, PODVertexStream{PODTag::MeshTan, "sTangents", 0});
+  f(mesh.sBinormals, PODVertexStream{PODTag::MeshBin, "sBinormals", 0});
+  const size_t uvSets = mesh.psUVW == nullptr ? 0
+                        : sets == EPODUVSets::Held ? mesh.nUVWCount
+                                                   : (mesh.nNumUVW < mesh.nUVWCount ? mesh.nNumUVW : mesh.nUVWCount);
+  for (size_t k = 0; k < uvSets; ++k) f(mesh.psUVW[k], PODVertexStream{PODTag::MeshUVW, "psUVW", uint32_t(k)});
+  f(mesh.sVtxColours, PODVertexStream{PODTag::MeshVtxCol, "sVtxColours", 0});
+  f(mesh.sBoneIdx, PODVertexStream{PODTag::MeshBoneIdx, "sBoneIdx", 0});
+  f(mesh.sBoneWeight, PODVertexStream{PODTag::MeshBoneWeight, "sBoneWeight", 0});
+}
 
 struct SPODNode {
   int32_t nIdx;

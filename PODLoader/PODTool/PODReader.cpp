@@ -736,14 +736,9 @@ void CheckMeshArrays(const SPODMesh& s, CSource& src) {
         src.Irregular("stream " + std::string(name) + " has components but no data");
     };
     check(s.sFaces, "sFaces", PODModelCountIndices(s));
-    const std::pair<const CPODData*, const char*> streams[] = {
-        {&s.sVertex, "sVertex"},         {&s.sNormals, "sNormals"},
-        {&s.sTangents, "sTangents"},     {&s.sBinormals, "sBinormals"},
-        {&s.sVtxColours, "sVtxColours"}, {&s.sBoneIdx, "sBoneIdx"},
-        {&s.sBoneWeight, "sBoneWeight"}};
-    for (const auto& stream : streams) check(*stream.first, stream.second, s.nNumVertex);
-    for (size_t k = 0; s.psUVW != nullptr && k < s.nUVWCount && k < s.nNumUVW; ++k)
-      check(s.psUVW[k], "psUVW", s.nNumVertex);
+    ForEachVertexStream(s, EPODUVSets::Used, [&](const CPODData& d, const PODVertexStream& which) {
+      check(d, which.name, s.nNumVertex);
+    });
   }
   if (s.nNumStrips != 0 && !src.HasSeen(PODTag::MeshStripLength))
     src.Irregular("nNumStrips is " + std::to_string(s.nNumStrips) + " but " +
@@ -812,33 +807,12 @@ bool ReadMesh(SPODMesh& s, CSource& src) {
       case PODTag::MeshNumStrips:
         if (!src.Read(s.nNumStrips)) return false;
         break;
-      case PODTag::MeshVtx:
-        if (!ReadCPODData(s.sVertex, src, nName, s.pInterleaved == nullptr)) return false;
-        break;
-      case PODTag::MeshNor:
-        if (!ReadCPODData(s.sNormals, src, nName, s.pInterleaved == nullptr)) return false;
-        break;
-      case PODTag::MeshTan:
-        if (!ReadCPODData(s.sTangents, src, nName, s.pInterleaved == nullptr)) return false;
-        break;
-      case PODTag::MeshBin:
-        if (!ReadCPODData(s.sBinormals, src, nName, s.pInterleaved == nullptr)) return false;
-        break;
       case PODTag::MeshUVW:
         // A stream beyond the descriptors there are has no slot to go to.
         if (nUVWs >= s.nUVWCount)
           return src.Fail(EPODReadFailure::StreamCountMismatch,
                           "more streams than the " + std::to_string(s.nNumUVW) + " declared");
         if (!ReadCPODData(s.psUVW[nUVWs++], src, nName, s.pInterleaved == nullptr)) return false;
-        break;
-      case PODTag::MeshVtxCol:
-        if (!ReadCPODData(s.sVtxColours, src, nName, s.pInterleaved == nullptr)) return false;
-        break;
-      case PODTag::MeshBoneIdx:
-        if (!ReadCPODData(s.sBoneIdx, src, nName, s.pInterleaved == nullptr)) return false;
-        break;
-      case PODTag::MeshBoneWeight:
-        if (!ReadCPODData(s.sBoneWeight, src, nName, s.pInterleaved == nullptr)) return false;
         break;
       case PODTag::MeshInterleaved:
         if (!src.ReadAfterAlloc(s.pInterleaved, nLen, s.nInterleavedSize)) return false;
@@ -863,8 +837,16 @@ bool ReadMesh(SPODMesh& s, CSource& src) {
       case PODTag::MeshBoneBatchCnt:
         if (!src.Read(s.sBoneBatches.nBatchCnt)) return false;
         break;
-      default:
-        if (!src.SkipBlock(nLen)) return false;
+      default: {
+        // The vertex streams other than the texture-coordinate sets, by their tags.
+        CPODData* stream = nullptr;
+        ForEachVertexStream(s, EPODUVSets::Held, [&](CPODData& d, const PODVertexStream& which) {
+          if (which.tag == nName && nName != PODTag::MeshUVW) stream = &d;
+        });
+        if (stream != nullptr ? !ReadCPODData(*stream, src, nName, s.pInterleaved == nullptr)
+                              : !src.SkipBlock(nLen))
+          return false;
+      }
     }
   }
   return EndedInside(src);

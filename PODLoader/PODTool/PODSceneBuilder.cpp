@@ -231,15 +231,9 @@ void PODSceneBuilder::Interleave(int mesh) {
   SPODMesh& m = Mesh(mesh);
   KX_ASSERT(m.pInterleaved == nullptr, kSource);
   std::vector<CPODData*> streams;
-  for (CPODData* s : {&m.sVertex, &m.sNormals, &m.sTangents, &m.sBinormals}) {
-    if (s->pData) streams.push_back(s);
-  }
-  for (size_t i = 0; i < m.nUVWCount; ++i) {
-    if (m.psUVW[i].pData) streams.push_back(&m.psUVW[i]);
-  }
-  for (CPODData* s : {&m.sVtxColours, &m.sBoneIdx, &m.sBoneWeight}) {
-    if (s->pData) streams.push_back(s);
-  }
+  ForEachVertexStream(m, EPODUVSets::Held, [&streams](CPODData& s, const PODVertexStream&) {
+    if (s.pData) streams.push_back(&s);
+  });
   size_t stride = 0;
   for (const CPODData* s : streams) stride += s->nStride;
   const size_t bytes = stride * m.nNumVertex;

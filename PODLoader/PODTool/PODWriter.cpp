@@ -98,6 +98,21 @@ bool WriteMaterial(FILE* f, const SPODMaterial& m) {
 
 // A stream of a welded mesh is written as its rebuilt array would be, gathered from the old
 // streams a slice at a time; any other stream as it is.
+// The stream a weld rebuilds a vertex stream as; false for the streams it leaves in their old
+// order (tangents, binormals, colours, texture-coordinate sets beyond the second).
+bool WeldedAs(const PODVertexStream& stream, EPODWeldStream& welded) {
+  switch (stream.tag) {
+    case PODTag::MeshVtx: welded = EPODWeldStream::Vertex; return true;
+    case PODTag::MeshNor: welded = EPODWeldStream::Normals; return true;
+    case PODTag::MeshUVW:
+      welded = stream.uvSet == 0 ? EPODWeldStream::UVW0 : EPODWeldStream::UVW1;
+      return stream.uvSet < 2;
+    case PODTag::MeshBoneIdx: welded = EPODWeldStream::BoneIdx; return true;
+    case PODTag::MeshBoneWeight: welded = EPODWeldStream::BoneWeight; return true;
+    default: return false;
+  }
+}
+
 bool WriteStream(FILE* f, unsigned int nName, const SPODMesh& m, const CPODData& data,
                  EPODWeldStream stream, unsigned int nCount, bool bValidData) {
   if (m.pWeld == nullptr || PODMeshWeldedStream(m, *m.pWeld, stream) == nullptr)
@@ -160,21 +175,13 @@ bool WriteMesh(FILE* f, const SPODMesh& m) {
                       b.nBatchBoneCntSize) &&
        WriteWordArray(f, PODTag::MeshBoneBatchOffsets, b.pnBatchOffset, uint64_t(b.nBatchCnt), 4,
                       b.nBatchOffsetSize) &&
-       WriteStream(f, PODTag::MeshFaces, m, m.sFaces, EPODWeldStream::Faces, PODModelCountIndices(m), true) &&
-       WriteStream(f, PODTag::MeshVtx, m, m.sVertex, EPODWeldStream::Vertex, nVtx, separate) &&
-       WriteStream(f, PODTag::MeshNor, m, m.sNormals, EPODWeldStream::Normals, nVtx, separate) &&
-       WriteCPODData(f, PODTag::MeshTan, m.sTangents, nVtx, separate) &&
-       WriteCPODData(f, PODTag::MeshBin, m.sBinormals, nVtx, separate);
-  const EPODWeldStream uvs[] = {EPODWeldStream::UVW0, EPODWeldStream::UVW1};
-  for (unsigned int i = 0; ok && i < m.nNumUVW; ++i) {
-    ok = i < 2 ? WriteStream(f, PODTag::MeshUVW, m, m.psUVW[i], uvs[i], nVtx, separate)
-               : WriteCPODData(f, PODTag::MeshUVW, m.psUVW[i], nVtx, separate);
-  }
-  return ok && WriteCPODData(f, PODTag::MeshVtxCol, m.sVtxColours, nVtx, separate) &&
-         WriteStream(f, PODTag::MeshBoneIdx, m, m.sBoneIdx, EPODWeldStream::BoneIdx, nVtx, separate) &&
-         WriteStream(f, PODTag::MeshBoneWeight, m, m.sBoneWeight, EPODWeldStream::BoneWeight, nVtx,
-                     separate) &&
-         WriteMarker(f, PODTag::SceneMesh, true, 0);
+       WriteStream(f, PODTag::MeshFaces, m, m.sFaces, EPODWeldStream::Faces, PODModelCountIndices(m), true);
+  ForEachVertexStream(m, EPODUVSets::Used, [&](const CPODData& d, const PODVertexStream& stream) {
+    EPODWeldStream welded;
+    ok = ok && (WeldedAs(stream, welded) ? WriteStream(f, stream.tag, m, d, welded, nVtx, separate)
+                                         : WriteCPODData(f, stream.tag, d, nVtx, separate));
+  });
+  return ok && WriteMarker(f, PODTag::SceneMesh, true, 0);
 }
 
 // A channel holds nNumFrame keys when its flag is set, else the one static key.

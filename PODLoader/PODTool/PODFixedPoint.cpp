@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "PODModel.h"
+#include "PODRecordLayout.h"
 
 // Values are converted in place, so source and destination alias the same words: every word
 // is moved through memcpy rather than through the typed pointers.
@@ -58,19 +59,32 @@ void Toggle(float (&v)[N], bool toFloat) {
 
 void Toggle(float& v, bool toFloat) { Toggle(&v, 1, 4, toFloat); }
 
+// Converts the real numbers of a record's description; integers and names stay as they are.
+struct RealsToggle {
+  size_t nNumFrame;
+  bool toFloat;
+
+  template <class T>
+  void word(unsigned int, T&) {}
+  void real(unsigned int, float& v) { Toggle(v, toFloat); }
+  template <size_t N>
+  void reals(unsigned int, float (&v)[N]) {
+    Toggle(v, toFloat);
+  }
+  void text(unsigned int, char*&, bool, bool) {}
+  void frames(unsigned int, float*& p, size_t& bytes, unsigned int perFrame, bool) {
+    Toggle(p, nNumFrame * perFrame, bytes, toFloat);
+  }
+};
+
 }  // namespace
 
 void PODModelToggleFixedPoint(SPODScene& s) {
   const bool toFloat = (s.nFlags & 1u) != 0;
   const size_t frames = s.nNumFrame;
-  for (unsigned int i = 0; s.pCamera && i < s.nNumCamera; ++i) {
-    SPODCamera& c = s.pCamera[i];
-    Toggle(c.fFOV, toFloat);
-    Toggle(c.fFar, toFloat);
-    Toggle(c.fNear, toFloat);
-    Toggle(c.pfAnimFOV, frames, c.nAnimFOVSize, toFloat);
-  }
-  for (unsigned int i = 0; s.pLight && i < s.nNumLight; ++i) Toggle(s.pLight[i].pfColour, toFloat);
+  RealsToggle toggle{frames, toFloat};
+  for (unsigned int i = 0; s.pCamera && i < s.nNumCamera; ++i) korvex::DescribeCamera(s.pCamera[i], toggle);
+  for (unsigned int i = 0; s.pLight && i < s.nNumLight; ++i) korvex::DescribeLight(s.pLight[i], toggle);
   for (unsigned int i = 0; s.pNode && i < s.nNumNode; ++i) {
     SPODNode& n = s.pNode[i];
     Toggle(n.pfPosition, toFloat);
@@ -80,14 +94,7 @@ void PODModelToggleFixedPoint(SPODScene& s) {
     Toggle(n.pfAnimRotation, frames * 4, n.nAnimRotationSize, toFloat);
     Toggle(n.pfAnimScale, frames * 7, n.nAnimScaleSize, toFloat);
   }
-  for (unsigned int i = 0; s.pMaterial && i < s.nNumMaterial; ++i) {
-    SPODMaterial& m = s.pMaterial[i];
-    Toggle(m.fMatOpacity, toFloat);
-    Toggle(m.pfMatAmbient, toFloat);
-    Toggle(m.pfMatDiffuse, toFloat);
-    Toggle(m.pfMatSpecular, toFloat);
-    Toggle(m.fMatShininess, toFloat);
-  }
+  for (unsigned int i = 0; s.pMaterial && i < s.nNumMaterial; ++i) korvex::DescribeMaterial(s.pMaterial[i], toggle);
   Toggle(s.pfColourBackground, toFloat);
   Toggle(s.pfColourAmbient, toFloat);
   s.nFlags ^= 1u;

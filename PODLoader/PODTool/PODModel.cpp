@@ -5,6 +5,7 @@
 
 #include "PODMeshWeld.h"
 #include "PODReader.h"
+#include "PODRecordLayout.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -98,17 +99,32 @@ void ReleaseImpl(SPODImpl*& impl) {
 
 }  // namespace
 
+namespace {
+
+// Frees the arrays and names of a record's description.
+struct ArraysRelease {
+  template <class T>
+  void word(unsigned int, T&) {}
+  void real(unsigned int, float&) {}
+  template <size_t N>
+  void reals(unsigned int, float (&)[N]) {}
+  void text(unsigned int, char*& p, bool, bool) { Release(p); }
+  void frames(unsigned int, float*& p, size_t&, unsigned int, bool) { Release(p); }
+};
+
+}  // namespace
+
 void PODModelRelease(SPODCamera& camera) {
-  Release(camera.pfAnimFOV);
+  ArraysRelease release;
+  korvex::DescribeCamera(camera, release);
   camera = SPODCamera();
 }
 
 void PODModelRelease(SPODLight& light) { light = SPODLight(); }
 
 void PODModelRelease(SPODMaterial& material) {
-  Release(material.pszName);
-  Release(material.pszEffectFile);
-  Release(material.pszEffectName);
+  ArraysRelease release;
+  korvex::DescribeMaterial(material, release);
   material = SPODMaterial();
 }
 
@@ -129,7 +145,8 @@ void PODModelRelease(SPODNode& node) {
 }
 
 void PODModelRelease(SPODTexture& texture) {
-  Release(texture.pszName);
+  ArraysRelease release;
+  korvex::DescribeTexture(texture, release);
   texture = SPODTexture();
 }
 

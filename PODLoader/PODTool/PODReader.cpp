@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "ByteIO.h"
+#include "PODRecordLayout.h"
 #include "PODTag.h"
 
 // ---------------------------------------------------------------------------------------------
@@ -604,114 +605,85 @@ bool ReadCPODData(CPODData& s, CSource& src, unsigned int nSpec, bool bValidData
   return EndedInside(src);
 }
 
-bool ReadCamera(SPODCamera& s, CSource& src) {
-  Clear(s.pfAnimFOV, s.nAnimFOVSize);
+namespace {
+
+// Releases the members a record's description says are cleared as the record starts.
+struct ClearedFirst {
+  template <class T>
+  void word(unsigned int, T&) {}
+  void real(unsigned int, float&) {}
+  template <size_t N>
+  void reals(unsigned int, float (&)[N]) {}
+  void text(unsigned int, char*& p, bool, bool clear) {
+    if (clear) Clear(p);
+  }
+  void frames(unsigned int, float*& p, size_t& bytes, unsigned int, bool clear) {
+    if (clear) Clear(p, bytes);
+  }
+};
+
+// Reads one block into the member its tag names, if the description has it.
+struct BlockReader {
+  CSource& src;
+  const unsigned int tag, nLen;
+  bool found = false, ok = true;
+
+  bool Is(unsigned int t) {
+    if (t != tag) return false;
+    found = true;
+    return true;
+  }
+  template <class T>
+  void word(unsigned int t, T& v) {
+    if (Is(t)) ok = src.Read(v);
+  }
+  void real(unsigned int t, float& v) {
+    if (Is(t)) ok = src.Read(v);
+  }
+  template <size_t N>
+  void reals(unsigned int t, float (&v)[N]) {
+    if (Is(t)) ok = src.Read(v);
+  }
+  void text(unsigned int t, char*& p, bool, bool) {
+    if (Is(t)) ok = src.ReadAfterAlloc(p, nLen);
+  }
+  void frames(unsigned int t, float*& p, size_t& bytes, unsigned int, bool) {
+    if (Is(t)) ok = src.ReadAfterAlloc(p, nLen, bytes);
+  }
+};
+
+// The blocks of a record up to the end marker of `container`; blocks its description lacks are
+// skipped.
+template <class R, class Describe>
+bool ReadFields(R& record, CSource& src, unsigned int container, Describe describe) {
+  ClearedFirst clear;
+  describe(record, clear);
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {
-    switch (nName) {
-      case PODTag::SceneCamera | kEnd:
-        return true;
-      case PODTag::CamIdxTgt:
-        if (!src.Read(s.nIdxTarget)) return false;
-        break;
-      case PODTag::CamFOV:
-        if (!src.Read(s.fFOV)) return false;
-        break;
-      case PODTag::CamFar:
-        if (!src.Read(s.fFar)) return false;
-        break;
-      case PODTag::CamNear:
-        if (!src.Read(s.fNear)) return false;
-        break;
-      case PODTag::CamAnimFOV:
-        if (!src.ReadAfterAlloc(s.pfAnimFOV, nLen, s.nAnimFOVSize)) return false;
-        break;
-      default:
-        if (!src.SkipBlock(nLen)) return false;
-    }
+    if (nName == (container | kEnd)) return true;
+    BlockReader reader{src, nName, nLen};
+    describe(record, reader);
+    if (!(reader.found ? reader.ok : src.SkipBlock(nLen))) return false;
   }
   return EndedInside(src);
+}
+
+}  // namespace
+
+bool ReadCamera(SPODCamera& s, CSource& src) {
+  return ReadFields(s, src, PODTag::SceneCamera, [](auto& r, auto& v) { korvex::DescribeCamera(r, v); });
 }
 
 bool ReadLight(SPODLight& s, CSource& src) {
-  unsigned int nName, nLen;
-  while (src.ReadMarker(nName, nLen)) {
-    switch (nName) {
-      case PODTag::SceneLight | kEnd:
-        return true;
-      case PODTag::LightIdxTgt:
-        if (!src.Read(s.nIdxTarget)) return false;
-        break;
-      case PODTag::LightColour:
-        if (!src.Read(s.pfColour)) return false;
-        break;
-      case PODTag::LightType:
-        if (!src.Read(s.eType)) return false;
-        break;
-      default:
-        if (!src.SkipBlock(nLen)) return false;
-    }
-  }
-  return EndedInside(src);
+  return ReadFields(s, src, PODTag::SceneLight, [](auto& r, auto& v) { korvex::DescribeLight(r, v); });
 }
 
 bool ReadTexture(SPODTexture& s, CSource& src) {
-  unsigned int nName, nLen;
-  while (src.ReadMarker(nName, nLen)) {
-    switch (nName) {
-      case PODTag::SceneTexture | kEnd:
-        return true;
-      case PODTag::TexName:
-        if (!src.ReadAfterAlloc(s.pszName, nLen)) return false;
-        break;
-      default:
-        if (!src.SkipBlock(nLen)) return false;
-    }
-  }
-  return EndedInside(src);
+  return ReadFields(s, src, PODTag::SceneTexture, [](auto& r, auto& v) { korvex::DescribeTexture(r, v); });
 }
 
 bool ReadMaterial(SPODMaterial& s, CSource& src) {
-  Clear(s.pszName);
-  Clear(s.pszEffectFile);
-  Clear(s.pszEffectName);
-  unsigned int nName, nLen;
-  while (src.ReadMarker(nName, nLen)) {
-    switch (nName) {
-      case PODTag::SceneMaterial | kEnd:
-        return true;
-      case PODTag::MatName:
-        if (!src.ReadAfterAlloc(s.pszName, nLen)) return false;
-        break;
-      case PODTag::MatIdxTexDiffuse:
-        if (!src.Read(s.nIdxTexDiffuse)) return false;
-        break;
-      case PODTag::MatOpacity:
-        if (!src.Read(s.fMatOpacity)) return false;
-        break;
-      case PODTag::MatAmbient:
-        if (!src.Read(s.pfMatAmbient)) return false;
-        break;
-      case PODTag::MatDiffuse:
-        if (!src.Read(s.pfMatDiffuse)) return false;
-        break;
-      case PODTag::MatSpecular:
-        if (!src.Read(s.pfMatSpecular)) return false;
-        break;
-      case PODTag::MatShininess:
-        if (!src.Read(s.fMatShininess)) return false;
-        break;
-      case PODTag::MatEffectFile:
-        if (!src.ReadAfterAlloc(s.pszEffectFile, nLen)) return false;
-        break;
-      case PODTag::MatEffectName:
-        if (!src.ReadAfterAlloc(s.pszEffectName, nLen)) return false;
-        break;
-      default:
-        if (!src.SkipBlock(nLen)) return false;
-    }
-  }
-  return EndedInside(src);
+  return ReadFields(s, src, PODTag::SceneMaterial, [](auto& r, auto& v) { korvex::DescribeMaterial(r, v); });
 }
 
 namespace {

@@ -7,6 +7,7 @@
 
 #include "ByteIO.h"
 #include "PODMeshWeld.h"
+#include "PODRecordLayout.h"
 #include "PODTag.h"
 
 namespace {
@@ -67,33 +68,33 @@ bool WriteWordArray(FILE* pFile, unsigned int nName, const void* p, uint64_t cou
   return ArrayLength(count, elementBytes, nHeld, nLen) && WriteDataWords(pFile, nName, p, nLen);
 }
 
-bool WriteCamera(FILE* f, const SPODCamera& c, unsigned int nNumFrame) {
-  return WriteMarker(f, PODTag::SceneCamera, false, 0) &&
-         WriteData(f, PODTag::CamIdxTgt, c.nIdxTarget) && WriteData(f, PODTag::CamFOV, c.fFOV) &&
-         WriteData(f, PODTag::CamFar, c.fFar) && WriteData(f, PODTag::CamNear, c.fNear) &&
-         WriteWordArray(f, PODTag::CamAnimFOV, c.pfAnimFOV, nNumFrame, 4, c.nAnimFOVSize) &&
-         WriteMarker(f, PODTag::SceneCamera, true, 0);
-}
+// Writes the blocks of a record's description in its order.
+struct BlockWriter {
+  FILE* f;
+  unsigned int nNumFrame;
+  bool ok = true;
 
-bool WriteLight(FILE* f, const SPODLight& l) {
-  return WriteMarker(f, PODTag::SceneLight, false, 0) &&
-         WriteData(f, PODTag::LightIdxTgt, l.nIdxTarget) &&
-         WriteData(f, PODTag::LightColour, l.pfColour) &&
-         WriteData(f, PODTag::LightType, l.eType) && WriteMarker(f, PODTag::SceneLight, true, 0);
-}
+  template <class T>
+  void word(unsigned int tag, const T& v) {
+    ok = ok && WriteValue(f, tag, v);
+  }
+  void real(unsigned int tag, const float& v) { ok = ok && WriteValue(f, tag, v); }
+  void reals(unsigned int tag, const float (&v)[3]) { ok = ok && WriteData(f, tag, v); }
+  void text(unsigned int tag, const char* p, bool needed, bool) {
+    ok = ok && (needed ? WriteName(f, tag, p) : WriteOptionalString(f, tag, p));
+  }
+  void frames(unsigned int tag, const float* p, size_t bytes, unsigned int perFrame, bool) {
+    ok = ok && WriteWordArray(f, tag, p, nNumFrame, 4 * uint64_t{perFrame}, bytes);
+  }
+};
 
-bool WriteMaterial(FILE* f, const SPODMaterial& m) {
-  return WriteMarker(f, PODTag::SceneMaterial, false, 0) &&
-         WriteName(f, PODTag::MatName, m.pszName) &&
-         WriteData(f, PODTag::MatIdxTexDiffuse, m.nIdxTexDiffuse) &&
-         WriteData(f, PODTag::MatOpacity, m.fMatOpacity) &&
-         WriteData(f, PODTag::MatAmbient, m.pfMatAmbient) &&
-         WriteData(f, PODTag::MatDiffuse, m.pfMatDiffuse) &&
-         WriteData(f, PODTag::MatSpecular, m.pfMatSpecular) &&
-         WriteData(f, PODTag::MatShininess, m.fMatShininess) &&
-         WriteOptionalString(f, PODTag::MatEffectFile, m.pszEffectFile) &&
-         WriteOptionalString(f, PODTag::MatEffectName, m.pszEffectName) &&
-         WriteMarker(f, PODTag::SceneMaterial, true, 0);
+// A record: its container around the blocks of its description.
+template <class R, class Describe>
+bool WriteFields(FILE* f, unsigned int container, const R& record, unsigned int nNumFrame, Describe describe) {
+  BlockWriter writer{f, nNumFrame};
+  if (!WriteMarker(f, container, false, 0)) return false;
+  describe(record, writer);
+  return writer.ok && WriteMarker(f, container, true, 0);
 }
 
 // A stream of a welded mesh is written as its rebuilt array would be, gathered from the old
@@ -207,11 +208,6 @@ bool WriteNode(FILE* f, const SPODNode& n, unsigned int nNumFrame) {
          WriteMarker(f, PODTag::SceneNode, true, 0);
 }
 
-bool WriteTexture(FILE* f, const SPODTexture& t) {
-  return WriteMarker(f, PODTag::SceneTexture, false, 0) &&
-         WriteName(f, PODTag::TexName, t.pszName) && WriteMarker(f, PODTag::SceneTexture, true, 0);
-}
-
 // Records of one kind in array order; a count without its array cannot be written.
 template <typename T, typename Fn>
 bool WriteRecords(const T* array, unsigned int count, Fn write) {
@@ -309,17 +305,29 @@ bool WritePOD(FILE* pFile, const char* pszExpOpt, const SPODScene& s) {
          WriteData(pFile, PODTag::SceneNumFrame, s.nNumFrame) &&
          WriteData(pFile, PODTag::SceneFlags, s.nFlags) &&
          WriteRecords(s.pCamera, s.nNumCamera,
-                      [&](const SPODCamera& c) { return WriteCamera(pFile, c, frames); }) &&
+                      [&](const SPODCamera& c) {
+                        return WriteFields(pFile, PODTag::SceneCamera, c, frames,
+                                           [](auto& r, auto& v) { korvex::DescribeCamera(r, v); });
+                      }) &&
          WriteRecords(s.pLight, s.nNumLight,
-                      [&](const SPODLight& l) { return WriteLight(pFile, l); }) &&
+                      [&](const SPODLight& l) {
+                        return WriteFields(pFile, PODTag::SceneLight, l, frames,
+                                           [](auto& r, auto& v) { korvex::DescribeLight(r, v); });
+                      }) &&
          WriteRecords(s.pMaterial, s.nNumMaterial,
-                      [&](const SPODMaterial& m) { return WriteMaterial(pFile, m); }) &&
+                      [&](const SPODMaterial& m) {
+                        return WriteFields(pFile, PODTag::SceneMaterial, m, frames,
+                                           [](auto& r, auto& v) { korvex::DescribeMaterial(r, v); });
+                      }) &&
          WriteRecords(s.pMesh, s.nNumMesh,
                       [&](const SPODMesh& m) { return WriteMesh(pFile, m); }) &&
          WriteRecords(s.pNode, s.nNumNode,
                       [&](const SPODNode& n) { return WriteNode(pFile, n, frames); }) &&
          WriteRecords(s.pTexture, s.nNumTexture,
-                      [&](const SPODTexture& t) { return WriteTexture(pFile, t); }) &&
+                      [&](const SPODTexture& t) {
+                        return WriteFields(pFile, PODTag::SceneTexture, t, frames,
+                                           [](auto& r, auto& v) { korvex::DescribeTexture(r, v); });
+                      }) &&
          WriteMarker(pFile, PODTag::Scene, true, 0);
 }
 

@@ -99,23 +99,8 @@ void ReleaseImpl(SPODImpl*& impl) {
 
 }  // namespace
 
-namespace {
-
-// Frees the arrays and names of a record's description.
-struct ArraysRelease {
-  template <class T>
-  void word(unsigned int, T&) {}
-  void real(unsigned int, float&) {}
-  template <size_t N>
-  void reals(unsigned int, float (&)[N]) {}
-  void text(unsigned int, char*& p, bool, bool) { Release(p); }
-  void frames(unsigned int, float*& p, size_t&, unsigned int, bool) { Release(p); }
-};
-
-}  // namespace
-
 void PODModelRelease(SPODCamera& camera) {
-  ArraysRelease release;
+  korvex::PODRecordArraysRelease release;
   korvex::DescribeCamera(camera, release);
   camera = SPODCamera();
 }
@@ -123,7 +108,7 @@ void PODModelRelease(SPODCamera& camera) {
 void PODModelRelease(SPODLight& light) { light = SPODLight(); }
 
 void PODModelRelease(SPODMaterial& material) {
-  ArraysRelease release;
+  korvex::PODRecordArraysRelease release;
   korvex::DescribeMaterial(material, release);
   material = SPODMaterial();
 }
@@ -145,7 +130,7 @@ void PODModelRelease(SPODNode& node) {
 }
 
 void PODModelRelease(SPODTexture& texture) {
-  ArraysRelease release;
+  korvex::PODRecordArraysRelease release;
   korvex::DescribeTexture(texture, release);
   texture = SPODTexture();
 }

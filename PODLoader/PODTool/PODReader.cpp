@@ -607,21 +607,6 @@ bool ReadCPODData(CPODData& s, CSource& src, unsigned int nSpec, bool bValidData
 
 namespace {
 
-// Releases the members a record's description says are cleared as the record starts.
-struct ClearedFirst {
-  template <class T>
-  void word(unsigned int, T&) {}
-  void real(unsigned int, float&) {}
-  template <size_t N>
-  void reals(unsigned int, float (&)[N]) {}
-  void text(unsigned int, char*& p, bool, bool clear) {
-    if (clear) Clear(p);
-  }
-  void frames(unsigned int, float*& p, size_t& bytes, unsigned int, bool clear) {
-    if (clear) Clear(p, bytes);
-  }
-};
-
 // Reads one block into the member its tag names, if the description has it.
 struct BlockReader {
   CSource& src;
@@ -656,7 +641,7 @@ struct BlockReader {
 // skipped.
 template <class R, class Describe>
 bool ReadFields(R& record, CSource& src, unsigned int container, Describe describe) {
-  ClearedFirst clear;
+  korvex::PODRecordArraysRelease clear{true};
   describe(record, clear);
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {

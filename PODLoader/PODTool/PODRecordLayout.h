@@ -17,6 +17,9 @@
 // reads over the first).
 // The record parameter is a template so that const records can be walked for writing.
 
+#include <cstddef>
+#include <cstdlib>
+
 #include "PODModel.h"
 #include "PODTag.h"
 
@@ -60,5 +63,32 @@ template <class R, class V>
 void DescribeTexture(R& t, V& v) {
   v.text(PODTag::TexName, t.pszName, kNeeded, kKept);
 }
+
+// Frees the names and arrays of a record's description: every one (`onlyClearedFirst` false, as
+// a record is released), or only those the reader clears as the record starts.
+struct PODRecordArraysRelease {
+  bool onlyClearedFirst = false;
+
+  template <class T>
+  void word(unsigned int, T&) {}
+  void real(unsigned int, float&) {}
+  template <size_t N>
+  void reals(unsigned int, float (&)[N]) {}
+  void text(unsigned int, char*& p, bool, bool clear) {
+    if (!onlyClearedFirst || clear) Free(p);
+  }
+  void frames(unsigned int, float*& p, size_t& bytes, unsigned int, bool clear) {
+    if (onlyClearedFirst && !clear) return;
+    Free(p);
+    bytes = 0;
+  }
+
+ private:
+  template <class T>
+  static void Free(T*& p) {
+    std::free(p);
+    p = nullptr;
+  }
+};
 
 }  // namespace korvex

@@ -120,4 +120,22 @@ inline void StoreU32LE(uint8_t* b, uint32_t v) {
   b[3] = uint8_t(v >> 24);
 }
 
+inline bool HostIsLittleEndian() {
+  const uint16_t probe = 1;
+  uint8_t first;
+  std::memcpy(&first, &probe, 1);
+  return first == 1;
+}
+
+// An array of 32-bit words between host order and little-endian, in place (the same turn both
+// ways); nothing to do on a little-endian host.
+inline void WordsLittleEndian(void* p, size_t nBytes) {
+  if (HostIsLittleEndian()) return;
+  uint8_t* b = static_cast<uint8_t*>(p);
+  for (size_t i = 0; i + 4 <= nBytes; i += 4) {
+    const uint32_t v = LoadU32LE(b + i);
+    std::memcpy(b + i, &v, 4);
+  }
+}
+
 }  // namespace korvex

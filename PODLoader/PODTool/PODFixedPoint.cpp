@@ -52,50 +52,36 @@ void Toggle(float* p, size_t count, size_t nBytes, bool toFloat) {
     FloatToFixed(reinterpret_cast<int*>(p), p, static_cast<unsigned int>(count));
 }
 
-template <size_t N>
-void Toggle(float (&v)[N], bool toFloat) {
-  Toggle(v, N, sizeof v, toFloat);
-}
-
-void Toggle(float& v, bool toFloat) { Toggle(&v, 1, 4, toFloat); }
-
-// Converts the real numbers of a record's description; integers and names stay as they are.
-struct RealsToggle {
+// Converts the real numbers of the scene's tables, records included; integers, names, vertex
+// data and the matrix channel stay as they are. Each value is converted on its own, so the
+// order of the walk does not matter.
+struct RealsToggle : korvex::PODFieldVisitor {
   size_t nNumFrame;
   bool toFloat;
 
-  template <class T>
-  void word(unsigned int, T&) {}
-  void real(unsigned int, float& v) { Toggle(v, toFloat); }
+  void real(unsigned int, const char*, float& v) { Toggle(&v, 1, 4, toFloat); }
   template <size_t N>
-  void reals(unsigned int, float (&v)[N]) {
-    Toggle(v, toFloat);
+  void reals(unsigned int, const char*, float (&v)[N]) {
+    Toggle(v, N, sizeof v, toFloat);
   }
-  void text(unsigned int, char*&, bool, bool) {}
-  void frames(unsigned int, float*& p, size_t& bytes, unsigned int perFrame, bool) {
-    Toggle(p, nNumFrame * perFrame, bytes, toFloat);
+  template <size_t N>
+  void older(unsigned int, const char*, float (&v)[N]) {
+    Toggle(v, N, sizeof v, toFloat);
+  }
+  void frames(unsigned int, const char*, float*& p, size_t& bytes, unsigned int perFrame, bool,
+              bool converted) {
+    if (converted) Toggle(p, nNumFrame * perFrame, bytes, toFloat);
+  }
+  template <class T>
+  void records(unsigned int, const char*, T* array, uint32_t count) {
+    for (uint32_t i = 0; array != nullptr && i < count; ++i) korvex::DescribePOD(array[i], *this);
   }
 };
 
 }  // namespace
 
 void PODModelToggleFixedPoint(SPODScene& s) {
-  const bool toFloat = (s.nFlags & 1u) != 0;
-  const size_t frames = s.nNumFrame;
-  RealsToggle toggle{frames, toFloat};
-  for (unsigned int i = 0; s.pCamera && i < s.nNumCamera; ++i) korvex::DescribeCamera(s.pCamera[i], toggle);
-  for (unsigned int i = 0; s.pLight && i < s.nNumLight; ++i) korvex::DescribeLight(s.pLight[i], toggle);
-  for (unsigned int i = 0; s.pNode && i < s.nNumNode; ++i) {
-    SPODNode& n = s.pNode[i];
-    Toggle(n.pfPosition, toFloat);
-    Toggle(n.pfRotation, toFloat);
-    Toggle(n.pfScale, toFloat);
-    Toggle(n.pfAnimPosition, frames * 3, n.nAnimPositionSize, toFloat);
-    Toggle(n.pfAnimRotation, frames * 4, n.nAnimRotationSize, toFloat);
-    Toggle(n.pfAnimScale, frames * 7, n.nAnimScaleSize, toFloat);
-  }
-  for (unsigned int i = 0; s.pMaterial && i < s.nNumMaterial; ++i) korvex::DescribeMaterial(s.pMaterial[i], toggle);
-  Toggle(s.pfColourBackground, toFloat);
-  Toggle(s.pfColourAmbient, toFloat);
+  RealsToggle toggle{{}, s.nNumFrame, (s.nFlags & 1u) != 0};
+  korvex::DescribePOD(s, toggle);
   s.nFlags ^= 1u;
 }

@@ -4,13 +4,12 @@
 #include "PODModel.h"
 
 #include "PODMeshWeld.h"
-#include "PODReader.h"
+#include "PODSource.h"
 #include "PODRecordLayout.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 #include <vector>
 
 namespace {
@@ -44,50 +43,6 @@ constexpr unsigned int kTypeCount = sizeof(kTypeInfo) / sizeof(kTypeInfo[0]);
 // small enough to pass a later size check while meaning something else.
 unsigned int Saturate(uint64_t v) { return v > UINT32_MAX ? UINT32_MAX : static_cast<unsigned int>(v); }
 
-template <typename T>
-void Release(T*& p) {
-  std::free(p);
-  p = nullptr;
-}
-
-void ReleaseStream(CPODData& data) {
-  if (data.bBorrowed)
-    data.pData = nullptr;  // the scene's source file holds it
-  else
-    Release(data.pData);
-  data.bBorrowed = false;
-  data.nDataSize = 0;
-}
-
-void ReleaseMeshArrays(SPODMesh& mesh) {
-  PODMeshWeldFree(mesh.pWeld);
-  mesh.pWeld = nullptr;
-  ReleaseStream(mesh.sFaces);
-  Release(mesh.pnStripLength);
-  mesh.nStripLengthSize = 0;
-  // In an interleaved mesh the descriptors hold offsets into the block and own nothing, except
-  // a stream read as its own array before the block arrived: its size field says that it owns
-  // one. nUVWCount, not nNumUVW: only descriptors that really exist are visited.
-  const bool interleaved = mesh.pInterleaved != nullptr;
-  ForEachVertexStream(mesh, EPODUVSets::Held, [interleaved](CPODData& d, const PODVertexStream&) {
-    if (!interleaved || d.nDataSize > 0) ReleaseStream(d);
-  });
-  if (interleaved) {
-    Release(mesh.pInterleaved);
-    mesh.nInterleavedSize = 0;
-  }
-  Release(mesh.psUVW);
-  mesh.nUVWCount = 0;
-  CPODBoneBatches& bb = mesh.sBoneBatches;
-  Release(bb.pnBatches);
-  bb.nBatchesSize = 0;
-  Release(bb.pnBatchBoneCnt);
-  bb.nBatchBoneCntSize = 0;
-  Release(bb.pnBatchOffset);
-  bb.nBatchOffsetSize = 0;
-  bb.nBatchCnt = 0;
-}
-
 void ReleaseImpl(SPODImpl*& impl) {
   if (impl == nullptr) return;
   std::free(impl->pfCachedFrame);
@@ -97,42 +52,31 @@ void ReleaseImpl(SPODImpl*& impl) {
   impl = nullptr;
 }
 
+// Every name and array of a record's table, then the record is zeroed where it stands. Unlike
+// the format's own release order, a node's pfAnimMatrix is released as well: keeping it would
+// only leak, and nothing observable depends on it.
+template <class R>
+void ReleaseRecord(R& record) {
+  korvex::PODRecordArraysRelease release;
+  korvex::DescribePOD(record, release);
+  record = R();
+}
+
 }  // namespace
 
-void PODModelRelease(SPODCamera& camera) {
-  korvex::PODRecordArraysRelease release;
-  korvex::DescribeCamera(camera, release);
-  camera = SPODCamera();
-}
+void PODModelRelease(SPODCamera& camera) { ReleaseRecord(camera); }
+void PODModelRelease(SPODLight& light) { ReleaseRecord(light); }
+void PODModelRelease(SPODMaterial& material) { ReleaseRecord(material); }
+void PODModelRelease(SPODNode& node) { ReleaseRecord(node); }
+void PODModelRelease(SPODTexture& texture) { ReleaseRecord(texture); }
 
-void PODModelRelease(SPODLight& light) { light = SPODLight(); }
-
-void PODModelRelease(SPODMaterial& material) {
-  korvex::PODRecordArraysRelease release;
-  korvex::DescribeMaterial(material, release);
-  material = SPODMaterial();
-}
-
+// The descriptors go after the streams they hold, and with them the weld not yet applied.
 void PODModelRelease(SPODMesh& mesh) {
-  ReleaseMeshArrays(mesh);
-  mesh = SPODMesh();
-}
-
-void PODModelRelease(SPODNode& node) {
-  Release(node.pszName);
-  Release(node.pfAnimPosition);
-  Release(node.pfAnimRotation);
-  Release(node.pfAnimScale);
-  // Released as well, although the file format's own release order leaves it out: keeping it
-  // would only leak, and nothing observable depends on it.
-  Release(node.pfAnimMatrix);
-  node = SPODNode();
-}
-
-void PODModelRelease(SPODTexture& texture) {
-  korvex::PODRecordArraysRelease release;
-  korvex::DescribeTexture(texture, release);
-  texture = SPODTexture();
+  PODMeshWeldFree(mesh.pWeld);
+  mesh.pWeld = nullptr;
+  CPODData* sets = mesh.psUVW;
+  ReleaseRecord(mesh);
+  std::free(sets);
 }
 
 unsigned int PODModelDataTypeSize(EPODDataType type) {
@@ -158,15 +102,27 @@ unsigned int PODModelCountIndices(const SPODMesh& mesh) {
   return Saturate(total);
 }
 
-bool PODModelOwnBorrowedArrays(CPODScene& scene) {
-  std::vector<CPODData*> borrowed;
-  for (uint32_t m = 0; scene.pMesh != nullptr && m < scene.nNumMesh; ++m) {
-    SPODMesh& mesh = scene.pMesh[m];
-    if (mesh.sFaces.bBorrowed) borrowed.push_back(&mesh.sFaces);
-    ForEachVertexStream(mesh, EPODUVSets::Held, [&borrowed](CPODData& d, const PODVertexStream&) {
-      if (d.bBorrowed) borrowed.push_back(&d);
-    });
+namespace {
+
+// The streams of a scene whose arrays lie in its source file.
+struct BorrowedStreams : korvex::PODFieldVisitor {
+  static constexpr EPODUVSets kUVSets = EPODUVSets::Held;
+  std::vector<CPODData*> found;
+  template <class T>
+  void records(unsigned int, const char*, T* array, uint32_t count) {
+    for (uint32_t i = 0; array != nullptr && i < count; ++i) korvex::DescribePOD(array[i], *this);
   }
+  void stream(const PODVertexStream&, CPODData& d, bool) {
+    if (d.bBorrowed) found.push_back(&d);
+  }
+};
+
+}  // namespace
+
+bool PODModelOwnBorrowedArrays(CPODScene& scene) {
+  BorrowedStreams streams;
+  korvex::DescribePOD(static_cast<SPODScene&>(scene), streams);
+  const std::vector<CPODData*>& borrowed = streams.found;
   // Every copy is made before any stream changes, so running out of memory changes nothing.
   std::vector<uint8_t*> copies;
   for (const CPODData* d : borrowed) {
@@ -203,27 +159,11 @@ bool CPODScene::ReadFromMemory(const SPODScene& scene) {
   return true;
 }
 
-namespace {
-
-// Every record of an array, then the array.
-template <typename T>
-void ReleaseRecords(T*& records, uint32_t count) {
-  if (records != nullptr) {
-    for (uint32_t i = 0; i < count; ++i) PODModelRelease(records[i]);
-  }
-  Release(records);
-}
-
-}  // namespace
-
 void CPODScene::Destroy() {
   if (m_pImpl != nullptr && !m_pImpl->bReadFromMemory) {
-    ReleaseRecords(pCamera, nNumCamera);
-    ReleaseRecords(pLight, nNumLight);
-    ReleaseRecords(pMaterial, nNumMaterial);
-    ReleaseRecords(pMesh, nNumMesh);
-    ReleaseRecords(pNode, nNumNode);
-    ReleaseRecords(pTexture, nNumTexture);
+    // Records in table order: cameras, lights, materials, meshes, nodes, textures.
+    korvex::PODRecordArraysRelease release;
+    korvex::DescribePOD(static_cast<SPODScene&>(*this), release);
   }
   ReleaseImpl(m_pImpl);
   static_cast<SPODScene&>(*this) = SPODScene();

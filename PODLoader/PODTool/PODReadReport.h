@@ -43,3 +43,5 @@ struct PODReadReport {
 
 // Field name of a block tag ("nNumVertex" for 6000), or null for a tag the format does not have.
 const char* PODTagField(uint32_t tag);
+// "block 6004 (pnStripLength)", or the number alone for a tag the format does not have.
+std::string PODBlockName(uint32_t tag);

@@ -8,6 +8,7 @@
 #include "AnimationValidation.h"
 #include "PODMeshWeld.h"
 #include "PODModel.h"
+#include "PODWriter.h"
 
 namespace {
 
@@ -230,80 +231,17 @@ class Checker {
   }
 
   // What the POD writer reads: every array of every record, as long as the counts say.
+  // Bone-batch counts that are both negative give the writer a length all the same; the
+  // conversion refuses them.
   bool savedScene() {
-    const uint64_t frames = s.nNumFrame;
-    for (uint32_t c = 0; c < s.nNumCamera; ++c) {
-      const SPODCamera& cam = s.pCamera[c];
-      if (cam.pfAnimFOV != nullptr && cam.nAnimFOVSize < frames * 4)
-        return fail(-1, "camera " + std::to_string(c) + " holds fewer field-of-view keys than " +
-                            std::to_string(frames) + " frames");
-    }
+    const std::string shortfall = PODWriteShortfall(s);
+    if (!shortfall.empty()) return fail(-1, shortfall);
     for (uint32_t m = 0; m < s.nNumMesh; ++m) {
-      if (!savedMesh(m)) return false;
+      const CPODBoneBatches& bb = s.pMesh[m].sBoneBatches;
+      if ((bb.pnBatches || bb.pnBatchBoneCnt || bb.pnBatchOffset) &&
+          (bb.nBatchCnt < 0 || bb.nBatchBoneMax < 0))
+        return fail(-1, "mesh " + std::to_string(m) + ": negative bone-batch counts");
     }
-    for (uint32_t i = 0; i < s.nNumNode; ++i) {
-      const SPODNode& n = s.pNode[i];
-      struct Channel {
-        const float* keys;
-        size_t size;
-        uint32_t bit;
-        uint64_t keyBytes;
-        const char* what;
-      };
-      const Channel channels[] = {
-          {n.pfAnimPosition, n.nAnimPositionSize, ePODHasPositionAni, 12, "position"},
-          {n.pfAnimRotation, n.nAnimRotationSize, ePODHasRotationAni, 16, "rotation"},
-          {n.pfAnimScale, n.nAnimScaleSize, ePODHasScaleAni, 28, "scale"},
-          {n.pfAnimMatrix, n.nAnimMatrixSize, ePODHasMatrixAni, 64, "matrix"},
-      };
-      for (const Channel& ch : channels) {
-        const uint64_t keys = (n.nAnimFlags & ch.bit) ? frames : 1;
-        if (ch.keys != nullptr && ch.size < keys * ch.keyBytes)
-          return fail(i, std::string(ch.what) + " animation holds fewer than " +
-                             std::to_string(keys) + " keys");
-      }
-    }
-    return true;
-  }
-
-  bool savedMesh(uint32_t m) {
-    const SPODMesh& mesh = s.pMesh[m];
-    const std::string which = "mesh " + std::to_string(m) + ": ";
-    if (mesh.pnStripLength != nullptr && mesh.nStripLengthSize < uint64_t(mesh.nNumStrips) * 4)
-      return fail(-1, which + "strip lengths are shorter than " +
-                          std::to_string(mesh.nNumStrips) + " strips");
-    const uint64_t v = mesh.nNumVertex;
-    if (mesh.pInterleaved != nullptr && mesh.nInterleavedSize < v * mesh.sVertex.nStride)
-      return fail(-1, which + "interleaved block is shorter than its vertices");
-    const CPODBoneBatches& bb = mesh.sBoneBatches;
-    if ((bb.pnBatches || bb.pnBatchBoneCnt || bb.pnBatchOffset) &&
-        (bb.nBatchCnt < 0 || bb.nBatchBoneMax < 0))
-      return fail(-1, which + "negative bone-batch counts");
-    const uint64_t batches = bb.nBatchCnt > 0 ? uint64_t(bb.nBatchCnt) : 0;
-    const uint64_t boneMax = bb.nBatchBoneMax > 0 ? uint64_t(bb.nBatchBoneMax) : 0;
-    if ((bb.pnBatches && bb.nBatchesSize < batches * boneMax * 4) ||
-        (bb.pnBatchBoneCnt && bb.nBatchBoneCntSize < batches * 4) ||
-        (bb.pnBatchOffset && bb.nBatchOffsetSize < batches * 4))
-      return fail(-1, which + "bone-batch tables are shorter than their counts");
-    if (mesh.sFaces.pData != nullptr &&
-        mesh.sFaces.nDataSize < uint64_t(mesh.sFaces.nStride) * PODModelCountIndices(mesh))
-      return fail(-1, which + "face stream is shorter than its indices");
-    if (mesh.nNumUVW != 0 && (mesh.psUVW == nullptr || mesh.nUVWCount < mesh.nNumUVW))
-      return fail(-1, which + "declares " + std::to_string(mesh.nNumUVW) +
-                          " texture-coordinate sets but stores fewer");
-    if (mesh.pInterleaved != nullptr) return true;  // the streams hold offsets, nothing to read
-    // A short stream of its own is named before a short texture-coordinate set.
-    std::string shortStream, shortSet;
-    ForEachVertexStream(mesh, EPODUVSets::Used, [&](const CPODData& d, const PODVertexStream& stream) {
-      if (Rebuilt(mesh, d) || d.pData == nullptr || d.nDataSize >= v * d.nStride) return;
-      if (stream.tag != PODTag::MeshUVW && shortStream.empty())
-        shortStream = "a vertex stream is shorter than its " + std::to_string(v) + " vertices";
-      if (stream.tag == PODTag::MeshUVW && shortSet.empty())
-        shortSet = "texture-coordinate set " + std::to_string(stream.uvSet) + " is shorter than its " +
-                   std::to_string(v) + " vertices";
-    });
-    if (!shortStream.empty()) return fail(-1, which + shortStream);
-    if (!shortSet.empty()) return fail(-1, which + shortSet);
     return true;
   }
 

@@ -330,7 +330,7 @@ TEST(Driver, StreamsShortOfTheVertexCountConvertOnlyWhenWelded) {
   RunResult r = Korvex({input});
   EXPECT_EQ(r.exitStatus, 1);
   EXPECT_EQ(LastLine(r.err),
-            "Korvex: " + input + ": mesh 0: a vertex stream is shorter than its 5 vertices");
+            "Korvex: " + input + ": mesh 0: sVertex is shorter than its 5 elements");
   EXPECT_FALSE(FileExists(dir.file("short.qsn")));
 
   for (const char* flag : {"-r0", "-r1"}) {

@@ -15,6 +15,7 @@
 #include "PODReader.h"
 #include "PODRecordLayout.h"
 #include "PODTestFiles.h"
+#include "PODWriter.h"
 
 namespace {
 
@@ -186,3 +187,43 @@ TEST(PODRecordLayout, AFileHoldingEveryWrittenTagReadsAndWritesToTheSameBytes) {
 }
 
 }  // namespace
+
+// The saved-scene check and the writer read the same tables by the same length rules: what the
+// check names is exactly what makes WritePOD fail.
+TEST(PODRecordLayout, TheSaveCheckNamesWhatTheWriterCannotWrite) {
+  const struct {
+    const char* name;
+    void (*damage)(SPODScene&);
+    const char* shortfall;
+  } cases[] = {
+      {"nothing short", [](SPODScene&) {}, ""},
+      {"field-of-view keys", [](SPODScene& s) { s.pCamera[0].nAnimFOVSize = 8; },
+       "camera 0: pfAnimFOV holds fewer than 3 keys"},
+      {"matrix keys", [](SPODScene& s) { s.pNode[4].nAnimMatrixSize = 64; },
+       "node 4: pfAnimMatrix holds fewer than 3 keys"},
+      {"one static key", [](SPODScene& s) { s.pNode[5].nAnimScaleSize = 20; },
+       "node 5: pfAnimScale holds fewer than 1 keys"},
+      {"bone batches", [](SPODScene& s) { s.pMesh[0].sBoneBatches.nBatchesSize = 20; },
+       "mesh 0: pnBatches holds fewer than its 6 elements"},
+      {"a stream", [](SPODScene& s) { s.pMesh[0].sNormals.nDataSize = 60; },
+       "mesh 0: sNormals is shorter than its 6 elements"},
+      {"a texture-coordinate set", [](SPODScene& s) { s.pMesh[0].psUVW[1].nDataSize = 4; },
+       "mesh 0: psUVW is shorter than its 6 elements"},
+      {"strip lengths", [](SPODScene& s) { s.pMesh[0].nStripLengthSize = 4; },
+       "mesh 0: strip lengths are shorter than its strips"},
+      {"no vertex stride", [](SPODScene& s) { s.pMesh[1].sVertex.nStride = 0; },
+       "mesh 1: an interleaved block with no vertex stride"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    korvex::PODSceneBuilder b;
+    korvex_test::BuildFullPODScene(b);
+    CPODScene scene;
+    ASSERT_TRUE(b.Build(scene));
+    c.damage(scene);
+    EXPECT_EQ(PODWriteShortfall(scene), c.shortfall);
+    bool written = false;
+    podtest::WriteBytes(scene, nullptr, &written);
+    EXPECT_EQ(written, std::string(c.shortfall).empty());
+  }
+}

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <type_traits>
 #include <vector>
 
@@ -48,20 +49,24 @@ bool WriteName(FILE* pFile, unsigned int nName, const char* psz) {
   return WriteData(pFile, nName, psz, static_cast<unsigned int>(len));
 }
 
-// Whether a mesh's counts can be written at all: the face count walks the strip lengths, which
-// must all be there; every texture-coordinate set counted must exist; and an interleaved block
-// is sized by the vertex stride, so with vertices but no stride it would be written empty, and
-// read back the mesh would lose its layout and take each stream's 4-byte offset for its data.
+// Why a mesh's counts cannot be written at all, or null: the face count walks the strip lengths,
+// which must all be there; every texture-coordinate set counted must exist; and an interleaved
+// block is sized by the vertex stride, so with vertices but no stride it would be written empty,
+// and read back the mesh would lose its layout and take each stream's offset for its data.
+const char* WhyUnwritable(const SPODMesh& m) {
+  if (m.nNumStrips != 0 && (!m.pnStripLength || uint64_t(m.nNumStrips) * 4 > m.nStripLengthSize))
+    return "strip lengths are shorter than its strips";
+  if (m.nNumUVW != 0 && (!m.psUVW || m.nNumUVW > m.nUVWCount))
+    return "fewer texture-coordinate sets are stored than declared";
+  if (m.pInterleaved && m.nNumVertex != 0 && m.sVertex.nStride == 0)
+    return "an interleaved block with no vertex stride";
+  return nullptr;
+}
 template <class R>
 bool Writable(const R&) {
   return true;
 }
-bool Writable(const SPODMesh& m) {
-  if (m.nNumStrips != 0 && (!m.pnStripLength || uint64_t(m.nNumStrips) * 4 > m.nStripLengthSize))
-    return false;
-  if (m.nNumUVW != 0 && (!m.psUVW || m.nNumUVW > m.nUVWCount)) return false;
-  return !(m.pInterleaved && m.nNumVertex != 0 && m.sVertex.nStride == 0);
-}
+bool Writable(const SPODMesh& m) { return WhyUnwritable(m) == nullptr; }
 
 // The stream a weld rebuilds a stream as; false for the streams it leaves in their old order
 // (tangents, binormals, colours, texture-coordinate sets beyond the second).
@@ -200,6 +205,54 @@ struct BlockWriter : korvex::PODFieldVisitor {
   }
 };
 
+// The first member that writing a scene would read beyond what it holds: the same length rules
+// as the writer's, said in words.
+struct Shortfall : korvex::PODFieldVisitor {
+  unsigned int nNumFrame;
+  std::string where;
+  const SPODMesh* mesh = nullptr;
+  std::string found;
+
+  void Found(const char* name, const std::string& what) {
+    if (found.empty()) found = where + std::string(name) + " " + what;
+  }
+  template <class T>
+  void array(unsigned int, const char* name, const T* p, size_t bytes, int64_t count, bool) {
+    unsigned int nLen;
+    if (p && (count < 0 || !ArrayLength(uint64_t(count), sizeof(T), bytes, nLen)))
+      Found(name, "holds fewer than its " + std::to_string(count) + " elements");
+  }
+  void frames(unsigned int, const char* name, const float* p, size_t bytes, unsigned int perFrame,
+              bool everyFrame, bool) {
+    const uint64_t keys = everyFrame ? nNumFrame : 1;
+    unsigned int nLen;
+    if (p && !ArrayLength(keys, 4 * uint64_t{perFrame}, bytes, nLen))
+      Found(name, "holds fewer than " + std::to_string(keys) + " keys");
+  }
+  template <class T>
+  void records(unsigned int, const char* kind, const T* array, uint32_t count) {
+    for (uint32_t i = 0; array != nullptr && i < count && found.empty(); ++i) {
+      where = std::string(kind) + " " + std::to_string(i) + ": ";
+      if constexpr (std::is_same<T, SPODMesh>::value) {
+        mesh = &array[i];
+        if (const char* why = WhyUnwritable(array[i])) found = where + why;
+      }
+      korvex::DescribePOD(array[i], *this);
+    }
+  }
+  // A stream a weld rebuilds is written from the weld, whatever its own array holds.
+  void stream(const PODVertexStream& s, const CPODData& d, bool withData) {
+    EPODWeldStream welded = EPODWeldStream::Faces;
+    if (mesh->pWeld && WeldedAs(s, welded) && PODMeshWeldedStream(*mesh, *mesh->pWeld, welded)) return;
+    const unsigned int count = s.tag == PODTag::MeshFaces ? PODModelCountIndices(*mesh) : mesh->nNumVertex;
+    unsigned int nLen;
+    if (withData && d.pData && !ArrayLength(count, d.nStride, d.nDataSize, nLen))
+      Found(s.name, "is shorter than its " + std::to_string(count) + " elements");
+    if (!withData && (d.nDataSize != 0 || reinterpret_cast<uintptr_t>(d.pData) > 0xFFFFFFFFu))
+      Found(s.name, "holds an array of its own in an interleaved mesh");
+  }
+};
+
 }  // namespace
 
 bool WriteFileSafe(FILE* pFile, const void* lpBuffer, unsigned int nSize) {
@@ -260,6 +313,12 @@ bool WritePOD(FILE* pFile, const char* pszExpOpt, const SPODScene& s) {
   if (!WriteMarker(pFile, PODTag::Scene, false, 0)) return false;
   korvex::DescribePOD(s, writer);
   return writer.ok && WriteMarker(pFile, PODTag::Scene, true, 0);
+}
+
+std::string PODWriteShortfall(const SPODScene& s) {
+  Shortfall shortfall{{}, s.nNumFrame, "", nullptr, ""};
+  korvex::DescribePOD(s, shortfall);
+  return shortfall.found;
 }
 
 bool CPODScene::SavePOD(const char* pszFilename, const char* pszExpOpt) {

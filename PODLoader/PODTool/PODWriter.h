@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <string>
 
 #include "PODModel.h"
 
@@ -35,3 +36,8 @@ bool WriteData(FILE* pFile, unsigned int nName, EPODLight e);
 // holds an array of its own instead of an offset.
 bool WriteCPODData(FILE* pFile, unsigned int nName, const CPODData& data, unsigned int nCount,
                    bool bValidData);
+
+// The first array that writing the scene would read beyond what it holds, named with its record
+// ("mesh 2: pnBatches holds fewer than its 12 elements"); empty when WritePOD reads only what
+// every array holds. Names and a failing file are not its concern.
+std::string PODWriteShortfall(const SPODScene& scene);

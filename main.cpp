@@ -7,7 +7,6 @@
 // conversion could not handle safely is refused with one message on standard error.
 
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -18,6 +17,7 @@
 #include "PODReadReport.h"
 #include "QelSceneGraphModel.h"
 #include "SceneGraphConverter.h"
+#include "SameFile.h"
 #include "SceneGraphWritter.h"
 #include "SceneValidation.h"
 #include "TextureRenaming.h"
@@ -71,22 +71,6 @@ void EndRunWhenAMappedFileShrinks() {
   action.sa_handler = OnMappedFileShortened;
   sigemptyset(&action.sa_mask);
   sigaction(SIGBUS, &action, nullptr);
-}
-
-// Both names lead to one existing file.
-bool SameFile(const std::string& a, const std::string& b) {
-  struct stat sa;
-  struct stat sb;
-  return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
-         sa.st_ino == sb.st_ino;
-}
-
-// A read that fails part-way keeps the arrays it had filled in but gets no evaluation state,
-// and Destroy releases a scene's arrays only when it has one. An empty state (nothing evaluates
-// this scene) lets the destructor release them at exit, which keeps leak checkers quiet.
-void ReleaseAtExit(CPODScene& scene) {
-  if (scene.m_pImpl == nullptr)
-    scene.m_pImpl = static_cast<SPODImpl*>(std::calloc(1, sizeof(SPODImpl)));
 }
 
 }  // namespace
@@ -150,7 +134,6 @@ int main(int argc, char** argv) {
   inputScene.Destroy();  // the options call leaves an evaluation state behind
   PODReadReport inputReport;
   const bool inputRead = inputScene.ReadFromFile(inputPath.c_str(), nullptr, 0, &inputReport);
-  if (!inputRead) ReleaseAtExit(inputScene);
   WarnAboutRead(inputPath, inputRead, inputReport);
 
   // Each step's data is checked before the step runs, so that a scene that would be refused is
@@ -176,7 +159,7 @@ int main(int argc, char** argv) {
   // The input's stream arrays stay in its file, which saving truncates when the intermediate file
   // is the input itself (an input named like its intermediate file, or a link to it): then they
   // are copied out first.
-  if (SameFile(inputPath, intermediatePath) && !PODModelOwnBorrowedArrays(inputScene)) {
+  if (korvex::SameFile(inputPath, intermediatePath) && !PODModelOwnBorrowedArrays(inputScene)) {
     Say("Korvex: out of memory");
     std::free(exportOptions);
     return 1;
@@ -190,7 +173,6 @@ int main(int argc, char** argv) {
   PODReadReport reloadReport;
   const bool reloadSucceeded =
       reloadedScene.ReadFromFile(intermediatePath.c_str(), nullptr, 0, &reloadReport);
-  if (!reloadSucceeded) ReleaseAtExit(reloadedScene);
 
   int status = 0;
   if (reloadSucceeded && saveSucceeded) {

@@ -47,11 +47,11 @@ bool AtomicFile::Open() {
   return true;
 }
 
-bool AtomicFile::Commit(bool writeFailed) {
+bool AtomicFile::Commit(bool writeFailed, int writeErrno) {
   if (m_file == nullptr) return Fail("not open", 0);
   errno = 0;
   bool ok = std::fflush(m_file) == 0 && !writeFailed;
-  const int writeError = errno;
+  const int writeError = writeErrno != 0 ? writeErrno : errno;
   ok = std::fclose(m_file) == 0 && ok;
   m_file = nullptr;
   if (!ok) {

@@ -20,8 +20,9 @@ class AtomicFile {
   // The open temporary file (null before Open or after Commit).
   FILE* file() const { return m_file; }
   // Flushes, closes and renames onto the target; false with error() set when any step fails
-  // (`writeFailed` reports a failure the writer saw itself). The temporary file is gone either way.
-  bool Commit(bool writeFailed = false);
+  // (`writeFailed` reports a failure the writer saw itself, `writeErrno` its cause when known).
+  // The temporary file is gone either way.
+  bool Commit(bool writeFailed = false, int writeErrno = 0);
   const std::string& error() const { return m_error; }
 
  private:

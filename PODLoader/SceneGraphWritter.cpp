@@ -1,8 +1,5 @@
 #include "SceneGraphWritter.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -128,24 +125,17 @@ SGData BuildFixed(const typename Layout::Record& r) {
   return std::move(out.bytes());
 }
 
-int g_tempCounter = 0;
 
 }  // namespace
 
 SceneGraphWritter::SceneGraphWritter()
     : m_model(nullptr), m_file(nullptr), m_bytesWritten(0), m_writeError(0) {}
 
-SceneGraphWritter::~SceneGraphWritter() {
-  // Only reached with an open file if a caller drove the steps by hand and stopped half-way.
-  if (m_file != nullptr) {
-    std::fclose(m_file);
-    std::remove(m_tempPath.c_str());
-  }
-}
+// An open temporary file (a caller driving the steps by hand that stopped half-way) goes with m_out.
+SceneGraphWritter::~SceneGraphWritter() = default;
 
-bool SceneGraphWritter::fail(const std::string& what, int error) {
-  m_error = "cannot write scene-graph file \"" + m_path + "\": " + what;
-  if (error != 0) m_error += std::string(": ") + std::strerror(error);
+bool SceneGraphWritter::fail(const std::string& what) {
+  m_error = what;
   std::fprintf(stderr, "Korvex: %s\n", m_error.c_str());
   return false;
 }
@@ -162,63 +152,28 @@ bool SceneGraphWritter::WritetoFile(const std::string& path, QelSceneGraphModel*
   m_error.clear();
 
   if (!buildFileFormat()) return false;
-  if (!openFile()) {
-    const int error = errno;
-    return fail("cannot create \"" + m_tempPath + "\"", error);
-  }
+  if (!openFile()) return fail(m_out->error());
   writeFileFormat();
-  if (std::fflush(m_file) != 0 && m_writeError == 0) m_writeError = errno;
-  const bool closed = closeFile();
-  if (m_writeError != 0 || !closed) {
-    const int error = m_writeError != 0 ? m_writeError : errno;
-    std::remove(m_tempPath.c_str());
-    return fail("write failed", error);
-  }
-  if (std::rename(m_tempPath.c_str(), m_path.c_str()) != 0) {
-    const int error = errno;
-    std::remove(m_tempPath.c_str());
-    return fail("cannot replace it", error);
-  }
+  if (!closeFile()) return fail(m_out->error());
   return true;
 }
 
 bool SceneGraphWritter::openFile() {
-  if (m_file != nullptr) {
-    closeFile();
-    std::remove(m_tempPath.c_str());
-  }
-  // O_EXCL on a fresh name: never write through somebody else's file or link. Mode 0666 lets
-  // the umask decide the permissions, as for a file opened with "wb".
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    m_tempPath = m_path + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(g_tempCounter++);
-    const int fd = open(m_tempPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0) {
-      if (errno == EEXIST) continue;
-      return false;
-    }
-    m_file = fdopen(fd, "wb");
-    if (m_file == nullptr) {
-      const int error = errno;
-      close(fd);
-      std::remove(m_tempPath.c_str());
-      errno = error;
-      return false;
-    }
-    // Headers and fixed parts are small and many: a larger buffer gathers them, while arrays
-    // larger than it still go to the file directly.
-    m_fileBuffer.resize(kFileBufferSize);
-    setvbuf(m_file, m_fileBuffer.data(), _IOFBF, m_fileBuffer.size());
-    return true;
-  }
-  errno = EEXIST;
-  return false;
+  m_out = std::make_unique<korvex::AtomicFile>(m_path);
+  m_file = nullptr;
+  if (!m_out->Open()) return false;
+  m_file = m_out->file();
+  // Headers and fixed parts are small and many: a larger buffer gathers them, while arrays
+  // larger than it still go to the file directly.
+  m_fileBuffer.resize(kFileBufferSize);
+  setvbuf(m_file, m_fileBuffer.data(), _IOFBF, m_fileBuffer.size());
+  return true;
 }
 
 bool SceneGraphWritter::closeFile() {
-  bool ok = true;
-  if (m_file != nullptr) ok = std::fclose(m_file) == 0;
+  if (m_file == nullptr) return true;
   m_file = nullptr;
-  return ok;
+  return m_out->Commit(m_writeError != 0, m_writeError);
 }
 
 bool SceneGraphWritter::writeFile(const uint8_t* bytes, size_t size) {
@@ -336,7 +291,7 @@ bool SceneGraphWritter::buildFileFormat() {
       });
       const uint64_t offset = base + running;
       if (size > kMax32 || offset > kMax32)
-        return fail("the scene does not fit the 32-bit offsets of the format", 0);
+        return fail("cannot write " + m_path + ": the scene does not fit the 32-bit offsets of the format");
       h->length = static_cast<uint32_t>(size);
       h->offset = static_cast<uint32_t>(offset);
       m_nodeHeaders.push_back(createNodeHeader(h));

@@ -4,15 +4,17 @@
 // fixed part is assembled in a small buffer and its arrays are written straight from the record,
 // so the file is written with a few large calls and the model is never held twice.
 //
-// The file is written to a temporary file in the target's directory and renamed over the target
-// only once every byte is written and the file is closed: a failed or interrupted run never
-// leaves a truncated .qsn behind.
+// The file is written through korvex::AtomicFile: to a temporary file in the target's directory,
+// renamed over the target only once every byte is written and the file is closed, so a failed or
+// interrupted run never leaves a truncated .qsn behind.
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "AtomicFile.h"
 #include "QelSceneGraphModel.h"
 #include "SceneGraphLayout.h"
 
@@ -30,9 +32,10 @@ class SceneGraphWritter {
   bool WritetoFile(const std::string& path, QelSceneGraphModel* model);
   const std::string& lastError() const { return m_error; }
 
-  // Creates the temporary file beside the target (closing an open one first).
+  // Creates the temporary file beside the target (dropping an open one first).
   bool openFile();
-  // Closes the temporary file; false when the close reported an error.
+  // Closes the temporary file and renames it onto the target; false when a write, the close or
+  // the rename failed (the temporary file is gone either way).
   bool closeFile();
   // One fwrite; the byte count grows by `size` whether or not the write succeeded.
   bool writeFile(const uint8_t* bytes, size_t size);
@@ -84,17 +87,18 @@ class SceneGraphWritter {
   uint64_t bytesWritten() const { return m_bytesWritten; }
 
  private:
-  bool fail(const std::string& what, int error);
+  // Prints and keeps the message; false for `return`.
+  bool fail(const std::string& what);
 
   QelSceneGraphModel* m_model;
   SGData m_fileHeader;
   std::vector<SGData> m_nodeHeaders;
   std::vector<const SSGNodeHeader*> m_written;  // headers whose blocks are written, in order
-  FILE* m_file;
+  std::unique_ptr<korvex::AtomicFile> m_out;
+  FILE* m_file;  // m_out's open file, null when none is open
   static constexpr size_t kFileBufferSize = 1 << 16;
   std::vector<char> m_fileBuffer;  // the open file's stdio buffer
   std::string m_path;
-  std::string m_tempPath;
   uint64_t m_bytesWritten;
   int m_writeError;  // errno of the first failed write, 0 when none failed
   std::string m_error;

@@ -126,13 +126,6 @@ bool BoxAssertionFails(CPODScene& s) {
   return false;
 }
 
-// A read that fails part-way leaves its arrays without an evaluation state, which Destroy needs
-// to release them: an empty one (nothing evaluates the scene) lets the destructor do it.
-void ReleaseAtExit(CPODScene& scene) {
-  if (scene.m_pImpl == nullptr)
-    scene.m_pImpl = static_cast<SPODImpl*>(std::calloc(1, sizeof(SPODImpl)));
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -152,7 +145,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!inputScene.ReadFromFile(input.c_str(), options, 2048)) return 0;
   inputScene.Destroy();
   const bool inputRead = inputScene.ReadFromFile(input.c_str());
-  if (!inputRead) ReleaseAtExit(inputScene);
 
   SceneCheck check = CheckSceneForEdits(inputScene, reduction);
   if (check.found() || check.assertionAhead) return 0;
@@ -169,10 +161,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CPODScene reloaded;
   reloaded.ReadFromFile(intermediate.c_str(), options, 2048);
   reloaded.Destroy();
-  if (!reloaded.ReadFromFile(intermediate.c_str())) {
-    ReleaseAtExit(reloaded);
-    return 0;
-  }
+  if (!reloaded.ReadFromFile(intermediate.c_str())) return 0;
   if (!saved) return 0;
   check = CheckSceneForConversion(reloaded, false);
   if (check.found() || check.assertionAhead) return 0;

@@ -13,6 +13,7 @@
 
 #include "PODFileOutput.h"
 #include "PODSceneImporter.h"
+#include "SameFile.h"
 #include "SceneValidation.h"
 
 namespace korvex_import {
@@ -93,9 +94,7 @@ bool ImportModelFile(const std::string& input, const std::string& output,
                      const ImportOptions& options, const std::string& exportOptions,
                      ImportSummary& summary, std::string& error) {
   if (!ReadableFile(input, error)) return false;
-  struct stat in, out;
-  if (stat(input.c_str(), &in) == 0 && stat(output.c_str(), &out) == 0 && in.st_dev == out.st_dev &&
-      in.st_ino == out.st_ino) {
+  if (korvex::SameFile(input, output)) {
     error = "cannot write " + output + ": it is the input file";
     return false;
   }

@@ -193,11 +193,7 @@ inline std::vector<uint8_t> WriteBytes(const SPODScene& s, const char* options, 
   return out;
 }
 
-// Releases whatever a scene holds, also after a failed read (which keeps its arrays but has no
-// evaluation state, so Destroy alone would only forget them).
-inline void ReleaseScene(CPODScene& s) {
-  if (!s.m_pImpl) s.InitImpl();
-  s.Destroy();
-}
+// Releases whatever a scene holds, also after a failed read.
+inline void ReleaseScene(CPODScene& s) { s.Destroy(); }
 
 }  // namespace podtest

@@ -138,12 +138,11 @@ bool PODModelOwnBorrowedArrays(CPODScene& scene) {
     borrowed[i]->pData = copies[i];
     borrowed[i]->bBorrowed = false;
   }
-  delete scene.m_pSourceFile;
-  scene.m_pSourceFile = nullptr;
+  scene.m_pSourceFile.reset();
   return true;
 }
 
-CPODScene::CPODScene() : SPODScene(), m_pImpl(nullptr), m_pSourceFile(nullptr) {}
+CPODScene::CPODScene() : SPODScene(), m_pImpl(nullptr), m_bOwnsArrays(false) {}
 
 CPODScene::~CPODScene() { Destroy(); }
 
@@ -153,6 +152,7 @@ bool CPODScene::ReadFromMemory(const SPODScene& scene) {
   const SPODScene copy = scene;
   static_cast<SPODScene&>(*this) = SPODScene();
   m_pImpl = nullptr;
+  m_bOwnsArrays = false;
   static_cast<SPODScene&>(*this) = copy;
   if (!InitImpl()) return false;
   m_pImpl->bReadFromMemory = true;
@@ -160,14 +160,16 @@ bool CPODScene::ReadFromMemory(const SPODScene& scene) {
 }
 
 void CPODScene::Destroy() {
-  if (m_pImpl != nullptr && !m_pImpl->bReadFromMemory) {
+  // Unlike the format's own release, which frees only with an evaluation state, ownership alone
+  // decides: a read that failed part-way is released too instead of leaked.
+  if (m_bOwnsArrays) {
     // Records in table order: cameras, lights, materials, meshes, nodes, textures.
     korvex::PODRecordArraysRelease release;
     korvex::DescribePOD(static_cast<SPODScene&>(*this), release);
   }
   ReleaseImpl(m_pImpl);
+  m_bOwnsArrays = false;
   static_cast<SPODScene&>(*this) = SPODScene();
   // Last: the arrays borrowed from it are gone with the zeroed records.
-  delete m_pSourceFile;
-  m_pSourceFile = nullptr;
+  m_pSourceFile.reset();
 }

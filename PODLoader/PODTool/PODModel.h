@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 
 #include "PODMatrix.h"
 #include "PODTag.h"
@@ -247,9 +248,13 @@ class CPODScene : public SPODScene {
   PODVECTOR4f GetLightDirection(unsigned int light) const;
 
   SPODImpl* m_pImpl;
-  // The file the scene was read from, kept while stream arrays are borrowed from it (owned;
-  // released by Destroy after the arrays).
-  CResourceFile* m_pSourceFile;
+  // Whether Destroy releases the records and their arrays: set by a read (also one that fails
+  // part-way, so its partial arrays are not leaked) and by the scene builder; clear for a scene
+  // adopted by ReadFromMemory, whose arrays stay their builder's.
+  bool m_bOwnsArrays;
+  // The file the scene was read from, kept while stream arrays are borrowed from it (released
+  // by Destroy after the arrays).
+  std::unique_ptr<CResourceFile> m_pSourceFile;
 };
 
 unsigned int PODModelDataTypeSize(EPODDataType type);

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <string>
+#include <utility>
 
 #include "PODRecordLayout.h"
 #include "PODTag.h"
@@ -545,6 +546,8 @@ bool ReadFromSource(CPODScene& scene, CSource& src, char* pExpOpt, unsigned long
   // A previous state is not released here: callers reusing a scene call Destroy first.
   static_cast<SPODScene&>(scene) = SPODScene{};
   scene.m_pImpl = nullptr;
+  // Whatever the read allocates is the scene's, also when it fails part-way.
+  scene.m_bOwnsArrays = true;
   if (!Read(pExpOpt ? nullptr : &scene, src, pExpOpt, count)) return false;
   // Parent chains are not checked here: evaluation walks them without recursion and stops on a
   // cycle, and whoever converts the scene refuses chains it cannot follow.
@@ -567,10 +570,7 @@ bool CPODScene::ReadFromFile(const char* pszFileName, char* pExpOpt, unsigned lo
   const bool ok = ReadFromSource(*this, src, pExpOpt, count);
   // Streams borrowed from the file (also by a read that failed part-way) keep it alive. A file
   // kept from an earlier read goes: the records that used it were dropped with the fields.
-  if (CResourceFile* lent = src.TakeLentFile()) {
-    delete m_pSourceFile;
-    m_pSourceFile = lent;
-  }
+  if (std::unique_ptr<CResourceFile> lent = src.TakeLentFile()) m_pSourceFile = std::move(lent);
   return ok;
 }
 

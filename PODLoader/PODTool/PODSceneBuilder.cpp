@@ -420,6 +420,7 @@ bool PODSceneBuilder::Build(CPODScene& scene) {
   m_scene = SPODScene();
   for (uint32_t& k : m_kindCount) k = 0;
   static_cast<SPODScene&>(scene) = s;
+  scene.m_bOwnsArrays = true;
   return scene.InitImpl();
 }
 

@@ -146,16 +146,14 @@ void CResourceFile::Prefetch() const {
 // ---------------------------------------------------------------------------------------------
 // Byte source over a resource file
 
-CSourceStream::~CSourceStream() { delete m_pFile; }
+CSourceStream::~CSourceStream() = default;
 
 bool CSourceStream::Init(const char* pszFileName) {
   m_BytePosition = 0;
   m_bLent = false;
-  delete m_pFile;
-  m_pFile = new CResourceFile(pszFileName);
+  m_pFile = std::make_unique<CResourceFile>(pszFileName);
   if (!m_pFile->IsOpen()) {
-    delete m_pFile;
-    m_pFile = nullptr;
+    m_pFile.reset();
     return false;
   }
   return true;
@@ -164,8 +162,7 @@ bool CSourceStream::Init(const char* pszFileName) {
 bool CSourceStream::InitFromMemory(const void* pData, unsigned int nSize) {
   m_BytePosition = 0;
   m_bLent = false;
-  delete m_pFile;
-  m_pFile = new CResourceFile(pData, nSize);
+  m_pFile = std::make_unique<CResourceFile>(pData, nSize);
   return true;
 }
 
@@ -195,12 +192,10 @@ uint8_t* CSourceStream::Lend(unsigned int nBytes) {
   return lent;
 }
 
-CResourceFile* CSourceStream::TakeLentFile() {
+std::unique_ptr<CResourceFile> CSourceStream::TakeLentFile() {
   if (!m_bLent) return nullptr;
-  CResourceFile* file = m_pFile;
-  m_pFile = nullptr;
   m_bLent = false;
-  return file;
+  return std::move(m_pFile);
 }
 
 // ---------------------------------------------------------------------------------------------

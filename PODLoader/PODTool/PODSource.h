@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -160,11 +161,11 @@ class CSourceStream : public CSource {
 
   // Hands over the file once anything was lent from it (the caller then owns it); null, keeping
   // the file, when nothing was.
-  CResourceFile* TakeLentFile();
-  CResourceFile* File() const { return m_pFile; }
+  std::unique_ptr<CResourceFile> TakeLentFile();
+  CResourceFile* File() const { return m_pFile.get(); }
 
  private:
-  CResourceFile* m_pFile = nullptr;
+  std::unique_ptr<CResourceFile> m_pFile;
   unsigned int m_BytePosition = 0;
   bool m_bLent = false;
 };

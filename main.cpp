@@ -183,19 +183,17 @@ int main(int argc, char** argv) {
       std::free(exportOptions);
       return Refuse(reloadedScene, reloadCheck, inputPath);
     }
-    QelSceneGraphModel* model = new QelSceneGraphModel();
-    SceneGraphConverter* converter = new SceneGraphConverter(model);
+    // Released at the end of this block (writer, converter, then model), although the process
+    // ends right away, so that leak checkers stay quiet.
+    QelSceneGraphModel model;
+    SceneGraphConverter converter(&model);
     // The records take the reloaded scene's arrays instead of copies: the scene outlives the model.
-    converter->setBorrowStreams(true);
-    converter->convertFromPOD(&reloadedScene, fileName.c_str());
-    SceneGraphWritter* writer = new SceneGraphWritter();
+    converter.setBorrowStreams(true);
+    converter.convertFromPOD(&reloadedScene, fileName.c_str());
+    SceneGraphWritter writer;
     // The writer has said what went wrong on standard error.
-    if (!writer->WritetoFile(outputPath, model)) status = 1;
+    if (!writer.WritetoFile(outputPath, &model)) status = 1;
     std::printf("\n");
-    // Released although the process ends right away, so that leak checkers stay quiet.
-    delete writer;
-    delete converter;
-    delete model;
   } else {
     std::printf("Invalid input file or save file\n");
     if (!saveSucceeded)

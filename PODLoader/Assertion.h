@@ -14,7 +14,7 @@ namespace korvex {
 #define KX_ASSERT(expr, source) \
   ((expr) ? (void)0 : ::korvex::AssertionFailed(#expr, __func__, (source), __LINE__))
 
-// KX_ASSERT_AT(expr, text, source, line): a check whose printed text and line are fixed by the
+// KX_ASSERT_TEXT(expr, text, source, line): a check whose printed text and line are fixed by the
 // file format's documentation rather than by where the check happens to stand in this file.
 #define KX_ASSERT_TEXT(expr, text, source, line) \
   ((expr) ? (void)0 : ::korvex::AssertionFailed((text), __func__, (source), (line)))

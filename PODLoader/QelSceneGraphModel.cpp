@@ -45,7 +45,7 @@ uint64_t FileSize(FILE* file) {
 
 }  // namespace
 
-QelSceneGraphModel::QelSceneGraphModel() : PODFile(nullptr) {
+QelSceneGraphModel::QelSceneGraphModel() {
   // type, version and totalNodeNumber stay as they are; they are always overwritten before use.
   std::memset(header.PODFilename, 0, sizeof header.PODFilename);
 }
@@ -115,25 +115,24 @@ size_t QelSceneGraphModel::recordCount(uint32_t kind) const {
 
 bool QelSceneGraphModel::openPODFile(const std::string& path) {
   closePODFile();
-  PODFile = std::fopen(path.c_str(), "rb");
-  return PODFile != nullptr;
+  PODFile = korvex::FileHandle(path.c_str(), "rb");
+  return static_cast<bool>(PODFile);
 }
 
 bool QelSceneGraphModel::closePODFile() {
-  if (PODFile != nullptr) std::fclose(PODFile);
-  PODFile = nullptr;
+  PODFile.Close();
   return true;
 }
 
 bool QelSceneGraphModel::seekFile(uint32_t offset) {
-  if (PODFile == nullptr) return false;
-  return std::fseek(PODFile, static_cast<long>(offset), SEEK_SET) == 0;
+  if (!PODFile) return false;
+  return std::fseek(PODFile.get(), static_cast<long>(offset), SEEK_SET) == 0;
 }
 
 bool QelSceneGraphModel::readPODData(uint8_t* buffer, int size, uint32_t offset) {
-  if (PODFile == nullptr || size < 0) return false;
+  if (!PODFile || size < 0) return false;
   if (!seekFile(offset)) return false;
-  return std::fread(buffer, 1, static_cast<size_t>(size), PODFile) == static_cast<size_t>(size);
+  return std::fread(buffer, 1, static_cast<size_t>(size), PODFile.get()) == static_cast<size_t>(size);
 }
 
 bool QelSceneGraphModel::loadStream(CPODData& stream, uint64_t bytes, uint32_t offset) {
@@ -142,7 +141,7 @@ bool QelSceneGraphModel::loadStream(CPODData& stream, uint64_t bytes, uint32_t o
   if (bytes == 0) return true;
   // A stream cannot be longer than the file that holds it; refusing here keeps a corrupt count
   // from turning into an absurd allocation.
-  if (PODFile == nullptr || bytes > FileSize(PODFile) || bytes > INT32_MAX) return false;
+  if (!PODFile || bytes > FileSize(PODFile.get()) || bytes > INT32_MAX) return false;
   uint8_t* array = static_cast<uint8_t*>(std::calloc(1, static_cast<size_t>(bytes)));
   if (array == nullptr) return false;
   m_loadedStreams.push_back(array);

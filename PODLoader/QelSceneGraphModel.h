@@ -9,8 +9,8 @@
 // CPODData.pData never owns: it is zero, aims into one of the record's own arrays, or aims at an
 // array read by loadMeshData, which the model keeps and releases itself. A file header passed to
 // createNode with kind 1000 is copied into `header` and also kept until destruction, so its
-// creator may still read it. The tool's driver never destroys its model, so records live until
-// the process ends; tests and tools that destroy a model stay leak-free.
+// creator may still read it. Every record is released with the model, which the driver, the
+// tests and the tools all destroy.
 
 #include <cstdint>
 #include <cstdio>
@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "FileHandle.h"
 #include "SceneGraphLayout.h"
 #include "SceneGraphRecords.h"
 
@@ -103,7 +104,7 @@ class QelSceneGraphModel {
   std::vector<SSGQelSkeletalMeshNodeData*> skeletalmeshnode;
   std::vector<SSGQelAnimationMeshNodeData*> animationmeshnode;
   std::vector<SSGQelAnimationCameraNodeData*> animationcameranode;
-  FILE* PODFile;
+  korvex::FileHandle PODFile;
   std::string PODDirectory;
   std::string PODFilePath;
 

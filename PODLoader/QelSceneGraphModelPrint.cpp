@@ -165,13 +165,9 @@ void QelSceneGraphModel::printNodeHeaderInfo(SSGNodeHeader* nodeHeader) {
   char name[257];
   printf("NodeHeader Type: %d\n", static_cast<int>(nodeHeader->type));
   printf("Node offset: %d\n", static_cast<int>(nodeHeader->offset));
-  // The length line's conversion has no type; the C library prints it as it handles such a
-  // conversion (glibc: "Node length: %" and the newline). Kept as the established output.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
-#pragma GCC diagnostic ignored "-Wformat-extra-args"
-  printf("Node length: %l\n", nodeHeader->length);
-#pragma GCC diagnostic pop
+  // The length line's format, "Node length: %l\n", ends in a conversion without a type, which
+  // is undefined; glibc prints it as "%" and the newline. Those bytes are written as they stand.
+  std::fputs("Node length: %\n", stdout);
   printf("Node index: %d\n", static_cast<int>(nodeHeader->index));
   printf("Node name: %s\n", NameText(name, nodeHeader->name, sizeof nodeHeader->name));
 }

@@ -34,13 +34,10 @@ void CopyName(char* field, size_t field_size, const char* name) {
 SceneGraphConverter::SceneGraphConverter(QelSceneGraphModel* model)
     : mModel(model),
       mScene(nullptr),
-      mSkeletonConverter(new SkeletonNodeConverter()),
-      mAnimationConverter(new AnimationNodeConverter()) {}
+      mSkeletonConverter(std::make_unique<SkeletonNodeConverter>()),
+      mAnimationConverter(std::make_unique<AnimationNodeConverter>()) {}
 
-SceneGraphConverter::~SceneGraphConverter() {
-  delete mSkeletonConverter;
-  delete mAnimationConverter;
-}
+SceneGraphConverter::~SceneGraphConverter() = default;
 
 bool SceneGraphConverter::convertFromPOD(CPODScene* scene, const char* fileName) {
   mScene = scene;

@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <list>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "SceneGraphRecords.h"
@@ -108,8 +109,8 @@ class SceneGraphConverter {
 
   QelSceneGraphModel* mModel;  // not owned
   CPODScene* mScene;           // not owned; set by convertFromPOD
-  SkeletonNodeConverter* mSkeletonConverter;
-  AnimationNodeConverter* mAnimationConverter;
+  std::unique_ptr<SkeletonNodeConverter> mSkeletonConverter;
+  std::unique_ptr<AnimationNodeConverter> mAnimationConverter;
   // Light-map name (11 characters) -> its material record's position in the material sequence.
   std::map<std::string, int32_t> m_LightMap;
   // Records of light-mapped meshes in creation order (owned by the model).

@@ -101,7 +101,6 @@ void AimStreams(SSGQelMeshNodeData& m) {
 
 SceneGraphLoader::SceneGraphLoader()
     : m_model(nullptr),
-      m_file(nullptr),
       m_bytesRead(0),
       m_memory(nullptr),
       m_size(0),
@@ -158,12 +157,12 @@ bool SceneGraphLoader::load() {
 
 bool SceneGraphLoader::openFile() {
   closeFile();
-  m_file = std::fopen(m_path.c_str(), "rb");
-  if (m_file == nullptr) return false;
+  m_file = korvex::FileHandle(m_path.c_str(), "rb");
+  if (!m_file) return false;
   // Only a regular file has a size to check offsets against (a directory opens, then fails).
   struct stat st;
   int error = 0;
-  if (fstat(fileno(m_file), &st) != 0)
+  if (fstat(fileno(m_file.get()), &st) != 0)
     error = errno;
   else if (!S_ISREG(st.st_mode))
     error = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
@@ -178,14 +177,13 @@ bool SceneGraphLoader::openFile() {
 }
 
 bool SceneGraphLoader::closeFile() {
-  if (m_file != nullptr) std::fclose(m_file);
-  m_file = nullptr;
+  m_file.Close();
   return true;
 }
 
 bool SceneGraphLoader::seekFile(uint32_t offset) {
   if (offset > m_size) return false;
-  if (m_file != nullptr && fseeko(m_file, static_cast<off_t>(offset), SEEK_SET) != 0) return false;
+  if (m_file && fseeko(m_file.get(), static_cast<off_t>(offset), SEEK_SET) != 0) return false;
   m_position = offset;
   return true;
 }
@@ -195,7 +193,7 @@ bool SceneGraphLoader::readFile(uint8_t* buffer, size_t size) {
   if (size > m_size - m_position) return false;
   if (m_memory != nullptr) {
     std::memcpy(buffer, m_memory + m_position, size);
-  } else if (m_file == nullptr || std::fread(buffer, 1, size, m_file) != size) {
+  } else if (!m_file || std::fread(buffer, 1, size, m_file.get()) != size) {
     return false;
   }
   m_position += size;

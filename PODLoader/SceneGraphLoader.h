@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "FileHandle.h"
 #include "QelSceneGraphModel.h"
 #include "SceneGraphLayout.h"
 
@@ -74,7 +75,7 @@ class SceneGraphLoader {
   QelSceneGraphModel* m_model;
   std::vector<SGData> m_nodeHeaders;  // in file order
   std::vector<SGData> m_data;         // unused: records are read into their own allocations
-  FILE* m_file;
+  korvex::FileHandle m_file;
   std::string m_path;
   uint64_t m_bytesRead;
 

@@ -65,7 +65,7 @@ TEST_F(PODFileAccess, LoadsEachStreamFromItsOffset) {
   EXPECT_FALSE(model.loadMeshData(m));
   EXPECT_EQ(m->vertex.pData, nullptr);
   EXPECT_TRUE(model.closePODFile());
-  EXPECT_EQ(model.PODFile, nullptr);
+  EXPECT_FALSE(model.PODFile);
 }
 
 TEST_F(PODFileAccess, LazyLoadingJoinsDirectoryAndFileName) {
@@ -76,7 +76,7 @@ TEST_F(PODFileAccess, LazyLoadingJoinsDirectoryAndFileName) {
   model.PODDirectory = dir.path() + "/";
   model.loadAllNodeDataFromPOD();
   EXPECT_EQ(model.PODFilePath, dir.file("scene.PODx"));
-  EXPECT_EQ(model.PODFile, nullptr);
+  EXPECT_FALSE(model.PODFile);
   EXPECT_EQ(Bytes(box->normal, 24), Pattern(60, 24));
 }
 

@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 #include <type_traits>
 #include <vector>
 
 #include "ByteIO.h"
+#include "FileHandle.h"
 #include "PODMeshWeld.h"
 #include "PODRecordLayout.h"
 #include "PODTag.h"
@@ -322,16 +325,14 @@ std::string PODWriteShortfall(const SPODScene& s) {
 }
 
 bool CPODScene::SavePOD(const char* pszFilename, const char* pszExpOpt) {
-  FILE* pFile = fopen(pszFilename, "wb+");
-  if (!pFile) return false;
   // Blocks are small and many: a buffer gathers them into few writes, while stream arrays larger
-  // than it go to the file directly rather than through it.
+  // than it go to the file directly rather than through it. Declared first: it outlives the file.
   static const size_t kBuffer = 1 << 16;
-  char* buffer = static_cast<char*>(malloc(kBuffer));
-  if (buffer) setvbuf(pFile, buffer, _IOFBF, kBuffer);
-  bool ok = WritePOD(pFile, pszExpOpt, *this);
+  std::unique_ptr<char[]> buffer(new (std::nothrow) char[kBuffer]);
+  korvex::FileHandle file(pszFilename, "wb+");
+  if (!file) return false;
+  if (buffer) setvbuf(file.get(), buffer.get(), _IOFBF, kBuffer);
+  bool ok = WritePOD(file.get(), pszExpOpt, *this);
   // A close that cannot flush the last bytes is a short write too.
-  if (fclose(pFile) != 0) ok = false;
-  free(buffer);
-  return ok;
+  return file.Close() && ok;
 }

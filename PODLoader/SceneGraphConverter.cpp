@@ -23,12 +23,6 @@ bool StartsWith(const char* name, const char* keyword) {
   return std::strncmp(name, keyword, std::strlen(keyword)) == 0;
 }
 
-// Copies at most `field` bytes of `name` into a zero-filled field (no terminator when it fills it).
-void CopyName(char* field, size_t field_size, const char* name) {
-  std::memset(field, 0, field_size);
-  if (name != nullptr) std::memcpy(field, name, strnlen(name, field_size));
-}
-
 }  // namespace
 
 SceneGraphConverter::SceneGraphConverter(QelSceneGraphModel* model)
@@ -158,7 +152,7 @@ SSGFileHeader* SceneGraphConverter::createFileHeader(const char* fileName) {
   header->totalNodeNumber = mScene->nNumMeshNode + mScene->nNumCamera + mScene->nNumLight +
                             mScene->nNumMaterial - static_cast<uint32_t>(m_LightMap.size());
   // The bytes after the name stay zero; a name of 256 characters or more has no terminator.
-  CopyName(header->PODFilename, sizeof header->PODFilename, fileName);
+  korvex::SGCopyName(header->PODFilename, sizeof header->PODFilename, fileName);
   return header;
 }
 
@@ -169,7 +163,7 @@ void SceneGraphConverter::createNodeHeader(ESGName kind, int nodeIndex) {
   // A material's header carries the material's name, not the node's.
   const char* name =
       kind == ESGMaterial ? mScene->pMaterial[node.nIdxMaterial].pszName : node.pszName;
-  CopyName(header->name, sizeof header->name, name);
+  korvex::SGCopyName(header->name, sizeof header->name, name);
   header->offset = 0;
   header->length = 0;
   header->index = static_cast<int32_t>(mModel->recordCount(kind));

@@ -25,12 +25,6 @@ CPODData CopyDescriptor(const CPODData& from) {
   return d;
 }
 
-// Copies at most `size` bytes of `name` into a zero-filled field.
-void CopyName(char* field, size_t size, const char* name) {
-  std::memset(field, 0, size);
-  if (name != nullptr) std::memcpy(field, name, strnlen(name, size));
-}
-
 }  // namespace
 
 SSGQelNodeData* SceneGraphConverter::createNodeData(int nodeIndex) {
@@ -186,10 +180,10 @@ int32_t SceneGraphConverter::createMaterialData(int nodeIndex) {
   std::free(leading);
 
   const SPODMaterial& material = mScene->pMaterial[podMaterial];
-  CopyName(record->materialName, sizeof record->materialName, material.pszName);
+  korvex::SGCopyName(record->materialName, sizeof record->materialName, material.pszName);
   // Only -1 means "no texture"; the field then stays all zero.
   if (material.nIdxTexDiffuse != -1)
-    CopyName(record->textureName, sizeof record->textureName,
+    korvex::SGCopyName(record->textureName, sizeof record->textureName,
              mScene->pTexture[material.nIdxTexDiffuse].pszName);
 
   createNodeHeader(ESGMaterial, nodeIndex);

@@ -13,6 +13,7 @@
 // The record parameter is a template so that const records can be walked for writing.
 
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 #include <vector>
 
@@ -346,6 +347,25 @@ constexpr uint32_t SGDescribedArrayCount() {
   SGArrayCounter c;
   L::arrays(r, c);
   return c.count;
+}
+
+// The bytes a record's arrays add to its fixed part: what the writer lays out after it and what
+// the loader expects a block to hold.
+template <class L>
+uint64_t SGArraysLength(const typename L::Record& r) {
+  struct Sum {
+    uint64_t total = 0;
+    void array(const SSGNodeData& b) { total += b.length; }
+  } sum;
+  L::arrays(r, sum);
+  return sum.total;
+}
+
+// Copies at most `size` bytes of `name` into a zero-filled name field (no terminator when the
+// name fills it); a null name leaves the field zero.
+inline void SGCopyName(char* field, size_t size, const char* name) {
+  std::memset(field, 0, size);
+  if (name != nullptr) std::memcpy(field, name, strnlen(name, size));
 }
 
 // The fixed size of a node kind 2000..2012, or 0 for any other value.

@@ -64,11 +64,6 @@ class FieldReader {
   ByteReader& m_in;
 };
 
-struct ArrayLengthSum {
-  uint64_t total = 0;
-  void array(const SSGNodeData& b) { total += b.length; }
-};
-
 // Largest fixed part of any kind: the buffer a block's fixed part is read into.
 constexpr uint32_t kLargestFixedPart = kSGSkeletalMeshSize;
 
@@ -314,15 +309,14 @@ bool SceneGraphLoader::createRecord(SSGNodeHeader* h) {
     L::fields(*r, fields);
   }
 
-  ArrayLengthSum sum;
-  L::arrays(*r, sum);
-  if (uint64_t(fixed) + sum.total != h->length) {
+  const uint64_t arrays = korvex::SGArraysLength<L>(*r);
+  if (uint64_t(fixed) + arrays != h->length) {
     std::free(r);  // no array allocated yet
-    if (sum.total == 0 && korvex::SGDescribedArrayCount<L>() == 0)
+    if (arrays == 0 && korvex::SGDescribedArrayCount<L>() == 0)
       return failNode(h, Format("block of %u bytes is longer than the %u-byte %s record", h->length, fixed,
                                 korvex::SGKindName(h->type)));
     return failNode(h, Format("the arrays add up to %llu bytes but the block holds %u after its fixed part",
-                              static_cast<unsigned long long>(sum.total), h->length - fixed));
+                              static_cast<unsigned long long>(arrays), h->length - fixed));
   }
 
   // Each array is read straight into its own allocation, owned by the record.

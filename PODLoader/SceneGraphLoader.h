@@ -74,7 +74,6 @@ class SceneGraphLoader {
 
   QelSceneGraphModel* m_model;
   std::vector<SGData> m_nodeHeaders;  // in file order
-  std::vector<SGData> m_data;         // unused: records are read into their own allocations
   korvex::FileHandle m_file;
   std::string m_path;
   uint64_t m_bytesRead;

@@ -93,16 +93,9 @@ bool StreamBlock(const typename L::Record& r, Write& write) {
   return arrays.ok() && ok;
 }
 
-struct ArrayLengthSum {
-  uint64_t total = 0;
-  void array(const SSGNodeData& b) { total += b.length; }
-};
-
 template <class L>
 uint64_t BlockSize(const typename L::Record& r) {
-  ArrayLengthSum sum;
-  L::arrays(r, sum);
-  return uint64_t(L::kFixedSize) + sum.total;
+  return uint64_t(L::kFixedSize) + korvex::SGArraysLength<L>(r);
 }
 
 template <class L>

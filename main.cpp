@@ -2,59 +2,18 @@
 //
 //   Korvex [flag] [ignored] input      flag: "-r0" weld exactly equal vertices, "-r1" nearly equal
 //
-// Pipeline: read input -> check -> rename textures (-> weld) -> save <input>.PODx -> read it back
-// -> check -> convert -> write <input>.qsn. Progress goes to standard output; a scene that the
-// conversion could not handle safely is refused with one message on standard error.
+// The command line and the run's surroundings; the conversion itself is RunConversion
+// (Conversion.h).
 
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
-#include "PODModel.h"
-#include "PODReadReport.h"
-#include "QelSceneGraphModel.h"
-#include "SceneGraphConverter.h"
-#include "SameFile.h"
-#include "SceneGraphWritter.h"
-#include "SceneValidation.h"
-#include "TextureRenaming.h"
-#include "VertexReduction.h"
+#include "Conversion.h"
 
 namespace {
-
-const unsigned long kExportOptionsSize = 2048;
-
-// Standard output carries the tool's exact texts; everything else goes to standard error, after
-// what standard output holds so far.
-void Say(const std::string& line) {
-  std::fflush(stdout);
-  std::fprintf(stderr, "%s\n", line.c_str());
-}
-
-void Warn(const std::string& file, const std::string& text) {
-  Say("Korvex: warning: " + file + ": " + text);
-}
-
-// Ends the run for a scene the pipeline cannot process safely.
-int Refuse(const CPODScene& scene, const SceneCheck& check, const std::string& file) {
-  Say(DescribeSceneCheck(scene, check, file));
-  return 1;
-}
-
-// A damaged input is converted as far as it was read, but never in silence: why and where the
-// read stopped, and the blocks a complete file would have had (or not had) where they were.
-void WarnAboutRead(const std::string& file, bool read, const PODReadReport& report) {
-  if (!read) Warn(file, report.DescribeFailure() + "; converting what was read");
-  const size_t kShown = 10;
-  for (size_t i = 0; i < report.irregularities.size() && i < kShown; ++i)
-    Warn(file, report.irregularities[i]);
-  if (report.irregularityCount > kShown)
-    Warn(file, "and " + std::to_string(report.irregularityCount - kShown) +
-                   " more irregular blocks");
-}
 
 // The input and intermediate files are mapped rather than copied into memory. Should another
 // process shorten one of them while this run uses it, touching the lost part raises SIGBUS: the
@@ -80,130 +39,13 @@ int main(int argc, char** argv) {
     std::printf("The correct format is: Korvex file1\n");
     return 1;
   }
-
   // Only the first argument is a flag position; the input path is always the last argument.
   const std::string first = argv[1];
-  const bool reduction = first == "-r0" || first == "-r1";
-  const bool nearly = first == "-r1";
-  const std::string inputPath = argv[argc - 1];
+  korvex::ConversionRequest request;
+  request.weld = first == "-r0" || first == "-r1";
+  request.nearly = first == "-r1";
+  request.inputPath = argv[argc - 1];
 
   EndRunWhenAMappedFileShrinks();
-  std::printf("Converting %s\n", inputPath.c_str());
-  // The name derivation below may end the run abnormally; the line above must be out by then.
-  std::fflush(stdout);
-
-  CPODScene inputScene;
-  CPODScene reloadedScene;
-  // One byte more than the reader may fill, always zero: options text that fills the whole
-  // buffer stays terminated when the writer measures it.
-  char* exportOptions = static_cast<char*>(std::calloc(kExportOptionsSize + 1, 1));
-  if (exportOptions == nullptr) {
-    Say("Korvex: out of memory");
-    return 1;
-  }
-
-  // Output: the three characters after the last "." become "qsn". Without any ".", rfind's npos
-  // + 1 wraps to 0 and the first three characters are replaced.
-  std::string outputPath = inputPath;
-  outputPath.replace(outputPath.rfind('.') + 1, 3, "qsn");
-
-  // Without a "/", the intermediate file goes to the file-system root.
-  std::string fileName;
-  std::string directory;
-  const size_t slash = inputPath.rfind('/');
-  if (slash == std::string::npos) {
-    fileName = inputPath;
-    directory = "/";
-  } else {
-    fileName = inputPath.substr(slash + 1);
-    directory = inputPath.substr(0, slash + 1);
-  }
-  // Up to five characters from the last "." become ".PODx". A file name without "." makes
-  // replace throw std::out_of_range, uncaught: the run ends abnormally before any file is opened.
-  fileName.replace(fileName.rfind('.'), 5, ".PODx");
-  const std::string intermediatePath = directory + fileName;
-
-  PODReadReport optionsReport;
-  if (!inputScene.ReadFromFile(inputPath.c_str(), exportOptions, kExportOptionsSize,
-                               &optionsReport)) {
-    std::printf("Invalid input file\n");
-    Say("Korvex: " + inputPath + ": " + optionsReport.DescribeFailure());
-    std::free(exportOptions);
-    return 1;
-  }
-  inputScene.Destroy();  // the options call leaves an evaluation state behind
-  PODReadReport inputReport;
-  const bool inputRead = inputScene.ReadFromFile(inputPath.c_str(), nullptr, 0, &inputReport);
-  WarnAboutRead(inputPath, inputRead, inputReport);
-
-  // Each step's data is checked before the step runs, so that a scene that would be refused is
-  // refused before anything is written. After a failed read the conversion's needs are left to
-  // the check of the reloaded scene: the save settles what the partial scene becomes.
-  SceneCheck check = CheckSceneForEdits(inputScene, reduction);
-  if (check.found()) {
-    std::free(exportOptions);
-    return Refuse(inputScene, check, inputPath);
-  }
-  for (const std::string& warning : check.warnings) Warn(inputPath, warning);
-
-  renameMeshTextureName(&inputScene);
-  if (reduction) reduceMeshVertexForSave(&inputScene, nearly);
-
-  check = CheckSceneForSave(inputScene);
-  if (!check.found() && inputRead) check = CheckSceneForConversion(inputScene, true);
-  if (check.found()) {
-    std::free(exportOptions);
-    return Refuse(inputScene, check, inputPath);
-  }
-
-  // The input's stream arrays stay in its file, which saving truncates when the intermediate file
-  // is the input itself (an input named like its intermediate file, or a link to it): then they
-  // are copied out first.
-  if (korvex::SameFile(inputPath, intermediatePath) && !PODModelOwnBorrowedArrays(inputScene)) {
-    Say("Korvex: out of memory");
-    std::free(exportOptions);
-    return 1;
-  }
-  const bool saveSucceeded = inputScene.SavePOD(intermediatePath.c_str(), exportOptions);
-  // Nothing reads the input scene again: its memory goes before the intermediate file comes in.
-  inputScene.Destroy();
-
-  reloadedScene.ReadFromFile(intermediatePath.c_str(), exportOptions, kExportOptionsSize);
-  reloadedScene.Destroy();
-  PODReadReport reloadReport;
-  const bool reloadSucceeded =
-      reloadedScene.ReadFromFile(intermediatePath.c_str(), nullptr, 0, &reloadReport);
-
-  int status = 0;
-  if (reloadSucceeded && saveSucceeded) {
-    // The scene that is converted is checked itself. Its nodes are the input's, so the
-    // message names the input file.
-    const SceneCheck reloadCheck = CheckSceneForConversion(reloadedScene, false);
-    if (reloadCheck.found()) {
-      std::free(exportOptions);
-      return Refuse(reloadedScene, reloadCheck, inputPath);
-    }
-    // Released at the end of this block (writer, converter, then model), although the process
-    // ends right away, so that leak checkers stay quiet.
-    QelSceneGraphModel model;
-    SceneGraphConverter converter(&model);
-    // The records take the reloaded scene's arrays instead of copies: the scene outlives the model.
-    converter.setBorrowStreams(true);
-    converter.convertFromPOD(&reloadedScene, fileName.c_str());
-    SceneGraphWritter writer;
-    // The writer has said what went wrong on standard error.
-    if (!writer.WritetoFile(outputPath, &model)) status = 1;
-    std::printf("\n");
-  } else {
-    std::printf("Invalid input file or save file\n");
-    if (!saveSucceeded)
-      Say("Korvex: " + intermediatePath +
-          ": the edited scene could not be written (a node or material without a name, or a "
-          "failed write)");
-    else
-      Say("Korvex: " + intermediatePath + ": reading it back failed: " +
-          reloadReport.DescribeFailure());
-  }
-  std::free(exportOptions);
-  return status;
+  return korvex::RunConversion(request).status;
 }

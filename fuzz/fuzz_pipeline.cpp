@@ -1,5 +1,5 @@
-// Runs the whole pipeline on fuzzed POD input, as the Korvex driver does: read
-// (options, then scene), check, rename textures, weld, save, read back, check, convert, write.
+// Runs the whole pipeline on fuzzed POD input through RunConversion, as the Korvex driver does:
+// read (options, then scene), check, rename textures, weld, save, read back, check, convert, write.
 // Input: one byte choosing the welding ("-r0", "-r1" or none), then the POD file.
 //
 // Inputs whose defined outcome is one of the pipeline's own assertions (which abort) are
@@ -18,14 +18,11 @@
 #include <string>
 #include <vector>
 
+#include "Conversion.h"
 #include "PODModel.h"
 #include "QelSceneGraphModel.h"
 #include "SceneGraphConverter.h"
 #include "SceneGraphLoader.h"
-#include "SceneGraphWritter.h"
-#include "SceneValidation.h"
-#include "TextureRenaming.h"
-#include "VertexReduction.h"
 
 namespace {
 
@@ -133,50 +130,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string& dir = ScratchDir();
   const bool reduction = data[0] % 3 != 0;
   const bool nearly = data[0] % 3 == 2;
-  const std::string input = dir + "/in.pod", intermediate = dir + "/in.PODx",
-                    output = dir + "/in.qsn";
+  const std::string input = dir + "/in.pod", output = dir + "/in.qsn";
   FILE* f = std::fopen(input.c_str(), "wb");
   if (f == nullptr) std::abort();
   if (size > 1 && std::fwrite(data + 1, 1, size - 1, f) != size - 1) std::abort();
   std::fclose(f);
 
-  char options[2049] = {0};
-  CPODScene inputScene;
-  if (!inputScene.ReadFromFile(input.c_str(), options, 2048)) return 0;
-  inputScene.Destroy();
-  const bool inputRead = inputScene.ReadFromFile(input.c_str());
-
-  SceneCheck check = CheckSceneForEdits(inputScene, reduction);
-  if (check.found() || check.assertionAhead) return 0;
-  renameMeshTextureName(&inputScene);
-  if (reduction) reduceMeshVertexForSave(&inputScene, nearly);
-  check = CheckSceneForSave(inputScene);
-  if (check.found()) return 0;
-  if (inputRead) {
-    check = CheckSceneForConversion(inputScene, true);
-    if (check.found()) return 0;
-  }
-  const bool saved = inputScene.SavePOD(intermediate.c_str(), options);
-
-  CPODScene reloaded;
-  reloaded.ReadFromFile(intermediate.c_str(), options, 2048);
-  reloaded.Destroy();
-  if (!reloaded.ReadFromFile(intermediate.c_str())) return 0;
-  if (!saved) return 0;
-  check = CheckSceneForConversion(reloaded, false);
-  if (check.found() || check.assertionAhead) return 0;
-  if (FinalAssertionsFail(reloaded) || BoxAssertionFails(reloaded)) return 0;
-
-  QelSceneGraphModel model;
-  SceneGraphConverter converter(&model);
-  converter.convertFromPOD(&reloaded, "in.PODx");
-  SceneGraphWritter writer;
-  if (!writer.WritetoFile(output, &model)) std::abort();
+  korvex::ConversionRequest request;
+  request.inputPath = input;
+  request.weld = reduction;
+  request.nearly = nearly;
+  request.assertsAhead = [](CPODScene& reloaded) {
+    return FinalAssertionsFail(reloaded) || BoxAssertionFails(reloaded);
+  };
+  const korvex::ConversionOutcome outcome = korvex::RunConversion(request);
+  if (!outcome.wroteOutput) return 0;
 
   // What was written loads back with every header.
   QelSceneGraphModel loaded;
   SceneGraphLoader loader;
   if (!loader.readFromFile(output, &loaded)) std::abort();
-  if (loaded.nodeheader.size() != model.nodeheader.size()) std::abort();
+  if (loaded.nodeheader.size() != outcome.nodeHeaders) std::abort();
   return 0;
 }

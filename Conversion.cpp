@@ -1,10 +1,10 @@
 #include "Conversion.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
 
+#include "Diagnostics.h"
 #include "PODModel.h"
 #include "PODReadReport.h"
 #include "QelSceneGraphModel.h"
@@ -19,21 +19,47 @@ namespace korvex {
 
 namespace {
 
+const unsigned long kExportOptionsSize = 2048;
+
 struct FreeDeleter {
   void operator()(char* p) const { std::free(p); }
 };
 
-const unsigned long kExportOptionsSize = 2048;
+// The files of one run, derived from the input path as the tool always has, quirks included.
+struct RunFiles {
+  std::string input;
+  std::string output;        // <input>.qsn
+  std::string intermediate;  // <input>.PODx
+  std::string name;          // the intermediate file's name without its folder
+};
 
-// Standard output carries the tool's exact texts; everything else goes to standard error, after
-// what standard output holds so far.
-void Say(const std::string& line) {
-  std::fflush(stdout);
-  std::fprintf(stderr, "%s\n", line.c_str());
+RunFiles DeriveFiles(const std::string& inputPath) {
+  RunFiles files;
+  files.input = inputPath;
+  // Output: the three characters after the last "." become "qsn". Without any ".", rfind's npos
+  // + 1 wraps to 0 and the first three characters are replaced.
+  files.output = inputPath;
+  files.output.replace(files.output.rfind('.') + 1, 3, "qsn");
+
+  // Without a "/", the intermediate file goes to the file-system root.
+  std::string directory;
+  const size_t slash = inputPath.rfind('/');
+  if (slash == std::string::npos) {
+    files.name = inputPath;
+    directory = "/";
+  } else {
+    files.name = inputPath.substr(slash + 1);
+    directory = inputPath.substr(0, slash + 1);
+  }
+  // Up to five characters from the last "." become ".PODx". A file name without "." makes
+  // replace throw std::out_of_range, uncaught: the run ends abnormally before any file is opened.
+  files.name.replace(files.name.rfind('.'), 5, ".PODx");
+  files.intermediate = directory + files.name;
+  return files;
 }
 
 void Warn(const std::string& file, const std::string& text) {
-  Say("Korvex: warning: " + file + ": " + text);
+  ReportProblem("Korvex: warning: " + file + ": " + text);
 }
 
 // A damaged input is converted as far as it was read, but never in silence: why and where the
@@ -48,144 +74,177 @@ void WarnAboutRead(const std::string& file, bool read, const PODReadReport& repo
                    " more irregular blocks");
 }
 
-}  // namespace
+// One run, stage by stage. Every stage that can end the run returns false and leaves the
+// outcome set; each check runs before the step whose data it checks, so that a scene that
+// would be refused is refused before anything is written.
+class ConversionRun {
+ public:
+  explicit ConversionRun(const ConversionRequest& request) : m_request(request) {}
 
-ConversionOutcome RunConversion(const ConversionRequest& request) {
-  const std::string& inputPath = request.inputPath;
-  ConversionOutcome outcome;
-  auto Ended = [&outcome](int status) {
-    outcome.status = status;
-    return outcome;
-  };
-  auto Stopped = [&outcome]() {
-    outcome.stoppedBeforeAssertion = true;
-    return outcome;
-  };
-  auto Refused = [&outcome](const CPODScene& scene, const SceneCheck& check, const std::string& file) {
-    Say(DescribeSceneCheck(scene, check, file));
-    outcome.status = 1;
-    return outcome;
-  };
-  std::printf("Converting %s\n", inputPath.c_str());
-  // The name derivation below may end the run abnormally; the line above must be out by then.
-  std::fflush(stdout);
+  ConversionOutcome Run() {
+    PrintText("Converting %s\n", m_request.inputPath.c_str());
+    // The name derivation may end the run abnormally; the line above must be out by then.
+    Diagnostics().Flush();
+    AllocateOptions();
+    m_files = DeriveFiles(m_request.inputPath);
 
-  CPODScene inputScene;
-  CPODScene reloadedScene;
-  // One byte more than the reader may fill, always zero: options text that fills the whole
-  // buffer stays terminated when the writer measures it.
-  std::unique_ptr<char, FreeDeleter> options(static_cast<char*>(std::calloc(kExportOptionsSize + 1, 1)));
-  char* const exportOptions = options.get();
-  if (exportOptions == nullptr) {
-    Say("Korvex: out of memory");
-    return Ended(1);
-  }
-
-  // Output: the three characters after the last "." become "qsn". Without any ".", rfind's npos
-  // + 1 wraps to 0 and the first three characters are replaced.
-  std::string outputPath = inputPath;
-  outputPath.replace(outputPath.rfind('.') + 1, 3, "qsn");
-
-  // Without a "/", the intermediate file goes to the file-system root.
-  std::string fileName;
-  std::string directory;
-  const size_t slash = inputPath.rfind('/');
-  if (slash == std::string::npos) {
-    fileName = inputPath;
-    directory = "/";
-  } else {
-    fileName = inputPath.substr(slash + 1);
-    directory = inputPath.substr(0, slash + 1);
-  }
-  // Up to five characters from the last "." become ".PODx". A file name without "." makes
-  // replace throw std::out_of_range, uncaught: the run ends abnormally before any file is opened.
-  fileName.replace(fileName.rfind('.'), 5, ".PODx");
-  const std::string intermediatePath = directory + fileName;
-
-  PODReadReport optionsReport;
-  if (!inputScene.ReadFromFile(inputPath.c_str(), exportOptions, kExportOptionsSize,
-                               &optionsReport)) {
-    std::printf("Invalid input file\n");
-    Say("Korvex: " + inputPath + ": " + optionsReport.DescribeFailure());
-    return Ended(1);
-  }
-  inputScene.Destroy();  // the options call leaves an evaluation state behind
-  PODReadReport inputReport;
-  const bool inputRead = inputScene.ReadFromFile(inputPath.c_str(), nullptr, 0, &inputReport);
-  WarnAboutRead(inputPath, inputRead, inputReport);
-
-  // Each step's data is checked before the step runs, so that a scene that would be refused is
-  // refused before anything is written. After a failed read the conversion's needs are left to
-  // the check of the reloaded scene: the save settles what the partial scene becomes.
-  SceneCheck check = CheckSceneForEdits(inputScene, request.weld);
-  if (request.assertsAhead && check.assertionAhead) return Stopped();
-  if (check.found()) {
-    return Refused(inputScene, check, inputPath);
-  }
-  for (const std::string& warning : check.warnings) Warn(inputPath, warning);
-
-  renameMeshTextureName(&inputScene);
-  if (request.weld) reduceMeshVertexForSave(&inputScene, request.nearly);
-
-  check = CheckSceneForSave(inputScene);
-  if (!check.found() && inputRead) check = CheckSceneForConversion(inputScene, true);
-  if (check.found()) {
-    return Refused(inputScene, check, inputPath);
-  }
-
-  // The input's stream arrays stay in its file, which saving truncates when the intermediate file
-  // is the input itself (an input named like its intermediate file, or a link to it): then they
-  // are copied out first.
-  if (korvex::SameFile(inputPath, intermediatePath) && !PODModelOwnBorrowedArrays(inputScene)) {
-    Say("Korvex: out of memory");
-    return Ended(1);
-  }
-  const bool saveSucceeded = inputScene.SavePOD(intermediatePath.c_str(), exportOptions);
-  // Nothing reads the input scene again: its memory goes before the intermediate file comes in.
-  inputScene.Destroy();
-
-  reloadedScene.ReadFromFile(intermediatePath.c_str(), exportOptions, kExportOptionsSize);
-  reloadedScene.Destroy();
-  PODReadReport reloadReport;
-  const bool reloadSucceeded =
-      reloadedScene.ReadFromFile(intermediatePath.c_str(), nullptr, 0, &reloadReport);
-
-  if (reloadSucceeded && saveSucceeded) {
-    // The scene that is converted is checked itself. Its nodes are the input's, so the
-    // message names the input file.
-    const SceneCheck reloadCheck = CheckSceneForConversion(reloadedScene, false);
-    if (request.assertsAhead && !reloadCheck.found() &&
-        (reloadCheck.assertionAhead || request.assertsAhead(reloadedScene)))
-      return Stopped();
-    if (reloadCheck.found()) {
-        return Refused(reloadedScene, reloadCheck, inputPath);
+    if (!ReadInput() || !CheckInput()) return m_outcome;
+    Edit();
+    if (!CheckEdited()) return m_outcome;
+    const bool saved = Save();
+    const bool reloaded = Reload();
+    if (!saved || !reloaded) {
+      ReportUnusableIntermediate(saved);
+      return m_outcome;
     }
-    // Released at the end of this block (writer, converter, then model), although the process
+    if (!CheckReloaded()) return m_outcome;
+    ConvertAndWrite();
+    return m_outcome;
+  }
+
+ private:
+  // The export options buffer: one byte more than the reader may fill, always zero, so that
+  // options text filling the whole buffer stays terminated when the writer measures it.
+  void AllocateOptions() {
+    m_options.reset(AllocateZeroed<char>(kExportOptionsSize + 1, "the export options"));
+  }
+
+  // Read: the export options (a refusal when they cannot be read), then the scene, which a
+  // damaged file yields as far as it could be read.
+  bool ReadInput() {
+    PODReadReport optionsReport;
+    if (!m_input.ReadFromFile(m_files.input.c_str(), m_options.get(), kExportOptionsSize,
+                              &optionsReport)) {
+      PrintText("Invalid input file\n");
+      ReportProblem("Korvex: " + m_files.input + ": " + optionsReport.DescribeFailure());
+      m_outcome.status = 1;
+      return false;
+    }
+    m_input.Destroy();  // the options call leaves an evaluation state behind
+    PODReadReport report;
+    m_inputRead = m_input.ReadFromFile(m_files.input.c_str(), nullptr, 0, &report);
+    WarnAboutRead(m_files.input, m_inputRead, report);
+    return true;
+  }
+
+  // Check: what the edits need. After a failed read the conversion's needs are left to the check
+  // of the reloaded scene: the save settles what the partial scene becomes.
+  bool CheckInput() {
+    const SceneCheck check = CheckSceneForEdits(m_input, m_request.weld);
+    if (m_request.assertsAhead && check.assertionAhead) return StopBeforeAssertion();
+    if (check.found()) return Refuse(m_input, check);
+    for (const std::string& warning : check.warnings) Warn(m_files.input, warning);
+    return true;
+  }
+
+  // Edit: texture names, then (asked for) welding.
+  void Edit() {
+    renameMeshTextureName(&m_input);
+    if (m_request.weld) reduceMeshVertexForSave(&m_input, m_request.nearly);
+  }
+
+  // Check: the edited scene must be saveable and, read completely, convertible.
+  bool CheckEdited() {
+    SceneCheck check = CheckSceneForSave(m_input);
+    if (!check.found() && m_inputRead) check = CheckSceneForConversion(m_input, true);
+    if (check.found()) return Refuse(m_input, check);
+    return true;
+  }
+
+  // Save: <input>.PODx. The input's stream arrays stay in its file, which saving truncates when
+  // the intermediate file is the input itself (an input named like its intermediate file, or a
+  // link to it): then they are copied out first.
+  bool Save() {
+    if (SameFile(m_files.input, m_files.intermediate)) PODModelOwnBorrowedArrays(m_input);
+    const bool saved = m_input.SavePOD(m_files.intermediate.c_str(), m_options.get());
+    // Nothing reads the input scene again: its memory goes before the intermediate file comes in.
+    m_input.Destroy();
+    return saved;
+  }
+
+  // Reload: the intermediate file, options first as for the input.
+  bool Reload() {
+    m_reloaded.ReadFromFile(m_files.intermediate.c_str(), m_options.get(), kExportOptionsSize);
+    m_reloaded.Destroy();
+    return m_reloaded.ReadFromFile(m_files.intermediate.c_str(), nullptr, 0, &m_reloadReport);
+  }
+
+  void ReportUnusableIntermediate(bool saved) {
+    PrintText("Invalid input file or save file\n");
+    if (!saved)
+      ReportProblem("Korvex: " + m_files.intermediate +
+                    ": the edited scene could not be written (a node or material without a name, "
+                    "or a failed write)");
+    else
+      ReportProblem("Korvex: " + m_files.intermediate +
+                    ": reading it back failed: " + m_reloadReport.DescribeFailure());
+  }
+
+  // Check: the scene that is converted is checked itself. Its nodes are the input's, so a
+  // message names the input file.
+  bool CheckReloaded() {
+    const SceneCheck check = CheckSceneForConversion(m_reloaded, false);
+    if (m_request.assertsAhead && !check.found() &&
+        (check.assertionAhead || m_request.assertsAhead(m_reloaded)))
+      return StopBeforeAssertion();
+    if (check.found()) return Refuse(m_reloaded, check);
+    return true;
+  }
+
+  // Convert, then write <input>.qsn.
+  void ConvertAndWrite() {
+    // Released at the end of this call (writer, converter, then model), although the process
     // ends right away, so that leak checkers stay quiet.
     QelSceneGraphModel model;
     SceneGraphConverter converter(&model);
     // The records take the reloaded scene's arrays instead of copies: the scene outlives the model.
     converter.setBorrowStreams(true);
-    converter.convertFromPOD(&reloadedScene, fileName.c_str());
+    converter.convertFromPOD(&m_reloaded, m_files.name.c_str());
     SceneGraphWritter writer;
-    // The writer has said what went wrong on standard error.
-    if (!writer.WritetoFile(outputPath, &model))
-      outcome.status = 1;
+    // The writer has said what went wrong.
+    if (!writer.WritetoFile(m_files.output, &model))
+      m_outcome.status = 1;
     else
-      outcome.wroteOutput = true;
-    outcome.nodeHeaders = model.nodeheader.size();
-    std::printf("\n");
-  } else {
-    std::printf("Invalid input file or save file\n");
-    if (!saveSucceeded)
-      Say("Korvex: " + intermediatePath +
-          ": the edited scene could not be written (a node or material without a name, or a "
-          "failed write)");
-    else
-      Say("Korvex: " + intermediatePath + ": reading it back failed: " +
-          reloadReport.DescribeFailure());
+      m_outcome.wroteOutput = true;
+    m_outcome.nodeHeaders = model.nodeheader.size();
+    PrintText("\n");
   }
-  return outcome;
+
+  bool Refuse(const CPODScene& scene, const SceneCheck& check) {
+    ReportProblem(DescribeSceneCheck(scene, check, m_files.input));
+    m_outcome.status = 1;
+    return false;
+  }
+
+  bool StopBeforeAssertion() {
+    m_outcome.stoppedBeforeAssertion = true;
+    return false;
+  }
+
+  const ConversionRequest& m_request;
+  ConversionOutcome m_outcome;
+  RunFiles m_files;
+  std::unique_ptr<char, FreeDeleter> m_options;
+  CPODScene m_input;
+  bool m_inputRead = false;
+  CPODScene m_reloaded;
+  PODReadReport m_reloadReport;
+};
+
+}  // namespace
+
+ConversionRequest RequestFromArguments(const std::vector<std::string>& arguments) {
+  ConversionRequest request;
+  if (arguments.empty()) return request;
+  const std::string& first = arguments.front();
+  request.weld = first == "-r0" || first == "-r1";
+  request.nearly = first == "-r1";
+  request.inputPath = arguments.back();
+  return request;
+}
+
+ConversionOutcome RunConversion(const ConversionRequest& request) {
+  return ConversionRun(request).Run();
 }
 
 }  // namespace korvex

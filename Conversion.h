@@ -1,13 +1,14 @@
 #pragma once
 // The whole conversion of one POD file, as the command line asks for it: read the input
 // (options, then scene) -> check -> rename textures (-> weld) -> save <input>.PODx -> read it
-// back -> check -> convert -> write <input>.qsn. Progress and the tool's own texts go to standard
-// output; a scene that cannot be handled safely is refused with one message on standard error.
+// back -> check -> convert -> write <input>.qsn. Its texts and problem lines go to the diagnostic
+// sink (Diagnostics.h); a scene that cannot be handled safely is refused with one problem line.
 // The tool, the pipeline fuzz target and the driver tests all run it.
 
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <vector>
 
 class CPODScene;
 
@@ -30,6 +31,10 @@ struct ConversionOutcome {
   size_t nodeHeaders = 0;               // ... with this many node headers
   bool stoppedBeforeAssertion = false;  // see ConversionRequest::assertsAhead
 };
+
+// The request of a command line's arguments (the program name not included; 1 to 3 of them):
+// only the first one is a flag position, and the input is always the last one.
+ConversionRequest RequestFromArguments(const std::vector<std::string>& arguments);
 
 ConversionOutcome RunConversion(const ConversionRequest& request);
 

@@ -5,10 +5,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "Assertion.h"
+#include "Diagnostics.h"
 #include "IndexRange.h"
 #include "PODMeshWeld.h"
 
@@ -551,7 +553,7 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
   if (const char* why = WhyNotReducible(*mesh, addressable)) return why;
   if (mesh->nNumUVW > kMaxUVSets) {
     mesh->nNumUVW = kMaxUVSets;
-    std::printf("Error1: Number of UVW > 2, \"%s\"\n", NodeName(node));
+    korvex::PrintText("Error1: Number of UVW > 2, \"%s\"\n", NodeName(node));
   }
 
   const uint32_t uvSets = mesh->nNumUVW;
@@ -595,16 +597,15 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
   return applied ? nullptr : "out of memory";
 }
 
-// Standard output is the tool's exact output, so a mesh left alone is noted on standard error.
+// The tool's texts are fixed, so a mesh left alone is noted as a problem line.
 void NoteUnreduced(const SPODNode* node, const char* why) {
-  std::fprintf(stderr, "Note: vertices of \"%s\" not reduced: %s\n", NodeName(node), why);
+  korvex::ReportProblem(std::string("Note: vertices of \"") + NodeName(node) + "\" not reduced: " + why);
 }
 
 void ReduceScene(SPODScene* scene, bool nearly, Rebuild rebuild) {
   // Like the texture renaming's line, this one is left open: the count lines follow on it.
-  std::fputs(nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
-                    : "Reducing vertex number with vertex have SAME UV...",
-             stdout);
+  korvex::PrintText(std::string(nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
+                                       : "Reducing vertex number with vertex have SAME UV..."));
   // 32-bit totals, wrapping like the counts they add up.
   uint32_t before = 0;
   uint32_t after = 0;
@@ -628,9 +629,9 @@ void ReduceScene(SPODScene* scene, bool nearly, Rebuild rebuild) {
       NoteUnreduced(node, why);
     after += mesh->nNumVertex;
   }
-  std::printf("Total vertex before reduction: %d\n", static_cast<int32_t>(before));
-  std::printf("Total vertex after reduction: %d\n", static_cast<int32_t>(after));
-  std::printf("Difference: %d\n", static_cast<int32_t>(before - after));
+  korvex::PrintText("Total vertex before reduction: %d\n", static_cast<int32_t>(before));
+  korvex::PrintText("Total vertex after reduction: %d\n", static_cast<int32_t>(after));
+  korvex::PrintText("Difference: %d\n", static_cast<int32_t>(before - after));
 }
 
 }  // namespace

@@ -8,10 +8,11 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <string>
+#include <vector>
 
 #include "Conversion.h"
+#include "Diagnostics.h"
 
 namespace {
 
@@ -36,16 +37,12 @@ void EndRunWhenAMappedFileShrinks() {
 
 int main(int argc, char** argv) {
   if (argc < 2 || argc > 4) {
-    std::printf("The correct format is: Korvex file1\n");
+    korvex::PrintText("The correct format is: Korvex file1\n");
     return 1;
   }
-  // Only the first argument is a flag position; the input path is always the last argument.
-  const std::string first = argv[1];
-  korvex::ConversionRequest request;
-  request.weld = first == "-r0" || first == "-r1";
-  request.nearly = first == "-r1";
-  request.inputPath = argv[argc - 1];
-
+  const korvex::ConversionRequest request =
+      korvex::RequestFromArguments(std::vector<std::string>(argv + 1, argv + argc));
   EndRunWhenAMappedFileShrinks();
+  korvex::EndRunOnFailedNew();
   return korvex::RunConversion(request).status;
 }

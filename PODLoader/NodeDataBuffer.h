@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "ByteIO.h"
+#include "Diagnostics.h"
 #include "PODMatrix.h"
 #include "SceneGraphRecords.h"
 
@@ -23,12 +24,7 @@ inline void AllocateNodeData(SSGNodeData& buffer, uint32_t type, uint32_t length
   buffer.data = nullptr;
   buffer.borrowed = false;
   if (length == 0) return;
-  buffer.data = static_cast<uint8_t*>(std::calloc(length, 1));
-  if (buffer.data == nullptr) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "Korvex: out of memory (%u bytes)\n", length);
-    std::abort();
-  }
+  buffer.data = AllocateZeroed<uint8_t>(length, "a record's array");
 }
 
 // `length` bytes of a POD stream array holding `held` bytes, for a record: the array itself when

@@ -142,8 +142,7 @@ bool QelSceneGraphModel::loadStream(CPODData& stream, uint64_t bytes, uint32_t o
   // A stream cannot be longer than the file that holds it; refusing here keeps a corrupt count
   // from turning into an absurd allocation.
   if (!PODFile || bytes > FileSize(PODFile.get()) || bytes > INT32_MAX) return false;
-  uint8_t* array = static_cast<uint8_t*>(std::calloc(1, static_cast<size_t>(bytes)));
-  if (array == nullptr) return false;
+  uint8_t* array = korvex::AllocateZeroed<uint8_t>(static_cast<size_t>(bytes), "a mesh stream");
   m_loadedStreams.push_back(array);
   stream.pData = array;
   stream.nDataSize = static_cast<size_t>(bytes);

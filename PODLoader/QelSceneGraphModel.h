@@ -18,14 +18,16 @@
 #include <string>
 #include <vector>
 
+#include "Diagnostics.h"
 #include "FileHandle.h"
 #include "SceneGraphLayout.h"
 #include "SceneGraphRecords.h"
 
-// A zero-filled record, header or array the model can own (released with free).
+// A zero-filled record, header or array the model can own (released with free). Sizes are fixed
+// and small: a failed allocation is plain exhaustion and ends the run.
 template <class T>
 T* SGNewRecord() {
-  return static_cast<T*>(std::calloc(1, sizeof(T)));
+  return korvex::AllocateZeroed<T>(1, "a scene-graph record");
 }
 
 class QelSceneGraphModel {

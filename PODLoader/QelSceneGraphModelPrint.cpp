@@ -1,5 +1,5 @@
-// The model dump and the texture-coordinate check of QelSceneGraphModel. Both print through
-// printf/puts/putchar on standard output, in the fixed texts developers and their scripts know.
+// The model dump and the texture-coordinate check of QelSceneGraphModel. Both print the tool's
+// own texts (Diagnostics.h), in the fixed wording developers and their scripts know.
 //
 // A model may come from an untrusted file, and the loader only vouches that each array is as long
 // as its descriptor says, not that the counts of a record agree with those lengths. So every
@@ -12,7 +12,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
+#include "Diagnostics.h"
 #include "NodeDataBuffer.h"
 #include "QelSceneGraphModel.h"
 
@@ -59,15 +61,15 @@ unsigned U16At(const uint8_t* p) {
 void PrintMatrix(const uint8_t* m) {
   for (int row = 0; row < 4; ++row) {
     const uint8_t* r = m + 16 * row;
-    printf("%f, %f,%f, %f\n", LoadF32LE(r), LoadF32LE(r + 4), LoadF32LE(r + 8), LoadF32LE(r + 12));
+    korvex::PrintText("%f, %f,%f, %f\n", LoadF32LE(r), LoadF32LE(r + 4), LoadF32LE(r + 8), LoadF32LE(r + 12));
   }
 }
 
 // The label, type and length of a buffer.
 void PrintBufferHead(const char* label, const SSGNodeData& b) {
-  puts(label);
-  printf("type: %d\n", static_cast<int>(b.type));
-  printf("length: %d\n", static_cast<int>(b.length));
+  korvex::PrintText("%s\n", label);
+  korvex::PrintText("type: %d\n", static_cast<int>(b.type));
+  korvex::PrintText("length: %d\n", static_cast<int>(b.length));
 }
 
 // At most `count` matrices of the buffer (fewer when it holds fewer), then an empty line. The
@@ -76,22 +78,22 @@ void PrintMatrixBuffer(const char* label, const SSGNodeData& b, uint64_t count) 
   PrintBufferHead(label, b);
   const uint64_t n = Min(count, ElementsFrom(b, 0, kMatrixBytes));
   for (uint64_t i = 0; i < n; ++i) PrintMatrix(b.data + i * kMatrixBytes);
-  putchar('\n');
+  korvex::PrintText("\n");
 }
 
 // length/4 words of the buffer on one line, each followed by a comma.
 void PrintIntWords(const char* label, const SSGNodeData& b) {
   PrintBufferHead(label, b);
   const uint64_t n = ElementsFrom(b, 0, 4);
-  for (uint64_t i = 0; i < n; ++i) printf("%d,", I32At(b.data + 4 * i));
-  putchar('\n');
+  for (uint64_t i = 0; i < n; ++i) korvex::PrintText("%d,", I32At(b.data + 4 * i));
+  korvex::PrintText("\n");
 }
 
 void PrintFloatWords(const char* label, const SSGNodeData& b) {
   PrintBufferHead(label, b);
   const uint64_t n = ElementsFrom(b, 0, 4);
-  for (uint64_t i = 0; i < n; ++i) printf("%f,", LoadF32LE(b.data + 4 * i));
-  putchar('\n');
+  for (uint64_t i = 0; i < n; ++i) korvex::PrintText("%f,", LoadF32LE(b.data + 4 * i));
+  korvex::PrintText("\n");
 }
 
 // Lines of three floats, 12 bytes apart, at most `count` of them.
@@ -99,7 +101,7 @@ void PrintVectors(const char* format, const SSGNodeData& b, uint64_t count) {
   const uint64_t n = Min(count, ElementsFrom(b, 0, 12));
   for (uint64_t i = 0; i < n; ++i) {
     const uint8_t* v = b.data + 12 * i;
-    printf(format, LoadF32LE(v), LoadF32LE(v + 4), LoadF32LE(v + 8));
+    korvex::PrintText(format, LoadF32LE(v), LoadF32LE(v + 4), LoadF32LE(v + 8));
   }
 }
 
@@ -116,35 +118,35 @@ void QelSceneGraphModel::printModelInfo() {
         if (present) printMeshNodeInfo(meshnode[i]);
         break;
       case ESGCollisionBoxNode:
-        puts("***Collision Box***");
+        korvex::PrintText("%s\n", "***Collision Box***");
         if (present) printCollisionBoxNodeInfo(collisionboxnode[i]);
         break;
       case ESGCollisionSphereNode:
-        puts("***Collision Sphere***");
+        korvex::PrintText("%s\n", "***Collision Sphere***");
         if (present) printCollisionSphereNodeInfo(collisionspherenode[i]);
         break;
       case ESGBillboardNode:
-        puts("***Billboard***");
+        korvex::PrintText("%s\n", "***Billboard***");
         if (present) printBillboardNodeInfo(billboardnode[i]);
         break;
       case ESGSkyBoxNode:
-        puts("***Sky Box***");
+        korvex::PrintText("%s\n", "***Sky Box***");
         if (present) printSkyboxNodeInfo(skyboxnode[i]);
         break;
       case ESGMarkerNode:
-        puts("***Marker***");
+        korvex::PrintText("%s\n", "***Marker***");
         if (present) printMarkerNodeInfo(markernode[i]);
         break;
       case ESGSkeletalMeshNode:
-        puts("***Skeletal Mesh***");
+        korvex::PrintText("%s\n", "***Skeletal Mesh***");
         if (present) printSkeletonNodeInfo(skeletalmeshnode[i]);
         break;
       case ESGAnimationMeshNode:
-        puts("***Animation Mesh***");
+        korvex::PrintText("%s\n", "***Animation Mesh***");
         if (present) printAnimationNodeInfo(animationmeshnode[i]);
         break;
       case ESGAnimationCameraNode:
-        puts("***Animation Camera***");
+        korvex::PrintText("%s\n", "***Animation Camera***");
         if (present) printAnimationCameraNodeInfo(animationcameranode[i]);
         break;
       default:  // lights, cameras, materials and unknown kinds: the header says all
@@ -155,122 +157,122 @@ void QelSceneGraphModel::printModelInfo() {
 
 void QelSceneGraphModel::printFileHeaderInfo(SSGFileHeader* fileHeader) {
   char name[257];
-  printf("FileHeader Type: %d\n", static_cast<int>(fileHeader->type));
-  printf("FileHeader version: %d\n", static_cast<int>(fileHeader->version));
-  printf("Node name: %s\n",
+  korvex::PrintText("FileHeader Type: %d\n", static_cast<int>(fileHeader->type));
+  korvex::PrintText("FileHeader version: %d\n", static_cast<int>(fileHeader->version));
+  korvex::PrintText("Node name: %s\n",
          NameText(name, fileHeader->PODFilename, sizeof fileHeader->PODFilename));
 }
 
 void QelSceneGraphModel::printNodeHeaderInfo(SSGNodeHeader* nodeHeader) {
   char name[257];
-  printf("NodeHeader Type: %d\n", static_cast<int>(nodeHeader->type));
-  printf("Node offset: %d\n", static_cast<int>(nodeHeader->offset));
+  korvex::PrintText("NodeHeader Type: %d\n", static_cast<int>(nodeHeader->type));
+  korvex::PrintText("Node offset: %d\n", static_cast<int>(nodeHeader->offset));
   // The length line's format, "Node length: %l\n", ends in a conversion without a type, which
   // is undefined; glibc prints it as "%" and the newline. Those bytes are written as they stand.
-  std::fputs("Node length: %\n", stdout);
-  printf("Node index: %d\n", static_cast<int>(nodeHeader->index));
-  printf("Node name: %s\n", NameText(name, nodeHeader->name, sizeof nodeHeader->name));
+  korvex::PrintText(std::string("Node length: %\n"));
+  korvex::PrintText("Node index: %d\n", static_cast<int>(nodeHeader->index));
+  korvex::PrintText("Node name: %s\n", NameText(name, nodeHeader->name, sizeof nodeHeader->name));
 }
 
 void QelSceneGraphModel::printNodeInfo(SSGQelNodeData* data) {
-  printf("Index to object: %d\n", static_cast<int>(data->indexToObject));
-  printf("Object Index: %d\n", static_cast<int>(data->objectIndex));
+  korvex::PrintText("Index to object: %d\n", static_cast<int>(data->indexToObject));
+  korvex::PrintText("Object Index: %d\n", static_cast<int>(data->objectIndex));
   const float* m = data->transform.f;
   for (int row = 0; row < 4; ++row)
-    printf("Transform: %f, %f, %f, %f\n", m[4 * row], m[4 * row + 1], m[4 * row + 2],
+    korvex::PrintText("Transform: %f, %f, %f, %f\n", m[4 * row], m[4 * row + 1], m[4 * row + 2],
            m[4 * row + 3]);
-  printf("Number of animation: %u\n", data->numAnimation);
-  printf("Animation Flag: %u\n", data->animationFlag);
+  korvex::PrintText("Number of animation: %u\n", data->numAnimation);
+  korvex::PrintText("Animation Flag: %u\n", data->animationFlag);
 }
 
 void QelSceneGraphModel::printMeshNodeInfo(SSGQelMeshNodeData* data) {
   printNodeInfo(data);
-  printf("Number of vertex: %u\n", data->numVertex);
-  printf("Number of face: %u\n", data->numFace);
-  printf("Number of UVW: %u\n", data->numUVW);
-  printf("Bounding Sphere: center:%f, %f, %f with radius %f\n", data->sphereCenter[0],
+  korvex::PrintText("Number of vertex: %u\n", data->numVertex);
+  korvex::PrintText("Number of face: %u\n", data->numFace);
+  korvex::PrintText("Number of UVW: %u\n", data->numUVW);
+  korvex::PrintText("Bounding Sphere: center:%f, %f, %f with radius %f\n", data->sphereCenter[0],
          data->sphereCenter[1], data->sphereCenter[2], data->sphereRadius);
-  printf("Bounding Box: center:%f, %f, %f with max %f %f %f and min %f %f %f\n", data->boxCenter[0],
+  korvex::PrintText("Bounding Box: center:%f, %f, %f with max %f %f %f and min %f %f %f\n", data->boxCenter[0],
          data->boxCenter[1], data->boxCenter[2], data->boxMax[0], data->boxMax[1], data->boxMax[2],
          data->boxMin[0], data->boxMin[1], data->boxMin[2]);
 
-  printf("Vertex data type: %d\n", static_cast<int>(data->vertex.eType));
-  printf("Vertex number of values: %d\n", static_cast<int>(data->vertex.n));
-  printf("Vertex stride: %d\n", static_cast<int>(data->vertex.nStride));
-  printf("Vertex data location offset: %u\n", data->vertexOffset);
-  printf("Vertex data length:  %d\n", static_cast<int>(data->vertexBuffer.length));
-  printf("Vertex data ptr:  %x\n", PointerSlot(data->vertexBuffer.data));
+  korvex::PrintText("Vertex data type: %d\n", static_cast<int>(data->vertex.eType));
+  korvex::PrintText("Vertex number of values: %d\n", static_cast<int>(data->vertex.n));
+  korvex::PrintText("Vertex stride: %d\n", static_cast<int>(data->vertex.nStride));
+  korvex::PrintText("Vertex data location offset: %u\n", data->vertexOffset);
+  korvex::PrintText("Vertex data length:  %d\n", static_cast<int>(data->vertexBuffer.length));
+  korvex::PrintText("Vertex data ptr:  %x\n", PointerSlot(data->vertexBuffer.data));
   PrintVectors("Vertex data: %f %f %f\n", data->vertexBuffer, data->numVertex);
 
-  printf("Normal data type: %d\n", static_cast<int>(data->normal.eType));
-  printf("Normal number of values: %d\n", static_cast<int>(data->normal.n));
-  printf("Normal stride: %d\n", static_cast<int>(data->normal.nStride));
-  printf("Normal data:  %x\n", PointerSlot(data->normal.pData));
-  printf("Normal data location offset: %u\n", data->normalOffset);
-  printf("Normal data length: %d\n", static_cast<int>(data->normalBuffer.length));
-  printf("Normal data ptr: %x\n", PointerSlot(data->normalBuffer.data));
+  korvex::PrintText("Normal data type: %d\n", static_cast<int>(data->normal.eType));
+  korvex::PrintText("Normal number of values: %d\n", static_cast<int>(data->normal.n));
+  korvex::PrintText("Normal stride: %d\n", static_cast<int>(data->normal.nStride));
+  korvex::PrintText("Normal data:  %x\n", PointerSlot(data->normal.pData));
+  korvex::PrintText("Normal data location offset: %u\n", data->normalOffset);
+  korvex::PrintText("Normal data length: %d\n", static_cast<int>(data->normalBuffer.length));
+  korvex::PrintText("Normal data ptr: %x\n", PointerSlot(data->normalBuffer.data));
   PrintVectors("Normal data: %f %f %f\n", data->normalBuffer, data->numVertex);
 
-  printf("Face data type: %d\n", static_cast<int>(data->face.eType));
-  printf("Face number of values: %d\n", static_cast<int>(data->face.n));
-  printf("Face stride: %d\n", static_cast<int>(data->face.nStride));
-  printf("Face data:  %x\n", PointerSlot(data->face.pData));
-  printf("Face data location offset: %u\n", data->faceOffset);
-  printf("Face data length: %d\n", static_cast<int>(data->faceBuffer.length));
-  printf("Face data ptr: %x\n", PointerSlot(data->faceBuffer.data));
+  korvex::PrintText("Face data type: %d\n", static_cast<int>(data->face.eType));
+  korvex::PrintText("Face number of values: %d\n", static_cast<int>(data->face.n));
+  korvex::PrintText("Face stride: %d\n", static_cast<int>(data->face.nStride));
+  korvex::PrintText("Face data:  %x\n", PointerSlot(data->face.pData));
+  korvex::PrintText("Face data location offset: %u\n", data->faceOffset);
+  korvex::PrintText("Face data length: %d\n", static_cast<int>(data->faceBuffer.length));
+  korvex::PrintText("Face data ptr: %x\n", PointerSlot(data->faceBuffer.data));
   // The descriptor's pointer decides, the buffer supplies the values: a converted plain mesh
   // (face.pData zero) prints no indices, a loaded collision/billboard/sky box record does.
   if (data->face.pData != nullptr) {
     const uint64_t n = Min(uint64_t(3) * data->numFace, ElementsFrom(data->faceBuffer, 0, 2));
     for (uint64_t i = 0; i < n; ++i)
-      printf("Face data: %d\n", static_cast<int>(U16At(data->faceBuffer.data + 2 * i)));
+      korvex::PrintText("Face data: %d\n", static_cast<int>(U16At(data->faceBuffer.data + 2 * i)));
   }
 
   const uint64_t sets = Min(data->numUVW, kMaxUVWSets);
   const uint64_t setBytes = uint64_t(data->numVertex) * 8;
   for (uint64_t i = 0; i < sets; ++i) {
-    printf("UVW Number: %d\n", static_cast<int>(i));
-    printf("UVW data type: %d\n", static_cast<int>(data->UVW[i].eType));
-    printf("UVW number of values: %d\n", static_cast<int>(data->UVW[i].n));
-    printf("UVW stride: %d\n", static_cast<int>(data->UVW[i].nStride));
-    printf("UVW data:  %x\n", PointerSlot(data->UVW[i].pData));
-    printf("UVW data location offset: %u\n", data->UVWOffset[i]);
-    printf("UVW data length: %x\n", data->UVWBuffer.length);
+    korvex::PrintText("UVW Number: %d\n", static_cast<int>(i));
+    korvex::PrintText("UVW data type: %d\n", static_cast<int>(data->UVW[i].eType));
+    korvex::PrintText("UVW number of values: %d\n", static_cast<int>(data->UVW[i].n));
+    korvex::PrintText("UVW stride: %d\n", static_cast<int>(data->UVW[i].nStride));
+    korvex::PrintText("UVW data:  %x\n", PointerSlot(data->UVW[i].pData));
+    korvex::PrintText("UVW data location offset: %u\n", data->UVWOffset[i]);
+    korvex::PrintText("UVW data length: %x\n", data->UVWBuffer.length);
     if (data->UVWBuffer.length != 0) {
       const uint64_t n = Min(data->numVertex, ElementsFrom(data->UVWBuffer, i * setBytes, 8));
       for (uint64_t k = 0; k < n; ++k) {
         const uint8_t* uv = data->UVWBuffer.data + i * setBytes + 8 * k;
-        printf("UVW data: %f %f\n", LoadF32LE(uv), LoadF32LE(uv + 4));
+        korvex::PrintText("UVW data: %f %f\n", LoadF32LE(uv), LoadF32LE(uv + 4));
       }
     }
   }
 
   for (int m = 0; m < 8; ++m) {
     const int32_t index = data->materialIndex[m];
-    printf("Material Number: %d\n", m);
-    printf("Material Index %d\n", static_cast<int>(index));
+    korvex::PrintText("Material Number: %d\n", m);
+    korvex::PrintText("Material Index %d\n", static_cast<int>(index));
     if (index >= 0 && static_cast<size_t>(index) < material.size())
       printMaterialNodeInfo(material[index]);
   }
-  printf("Default material index %d\n", static_cast<int>(data->defaultMaterialIndex));
+  korvex::PrintText("Default material index %d\n", static_cast<int>(data->defaultMaterialIndex));
 }
 
 void QelSceneGraphModel::printMaterialNodeInfo(SSGQelMaterialData* data) {
   char name[257];
-  printf("Opacity: %f\n", data->opacity);
-  printf("Ambient: %f %f %f\n", data->ambient[0], data->ambient[1], data->ambient[2]);
-  printf("Diffuse: %f %f %f\n", data->diffuse[0], data->diffuse[1], data->diffuse[2]);
-  printf("Specular:  %f %f %f\n", data->specular[0], data->specular[1], data->specular[2]);
-  printf("Shininess:  %f\n", data->shininess);
-  printf("Material Name: %s\n", NameText(name, data->materialName, sizeof data->materialName));
-  printf("Texture Name: %s\n", NameText(name, data->textureName, sizeof data->textureName));
+  korvex::PrintText("Opacity: %f\n", data->opacity);
+  korvex::PrintText("Ambient: %f %f %f\n", data->ambient[0], data->ambient[1], data->ambient[2]);
+  korvex::PrintText("Diffuse: %f %f %f\n", data->diffuse[0], data->diffuse[1], data->diffuse[2]);
+  korvex::PrintText("Specular:  %f %f %f\n", data->specular[0], data->specular[1], data->specular[2]);
+  korvex::PrintText("Shininess:  %f\n", data->shininess);
+  korvex::PrintText("Material Name: %s\n", NameText(name, data->materialName, sizeof data->materialName));
+  korvex::PrintText("Texture Name: %s\n", NameText(name, data->textureName, sizeof data->textureName));
 }
 
 void QelSceneGraphModel::printCameraNodeInfo(SSGQelCameraNodeData* data) {
   printNodeInfo(data);
-  printf("FOV: %f\n", data->FOV);
-  printf("Far plane: %f\n", data->farPlane);
-  printf("Near Plane: %f\n", data->nearPlane);
+  korvex::PrintText("FOV: %f\n", data->FOV);
+  korvex::PrintText("Far plane: %f\n", data->farPlane);
+  korvex::PrintText("Near Plane: %f\n", data->nearPlane);
 }
 
 void QelSceneGraphModel::printLightNodeInfo(SSGQelLightNodeData* data) {
@@ -278,32 +280,32 @@ void QelSceneGraphModel::printLightNodeInfo(SSGQelLightNodeData* data) {
 }
 
 void QelSceneGraphModel::printMarkerNodeInfo(SSGQelMarkerNodeData* data) {
-  puts("***Marker***");
+  korvex::PrintText("%s\n", "***Marker***");
   printNodeInfo(data);
 }
 
 void QelSceneGraphModel::printCollisionBoxNodeInfo(SSGQelCollisionBoxNodeData* data) {
-  puts("***Collision Box***");
+  korvex::PrintText("%s\n", "***Collision Box***");
   printMeshNodeInfo(data);
 }
 
 void QelSceneGraphModel::printCollisionSphereNodeInfo(SSGQelCollisionSphereNodeData* data) {
-  puts("***Collision Sphere***");
+  korvex::PrintText("%s\n", "***Collision Sphere***");
   printMeshNodeInfo(data);
 }
 
 void QelSceneGraphModel::printBillboardNodeInfo(SSGQelBillboardNodeData* data) {
-  puts("***Billboard Box***");
+  korvex::PrintText("%s\n", "***Billboard Box***");
   printMeshNodeInfo(data);
 }
 
 void QelSceneGraphModel::printSkyboxNodeInfo(SSGQelSkyBoxNodeData* data) {
-  puts("***Sky Box***");
+  korvex::PrintText("%s\n", "***Sky Box***");
   printMeshNodeInfo(data);
 }
 
 void QelSceneGraphModel::printSkeletonNodeInfo(SSGQelSkeletalMeshNodeData* data) {
-  puts("***Skeleton***");
+  korvex::PrintText("%s\n", "***Skeleton***");
   printMeshNodeInfo(data);
   PrintIntWords("Batch", data->Batch);
   PrintIntWords("BatchBoneCnt", data->BatchBoneCnt);
@@ -317,29 +319,29 @@ void QelSceneGraphModel::printSkeletonNodeInfo(SSGQelSkeletalMeshNodeData* data)
   const uint64_t spheres = Min(3, ElementsFrom(data->sSpherebuffer, 0, kSGSphereElementSize));
   for (uint64_t i = 0; i < spheres; ++i) {
     const uint8_t* s = data->sSpherebuffer.data + kSGSphereElementSize * i;
-    printf("Center %f, %f, %f\n", LoadF32LE(s + 4), LoadF32LE(s + 8), LoadF32LE(s + 12));
-    printf("Radius %f\n", LoadF32LE(s + 16));
+    korvex::PrintText("Center %f, %f, %f\n", LoadF32LE(s + 4), LoadF32LE(s + 8), LoadF32LE(s + 12));
+    korvex::PrintText("Radius %f\n", LoadF32LE(s + 16));
   }
-  putchar('\n');
+  korvex::PrintText("\n");
 
   PrintBufferHead("sAABBbuffer", data->sAABBbuffer);
   const uint64_t boxes = Min(3, ElementsFrom(data->sAABBbuffer, 0, kSGAABBElementSize));
   for (uint64_t i = 0; i < boxes; ++i) {
     const uint8_t* b = data->sAABBbuffer.data + kSGAABBElementSize * i;
-    printf("Max %f, %f, %f\n", LoadF32LE(b + 16), LoadF32LE(b + 20), LoadF32LE(b + 24));
-    printf("Min %f, %f, %f\n", LoadF32LE(b + 4), LoadF32LE(b + 8), LoadF32LE(b + 12));
+    korvex::PrintText("Max %f, %f, %f\n", LoadF32LE(b + 16), LoadF32LE(b + 20), LoadF32LE(b + 24));
+    korvex::PrintText("Min %f, %f, %f\n", LoadF32LE(b + 4), LoadF32LE(b + 8), LoadF32LE(b + 12));
   }
-  putchar('\n');
+  korvex::PrintText("\n");
 }
 
 void QelSceneGraphModel::printAnimationNodeInfo(SSGQelAnimationMeshNodeData* data) {
-  puts("***Animation***");
+  korvex::PrintText("%s\n", "***Animation***");
   printMeshNodeInfo(data);
   PrintMatrixBuffer("animMatrixbuffer", data->animMatrixbuffer, 3);
 }
 
 void QelSceneGraphModel::printAnimationCameraNodeInfo(SSGQelAnimationCameraNodeData* data) {
-  puts("***Animation Camera***");
+  korvex::PrintText("%s\n", "***Animation Camera***");
   printCameraNodeInfo(data);
   PrintMatrixBuffer("animMatrixbuffer", data->animMatrixbuffer, 30);
 }
@@ -357,7 +359,7 @@ void QelSceneGraphModel::checkMeshNode(SSGNodeHeader* nodeHeader, SSGQelMeshNode
   // members, not to the name.
   char name[257];
   if (data->numUVW >= 3) {
-    printf("Error1: Number of UVW > 2, \"%s\"\n",
+    korvex::PrintText("Error1: Number of UVW > 2, \"%s\"\n",
            NameText(name, nodeHeader->name, sizeof nodeHeader->name));
     return;
   }
@@ -370,6 +372,6 @@ void QelSceneGraphModel::checkMeshNode(SSGNodeHeader* nodeHeader, SSGQelMeshNode
   const float u0 = LoadF32LE(uv0), v0 = LoadF32LE(uv0 + 4);
   const float u1 = LoadF32LE(uv1), v1 = LoadF32LE(uv1 + 4);
   if (std::fabs(u0 - u1) < 0.001f && std::fabs(v0 - v1) < 0.001f)
-    printf("Error2: Same UVW in 2 planes \"%s\"\t\t\t: UV0:(%f, %f) UV1:(%f,%f)\n",
+    korvex::PrintText("Error2: Same UVW in 2 planes \"%s\"\t\t\t: UV0:(%f, %f) UV1:(%f,%f)\n",
            NameText(name, nodeHeader->name, sizeof nodeHeader->name), u0, v0, u1, v1);
 }

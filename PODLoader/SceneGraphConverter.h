@@ -14,13 +14,13 @@
 // SceneValidation, so these functions index the scene without checks of their own.
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <list>
 #include <map>
 #include <memory>
 #include <string>
 
+#include "Diagnostics.h"
 #include "SceneGraphRecords.h"
 
 class CPODScene;
@@ -94,17 +94,10 @@ class SceneGraphConverter {
   SSGQelAnimationMeshNodeData* createAnimationMeshNodeData(int nodeIndex);
   SSGQelAnimationCameraNodeData* createAnimationCameraNodeData(int nodeIndex);
 
-  // A zero-filled record or header the model can own. Sizes are fixed and small, so a failed
-  // allocation is plain exhaustion and ends the run.
+  // A zero-filled record or header the model can own.
   template <class T>
   static T* newRecord() {
-    T* record = static_cast<T*>(std::calloc(1, sizeof(T)));
-    if (record == nullptr) {
-      std::fflush(stdout);
-      std::fprintf(stderr, "Korvex: out of memory\n");
-      std::abort();
-    }
-    return record;
+    return korvex::AllocateZeroed<T>(1, "a scene-graph record");
   }
 
   QelSceneGraphModel* mModel;  // not owned

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "BoundingVolumes.h"
+#include "Diagnostics.h"
 #include "NodeDataBuffer.h"
 #include "PODModel.h"
 #include "QelSceneGraphModel.h"
@@ -74,17 +75,17 @@ SSGQelMeshNodeData* SceneGraphConverter::createMeshNodeData(int nodeIndex) {
   record->numUVW = mesh.nNumUVW;
   if (record->numUVW > kMaxUVW) {
     record->numUVW = kMaxUVW;  // the scene keeps its sets; only the record is cut
-    std::printf("Error1: Number of UVW > 2, \"%s\"\n", node.pszName);
+    korvex::PrintText("Error1: Number of UVW > 2, \"%s\"\n", node.pszName);
   }
 
   // A mesh without vertices gets no volumes: the fields stay zero.
   const int count = static_cast<int>(record->numVertex);
   if (!CreateBoundingSphere(&record->transform, &mesh.sVertex, count, record->sphereCenter,
                             &record->sphereRadius))
-    std::printf("Error3: cannot create bounding sphere, %s\n", node.pszName);
+    korvex::PrintText("Error3: cannot create bounding sphere, %s\n", node.pszName);
   if (!CreateBoundingAABB(&record->transform, &mesh.sVertex, count, record->boxCenter,
                           record->boxMin, record->boxMax))
-    std::printf("Error3: cannot create bounding AABB, %s\n", node.pszName);
+    korvex::PrintText("Error3: cannot create bounding AABB, %s\n", node.pszName);
 
   const bool borrow = m_borrowStreams;
   record->vertex = CopyDescriptor(mesh.sVertex);

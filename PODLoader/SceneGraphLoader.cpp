@@ -249,7 +249,6 @@ bool SceneGraphLoader::buildSceneGraph() {
   for (size_t i = 0; i < m_nodeHeaders.size(); ++i) {
     m_nodeNumber = i;
     SSGNodeHeader* h = SGNewRecord<SSGNodeHeader>();
-    if (h == nullptr) return fail("out of memory");
     createNodeHeader(&m_nodeHeaders[i], h);
     bool ok = true;
     switch (h->type) {
@@ -302,7 +301,6 @@ bool SceneGraphLoader::createRecord(SSGNodeHeader* h) {
   if (!seekFile(h->offset) || !readFile(bytes.data(), fixed))
     return failNode(h, Format("short read at offset %u", h->offset));
   Record* r = SGNewRecord<Record>();
-  if (r == nullptr) return failNode(h, "out of memory");
   {
     ByteReader in(bytes.data(), fixed);
     FieldReader fields(in);
@@ -326,8 +324,9 @@ bool SceneGraphLoader::createRecord(SSGNodeHeader* h) {
     bool* ok;
     void array(SSGNodeData& b) {
       if (!*ok || b.length == 0) return;
-      b.data = static_cast<uint8_t*>(std::malloc(b.length));
-      *ok = b.data != nullptr && loader->readFile(b.data, b.length);
+      // The lengths were bounded by the file's size above.
+      b.data = korvex::AllocateZeroed<uint8_t>(b.length, "a record's array");
+      *ok = loader->readFile(b.data, b.length);
     }
   } reader{this, &ok};
   L::arrays(*r, reader);

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "ByteIO.h"
+#include "Diagnostics.h"
 
 namespace {
 
@@ -129,7 +130,7 @@ SceneGraphWritter::~SceneGraphWritter() = default;
 
 bool SceneGraphWritter::fail(const std::string& what) {
   m_error = what;
-  std::fprintf(stderr, "Korvex: %s\n", m_error.c_str());
+  korvex::ReportProblem("Korvex: " + m_error);
   return false;
 }
 

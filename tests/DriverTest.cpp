@@ -28,8 +28,14 @@ using korvex_test::TempDir;
 
 const int kAbort = 128 + 6;  // killed by SIGABRT
 
+// The executable, for what only it does: its command line and the runs that end abnormally.
 RunResult Korvex(const std::vector<std::string>& args, const std::string& cwd = "") {
   return korvex_test::Run(KorvexExe(), args, cwd);
+}
+
+// The same conversion in this process, for every run that ends normally.
+RunResult Convert(const std::vector<std::string>& args) {
+  return korvex_test::ConvertInProcess(args);
 }
 
 // One textured triangle node: a scene every step of the pipeline accepts.
@@ -109,13 +115,13 @@ TEST(Driver, NamesDerivedFromTheInputPath) {
   // The three characters after the last "." become "qsn"; the file name's last "." and up to
   // four more characters become ".PODx".
   WriteSimple(dir.file("a.podx"));
-  RunResult r = Korvex({dir.file("a.podx")});
+  RunResult r = Convert({dir.file("a.podx")});
   EXPECT_EQ(r.exitStatus, 0);
   EXPECT_TRUE(FileExists(dir.file("a.qsnx")));
   EXPECT_TRUE(FileExists(dir.file("a.PODx")));
 
   WriteSimple(dir.file("c.podfile"));
-  r = Korvex({dir.file("c.podfile")});
+  r = Convert({dir.file("c.podfile")});
   EXPECT_EQ(r.exitStatus, 0);
   EXPECT_TRUE(FileExists(dir.file("c.qsnfile")));
   EXPECT_TRUE(FileExists(dir.file("c.PODxile")));
@@ -130,7 +136,7 @@ TEST(Driver, InputThatIsItsOwnIntermediateFileConverts) {
   ASSERT_EQ(::symlink(dir.file("linked.PODx").c_str(), dir.file("linked.pod").c_str()), 0);
   WriteSimple(dir.file("linked.PODx"));
   for (const char* name : {"same.PODx", "other.pod", "linked.pod"}) {
-    const RunResult r = Korvex({"-r0", dir.file(name)});
+    const RunResult r = Convert({"-r0", dir.file(name)});
     EXPECT_EQ(r.exitStatus, 0) << name << r.err;
   }
   const std::vector<uint8_t> expected = korvex_test::ReadFileBytes(dir.file("other.PODx"));
@@ -151,7 +157,7 @@ TEST(Driver, UnwritableIntermediateIsReportedWithStatusZero) {
   TempDir dir;
   const std::string input = WriteSimple(dir.file("car.pod"));
   ASSERT_EQ(::mkdir(dir.file("car.PODx").c_str(), 0755), 0);  // cannot be opened as a file
-  const RunResult r = Korvex({input});
+  const RunResult r = Convert({input});
   EXPECT_EQ(r.out, "Converting " + input + "\nRenaming texture...Invalid input file or save file\n");
   EXPECT_EQ(r.exitStatus, 0);
   EXPECT_FALSE(FileExists(dir.file("car.qsn")));
@@ -255,7 +261,7 @@ TEST(Driver, ScenesThatCannotBeConvertedAreRefusedBeforeAnythingIsWritten) {
     SCOPED_TRACE(c.name);
     TempDir dir;
     const std::string input = SaveAs(dir, c.name, c.build);
-    const RunResult r = Korvex({"-r0", input});
+    const RunResult r = Convert({"-r0", input});
     EXPECT_EQ(r.out.find("Invalid"), std::string::npos) << r.out;
     EXPECT_EQ(LastLine(r.err), "Korvex: " + input + ": " + c.problem);
     EXPECT_EQ(r.exitStatus, 1);
@@ -273,7 +279,7 @@ void ParentBelowMinusOne(PODSceneBuilder& b) {
 TEST(Driver, AParentIndexBelowMinusOneIsNoParent) {
   TempDir dir;
   const std::string input = SaveAs(dir, "parent", ParentBelowMinusOne);
-  const RunResult r = Korvex({input});
+  const RunResult r = Convert({input});
   EXPECT_EQ(r.exitStatus, 0) << r.err;
   EXPECT_TRUE(FileExists(dir.file("parent.qsn")));
 }
@@ -299,7 +305,7 @@ TEST(Driver, MoreMeshNodesThanNodesEndOnTheHeaderCountOrAreRefusedForWelding) {
   EXPECT_FALSE(FileExists(dir.file("count.qsn")));
 
   ASSERT_EQ(std::remove(dir.file("count.PODx").c_str()), 0);  // written before the assertion
-  r = Korvex({"-r0", input});
+  r = Convert({"-r0", input});
   EXPECT_EQ(r.exitStatus, 1);
   EXPECT_EQ(LastLine(r.err),
             "Korvex: " + input + ": 2 mesh nodes declared, but the scene holds 1 nodes");
@@ -327,7 +333,7 @@ TEST(Driver, StreamsShortOfTheVertexCountConvertOnlyWhenWelded) {
   at[8] = 5;
   ASSERT_TRUE(korvex_test::WriteFileBytes(input, bytes));
 
-  RunResult r = Korvex({input});
+  RunResult r = Convert({input});
   EXPECT_EQ(r.exitStatus, 1);
   EXPECT_EQ(LastLine(r.err),
             "Korvex: " + input + ": mesh 0: sVertex is shorter than its 5 elements");
@@ -335,7 +341,7 @@ TEST(Driver, StreamsShortOfTheVertexCountConvertOnlyWhenWelded) {
 
   for (const char* flag : {"-r0", "-r1"}) {
     SCOPED_TRACE(flag);
-    r = Korvex({flag, input});
+    r = Convert({flag, input});
     EXPECT_EQ(r.exitStatus, 0) << r.err;
     EXPECT_NE(r.out.find("Total vertex before reduction: 5\nTotal vertex after reduction: 3\n"),
               std::string::npos)

@@ -52,7 +52,7 @@ TEST(VertexReductionDriver, ExactWeldingReachesTheIntermediateFile) {
   const std::string input = dir.file("faces.pod");
   ASSERT_TRUE(scene.SavePOD(input.c_str(), "options"));
 
-  const RunResult r = korvex_test::Run(korvex_test::KorvexExe(), {"-r0", input});
+  const RunResult r = korvex_test::ConvertInProcess({"-r0", input});
   ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
   // With a material the shared edge keeps both copies (coordinates differ): 8 stay. Without,
   // only the 6 positions stay.
@@ -98,7 +98,7 @@ TEST(VertexReductionDriver, NearWeldingAndTheThirdTextureSet) {
 
   for (const char* flag : {"-r1", "-r0"}) {
     const bool nearly = std::string(flag) == "-r1";
-    const RunResult r = korvex_test::Run(korvex_test::KorvexExe(), {flag, input});
+    const RunResult r = korvex_test::ConvertInProcess({flag, input});
     ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
     const std::string lines = ReductionLines(nearly ? "NEARLY same" : "SAME", 5, nearly ? 4 : 5);
     const size_t cut = lines.find("UV...") + 5;  // the header line is left open

@@ -3,6 +3,7 @@
 
 #include "PODModel.h"
 
+#include "Diagnostics.h"
 #include "PODMeshWeld.h"
 #include "PODSource.h"
 #include "PODRecordLayout.h"
@@ -119,27 +120,17 @@ struct BorrowedStreams : korvex::PODFieldVisitor {
 
 }  // namespace
 
-bool PODModelOwnBorrowedArrays(CPODScene& scene) {
+void PODModelOwnBorrowedArrays(CPODScene& scene) {
   BorrowedStreams streams;
   korvex::DescribePOD(static_cast<SPODScene&>(scene), streams);
-  const std::vector<CPODData*>& borrowed = streams.found;
-  // Every copy is made before any stream changes, so running out of memory changes nothing.
-  std::vector<uint8_t*> copies;
-  for (const CPODData* d : borrowed) {
-    uint8_t* copy = static_cast<uint8_t*>(std::malloc(d->nDataSize > 0 ? d->nDataSize : 1));
-    if (copy == nullptr) {
-      for (uint8_t* c : copies) std::free(c);
-      return false;
-    }
+  for (CPODData* d : streams.found) {
+    uint8_t* copy = korvex::AllocateZeroed<uint8_t>(d->nDataSize > 0 ? d->nDataSize : 1,
+                                                    "a copy of a stream");
     std::memcpy(copy, d->pData, d->nDataSize);
-    copies.push_back(copy);
-  }
-  for (size_t i = 0; i < borrowed.size(); ++i) {
-    borrowed[i]->pData = copies[i];
-    borrowed[i]->bBorrowed = false;
+    d->pData = copy;
+    d->bBorrowed = false;
   }
   scene.m_pSourceFile.reset();
-  return true;
 }
 
 CPODScene::CPODScene() : SPODScene(), m_pImpl(nullptr), m_bOwnsArrays(false) {}

@@ -271,9 +271,8 @@ void PODModelRelease(SPODNode& node);
 void PODModelRelease(SPODTexture& texture);
 
 // Copies every stream array the scene borrows from its source file into an array of its own and
-// lets the file go, for a scene whose file is about to be overwritten. False, with the scene as it
-// was, when memory runs out.
-bool PODModelOwnBorrowedArrays(CPODScene& scene);
+// lets the file go, for a scene whose file is about to be overwritten.
+void PODModelOwnBorrowedArrays(CPODScene& scene);
 
 // Fixed point <-> float of every real value of the scene (vertex data excepted); flips bit 0.
 void PODModelToggleFixedPoint(SPODScene& scene);

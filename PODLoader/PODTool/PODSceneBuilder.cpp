@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "Assertion.h"
+#include "Diagnostics.h"
 
 namespace korvex {
 
@@ -17,8 +18,7 @@ const char* const kSource = "PODLoader/PODTool/PODSceneBuilder";
 // malloc'd copy of `bytes` bytes; null for an empty copy.
 void* CopyBytes(const void* data, size_t bytes) {
   if (bytes == 0 || data == nullptr) return nullptr;
-  void* p = std::malloc(bytes);
-  KX_ASSERT(p != nullptr, kSource);
+  void* p = korvex::AllocateZeroed(bytes, 1, "a copy for the scene builder");
   std::memcpy(p, data, bytes);
   return p;
 }
@@ -36,8 +36,7 @@ float* CopyFloats(const std::vector<float>& values) {
 template <typename T>
 T* MoveRecords(std::vector<T>& records) {
   if (records.empty()) return nullptr;
-  T* p = static_cast<T*>(std::calloc(records.size(), sizeof(T)));
-  KX_ASSERT(p != nullptr, kSource);
+  T* p = korvex::AllocateZeroed<T>(records.size(), "the scene builder's records");
   std::memcpy(static_cast<void*>(p), records.data(), records.size() * sizeof(T));
   records.clear();
   return p;
@@ -163,7 +162,7 @@ int PODSceneBuilder::AddUVW(int mesh, EPODDataType type, uint32_t n, const void*
   KX_ASSERT(m.pInterleaved == nullptr, kSource);
   const size_t count = m.nUVWCount + 1;
   CPODData* grown = static_cast<CPODData*>(std::realloc(m.psUVW, count * sizeof(CPODData)));
-  KX_ASSERT(grown != nullptr, kSource);
+  if (grown == nullptr) korvex::OutOfMemory("texture-coordinate streams");
   m.psUVW = grown;
   m.psUVW[count - 1] = CPODData{};
   FillStream(m.psUVW[count - 1], type, n, data, bytes);
@@ -238,8 +237,7 @@ void PODSceneBuilder::Interleave(int mesh) {
   for (const CPODData* s : streams) stride += s->nStride;
   const size_t bytes = stride * m.nNumVertex;
   if (bytes == 0) return;  // nothing to interleave: the mesh stays separate
-  uint8_t* block = static_cast<uint8_t*>(std::calloc(bytes, 1));
-  KX_ASSERT(block != nullptr, kSource);
+  uint8_t* block = korvex::AllocateZeroed<uint8_t>(bytes, "an interleaved stream");
   size_t offset = 0;
   for (CPODData* s : streams) {
     // A stream shorter than its vertices leaves zeros behind it.

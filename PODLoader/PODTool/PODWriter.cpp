@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -328,10 +327,10 @@ bool CPODScene::SavePOD(const char* pszFilename, const char* pszExpOpt) {
   // Blocks are small and many: a buffer gathers them into few writes, while stream arrays larger
   // than it go to the file directly rather than through it. Declared first: it outlives the file.
   static const size_t kBuffer = 1 << 16;
-  std::unique_ptr<char[]> buffer(new (std::nothrow) char[kBuffer]);
+  std::unique_ptr<char[]> buffer(new char[kBuffer]);
   korvex::FileHandle file(pszFilename, "wb+");
   if (!file) return false;
-  if (buffer) setvbuf(file.get(), buffer.get(), _IOFBF, kBuffer);
+  setvbuf(file.get(), buffer.get(), _IOFBF, kBuffer);
   bool ok = WritePOD(file.get(), pszExpOpt, *this);
   // A close that cannot flush the last bytes is a short write too.
   return file.Close() && ok;

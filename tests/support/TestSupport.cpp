@@ -13,6 +13,9 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "Conversion.h"
+#include "Diagnostics.h"
+
 namespace korvex_test {
 
 TempDir::TempDir() {
@@ -87,5 +90,30 @@ RunResult Run(const std::string& program, const std::vector<std::string>& args,
 std::string KorvexExe() { return KORVEX_EXE; }
 std::string BinDir() { return KORVEX_BIN_DIR; }
 std::string SourceDir() { return KORVEX_SOURCE_DIR; }
+
+namespace {
+
+class CapturingSink final : public korvex::DiagnosticSink {
+ public:
+  explicit CapturingSink(RunResult& result) : m_result(result) {}
+  void Text(const char* bytes, size_t size) override { m_result.out.append(bytes, size); }
+  void Problem(const char* line, size_t size) override {
+    m_result.err.append(line, size);
+    m_result.err.push_back('\n');
+  }
+
+ private:
+  RunResult& m_result;
+};
+
+}  // namespace
+
+RunResult ConvertInProcess(const std::vector<std::string>& args) {
+  RunResult result;
+  CapturingSink sink(result);
+  korvex::ScopedDiagnosticSink use(&sink);
+  result.exitStatus = korvex::RunConversion(korvex::RequestFromArguments(args)).status;
+  return result;
+}
 
 }  // namespace korvex_test

@@ -1,6 +1,6 @@
 #pragma once
-// Helpers shared by the test suites: temporary directories, file bytes, and running the real
-// executables with captured output.
+// Helpers shared by the test suites: temporary directories, file bytes, running the real
+// executables with captured output, and running the conversion in process.
 
 #include <cstdint>
 #include <string>
@@ -35,6 +35,11 @@ struct RunResult {
 // Runs `program` with `args` in directory `cwd` (empty: the current one), capturing both streams.
 RunResult Run(const std::string& program, const std::vector<std::string>& args,
               const std::string& cwd = "");
+
+// Runs the conversion in this process with the tool's arguments `args` (flag position first,
+// input last), its texts and problem lines captured as the tool's standard output and error.
+// Only for runs that end normally: an assertion ends this process too.
+RunResult ConvertInProcess(const std::vector<std::string>& args);
 
 // Paths of the built executables (set by the build).
 std::string KorvexExe();

@@ -1,7 +1,8 @@
 #pragma once
 // A file written so that its path never holds a partial file: the bytes go to a temporary file
 // beside the target, which replaces the target in one rename on Commit. Destroyed uncommitted,
-// the temporary file is removed and the target stays as it was.
+// the temporary file is removed and the target stays as it was; so it is when the run ends on
+// exhausted memory (Diagnostics.h), which removes every temporary file still open.
 
 #include <cstdio>
 #include <string>
@@ -28,6 +29,14 @@ class AtomicFile {
  private:
   bool Fail(const std::string& what, int error);
   void Discard();
+  void Track();
+  void Untrack();
+  static void RemoveTemporaryFiles();
+
+  // Open files form a list the exit clean-up walks without allocating.
+  AtomicFile* m_previousOpen = nullptr;
+  AtomicFile* m_nextOpen = nullptr;
+  bool m_tracked = false;
 
   std::string m_path;
   std::string m_tempPath;

@@ -1,5 +1,7 @@
 #include "AtomicFile.h"
 
+#include "Diagnostics.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +11,33 @@
 #include <utility>
 
 namespace korvex {
+
+namespace {
+AtomicFile* g_firstOpen = nullptr;
+}  // namespace
+
+void AtomicFile::Track() {
+  if (m_tracked) return;
+  m_nextOpen = g_firstOpen;
+  if (g_firstOpen != nullptr) g_firstOpen->m_previousOpen = this;
+  g_firstOpen = this;
+  m_tracked = true;
+  SetExitCleanup(&AtomicFile::RemoveTemporaryFiles);
+}
+
+void AtomicFile::Untrack() {
+  if (!m_tracked) return;
+  if (m_previousOpen != nullptr) m_previousOpen->m_nextOpen = m_nextOpen;
+  else g_firstOpen = m_nextOpen;
+  if (m_nextOpen != nullptr) m_nextOpen->m_previousOpen = m_previousOpen;
+  m_previousOpen = m_nextOpen = nullptr;
+  m_tracked = false;
+}
+
+void AtomicFile::RemoveTemporaryFiles() {
+  for (AtomicFile* f = g_firstOpen; f != nullptr; f = f->m_nextOpen)
+    if (!f->m_tempPath.empty()) unlink(f->m_tempPath.c_str());
+}
 
 AtomicFile::AtomicFile(std::string path) : m_path(std::move(path)) {}
 
@@ -24,6 +53,7 @@ void AtomicFile::Discard() {
   m_file = nullptr;
   if (!m_tempPath.empty()) unlink(m_tempPath.c_str());
   m_tempPath.clear();
+  Untrack();
 }
 
 bool AtomicFile::Open() {
@@ -33,6 +63,7 @@ bool AtomicFile::Open() {
   const int fd = mkstemp(name.data());
   if (fd < 0) return Fail("cannot create a temporary file beside it", errno);
   m_tempPath = name;
+  Track();
   // mkstemp makes the file private; give it the mode a plainly created file would have.
   const mode_t mask = umask(0);
   umask(mask);
@@ -64,6 +95,7 @@ bool AtomicFile::Commit(bool writeFailed, int writeErrno) {
     return Fail("cannot replace it", error);
   }
   m_tempPath.clear();
+  Untrack();
   return true;
 }
 

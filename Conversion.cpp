@@ -1,19 +1,19 @@
-#include "Conversion.h"
+#include "pipeline/Conversion.h"
 
 #include <cstdlib>
 #include <memory>
 #include <string>
 
-#include "Diagnostics.h"
-#include "PODModel.h"
-#include "PODReadReport.h"
-#include "QelSceneGraphModel.h"
-#include "SameFile.h"
-#include "SceneGraphConverter.h"
-#include "SceneGraphWritter.h"
-#include "SceneValidation.h"
-#include "TextureRenaming.h"
-#include "VertexReduction.h"
+#include "pod/Diagnostics.h"
+#include "pod/PODModel.h"
+#include "pod/PODReadReport.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "pod/SameFile.h"
+#include "convert/SceneGraphConverter.h"
+#include "qsn/SceneGraphWritter.h"
+#include "convert/SceneValidation.h"
+#include "edit/TextureRenaming.h"
+#include "edit/VertexReduction.h"
 
 namespace korvex {
 

@@ -1,11 +1,11 @@
-#include "TextureRenaming.h"
+#include "edit/TextureRenaming.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "Diagnostics.h"
-#include "PODModel.h"
+#include "pod/Diagnostics.h"
+#include "pod/PODModel.h"
 
 void renameMeshTextureName(CPODScene* scene) {
   korvex::PrintText("Renaming texture...");

@@ -1,4 +1,4 @@
-#include "VertexReduction.h"
+#include "edit/VertexReduction.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,10 +9,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Assertion.h"
-#include "Diagnostics.h"
-#include "IndexRange.h"
-#include "PODMeshWeld.h"
+#include "pod/Assertion.h"
+#include "pod/Diagnostics.h"
+#include "pod/IndexRange.h"
+#include "pod/PODMeshWeld.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 
 #include <cstdint>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 // Reduces the mesh of every mesh node (printing the header line, then the totals). `nearly`
 // lets texture coordinates differ by up to 0.001. A mesh left as it is gets a note on standard

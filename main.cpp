@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "Conversion.h"
-#include "Diagnostics.h"
+#include "pipeline/Conversion.h"
+#include "pod/Diagnostics.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
-#include "AnimationNodeConverter.h"
+#include "convert/AnimationNodeConverter.h"
 
-#include "ChannelKeys.h"
-#include "NodeDataBuffer.h"
+#include "pod/ChannelKeys.h"
+#include "qsn/NodeDataBuffer.h"
 
 void AnimationNodeConverter::init() {
   m_currentFrame = 0;

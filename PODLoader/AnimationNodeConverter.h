@@ -5,9 +5,9 @@
 
 #include <cstdint>
 
-#include "ConverterFrameState.h"
-#include "PODModel.h"
-#include "SceneGraphRecords.h"
+#include "convert/ConverterFrameState.h"
+#include "pod/PODModel.h"
+#include "qsn/SceneGraphRecords.h"
 
 class AnimationNodeConverter : public ConverterFrameState {
  public:

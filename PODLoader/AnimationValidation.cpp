@@ -1,11 +1,11 @@
-#include "AnimationValidation.h"
+#include "convert/AnimationValidation.h"
 
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
-#include "ChannelKeys.h"
+#include "pod/ChannelKeys.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 // Empty when the skeletal or animated conversion of mesh or camera node `nodeIndex` of a scene
 // with frames can run safely; otherwise the problem in a few words. Nodes that are not baked

@@ -1,9 +1,9 @@
-#include "BoundingVolumes.h"
+#include "convert/BoundingVolumes.h"
 
 #include <cmath>
 #include <cstring>
 
-#include "Assertion.h"
+#include "pod/Assertion.h"
 
 namespace {
 

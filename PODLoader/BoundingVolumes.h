@@ -6,7 +6,7 @@
 // Positions must be 3 floats at a stride of 12 bytes; anything else is a broken invariant and
 // ends the run by assertion. `vertex->pData` must hold `count` positions (the caller checks).
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 // center: 3 floats, radius: 1 float. False (nothing written) when count is not positive.
 bool CreateBoundingSphere(PODMATRIXf* matrix, CPODData* vertex, int count, float* center,

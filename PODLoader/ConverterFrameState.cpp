@@ -1,8 +1,8 @@
-#include "ConverterFrameState.h"
+#include "convert/ConverterFrameState.h"
 
 #include <cstring>
 
-#include "ChannelKeys.h"
+#include "pod/ChannelKeys.h"
 
 ConverterFrameState::ConverterFrameState() {
   std::memset(&m_impl, 0, sizeof m_impl);

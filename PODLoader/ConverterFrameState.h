@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 class ConverterFrameState {
  public:

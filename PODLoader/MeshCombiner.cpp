@@ -1,10 +1,10 @@
-#include "MeshCombiner.h"
+#include "convert/MeshCombiner.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
-#include "Assertion.h"
+#include "pod/Assertion.h"
 
 namespace {
 

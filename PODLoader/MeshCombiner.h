@@ -8,7 +8,7 @@
 
 #include <vector>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 class MeshCombiner {
  public:

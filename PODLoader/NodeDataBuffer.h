@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ByteIO.h"
-#include "Diagnostics.h"
-#include "PODMatrix.h"
-#include "SceneGraphRecords.h"
+#include "pod/ByteIO.h"
+#include "pod/Diagnostics.h"
+#include "pod/PODMatrix.h"
+#include "qsn/SceneGraphRecords.h"
 
 namespace korvex {
 

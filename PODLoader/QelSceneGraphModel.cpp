@@ -1,4 +1,4 @@
-#include "QelSceneGraphModel.h"
+#include "qsn/QelSceneGraphModel.h"
 
 #include <sys/stat.h>
 
@@ -6,7 +6,7 @@
 #include <cstring>
 #include <type_traits>
 
-#include "Assertion.h"
+#include "pod/Assertion.h"
 
 namespace {
 

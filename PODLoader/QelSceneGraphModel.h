@@ -18,10 +18,10 @@
 #include <string>
 #include <vector>
 
-#include "Diagnostics.h"
-#include "FileHandle.h"
-#include "SceneGraphLayout.h"
-#include "SceneGraphRecords.h"
+#include "pod/Diagnostics.h"
+#include "pod/FileHandle.h"
+#include "qsn/SceneGraphLayout.h"
+#include "qsn/SceneGraphRecords.h"
 
 // A zero-filled record, header or array the model can own (released with free). Sizes are fixed
 // and small: a failed allocation is plain exhaustion and ends the run.

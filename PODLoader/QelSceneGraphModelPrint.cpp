@@ -14,9 +14,9 @@
 #include <cstring>
 #include <string>
 
-#include "Diagnostics.h"
-#include "NodeDataBuffer.h"
-#include "QelSceneGraphModel.h"
+#include "pod/Diagnostics.h"
+#include "qsn/NodeDataBuffer.h"
+#include "qsn/QelSceneGraphModel.h"
 
 namespace {
 

@@ -1,15 +1,15 @@
 // The converter object, the node walk, classification by name keyword, light-map linking, the
 // file header and the node headers.
 
-#include "SceneGraphConverter.h"
+#include "convert/SceneGraphConverter.h"
 
 #include <cstring>
 
-#include "AnimationNodeConverter.h"
-#include "Assertion.h"
-#include "PODModel.h"
-#include "QelSceneGraphModel.h"
-#include "SkeletonNodeConverter.h"
+#include "convert/AnimationNodeConverter.h"
+#include "pod/Assertion.h"
+#include "pod/PODModel.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "convert/SkeletonNodeConverter.h"
 
 namespace {
 

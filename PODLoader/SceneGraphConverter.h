@@ -20,8 +20,8 @@
 #include <memory>
 #include <string>
 
-#include "Diagnostics.h"
-#include "SceneGraphRecords.h"
+#include "pod/Diagnostics.h"
+#include "qsn/SceneGraphRecords.h"
 
 class CPODScene;
 class QelSceneGraphModel;

@@ -4,11 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "AnimationNodeConverter.h"
-#include "BoundingVolumes.h"
-#include "PODModel.h"
-#include "SceneGraphConverter.h"
-#include "SkeletonNodeConverter.h"
+#include "convert/AnimationNodeConverter.h"
+#include "convert/BoundingVolumes.h"
+#include "pod/PODModel.h"
+#include "convert/SceneGraphConverter.h"
+#include "convert/SkeletonNodeConverter.h"
 
 namespace {
 

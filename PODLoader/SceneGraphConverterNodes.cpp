@@ -4,12 +4,12 @@
 #include <cstdio>
 #include <cstring>
 
-#include "BoundingVolumes.h"
-#include "Diagnostics.h"
-#include "NodeDataBuffer.h"
-#include "PODModel.h"
-#include "QelSceneGraphModel.h"
-#include "SceneGraphConverter.h"
+#include "convert/BoundingVolumes.h"
+#include "pod/Diagnostics.h"
+#include "qsn/NodeDataBuffer.h"
+#include "pod/PODModel.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "convert/SceneGraphConverter.h"
 
 namespace {
 

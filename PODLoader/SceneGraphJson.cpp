@@ -1,4 +1,4 @@
-#include "SceneGraphJson.h"
+#include "qsn/SceneGraphJson.h"
 
 #include <cmath>
 #include <cstdint>
@@ -7,8 +7,8 @@
 #include <cstring>
 #include <type_traits>
 
-#include "QelSceneGraphModel.h"
-#include "SceneGraphLayout.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphLayout.h"
 
 namespace korvex {
 

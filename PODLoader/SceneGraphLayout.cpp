@@ -1,4 +1,4 @@
-#include "SceneGraphLayout.h"
+#include "qsn/SceneGraphLayout.h"
 
 namespace korvex {
 

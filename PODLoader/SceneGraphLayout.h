@@ -17,7 +17,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "SceneGraphRecords.h"
+#include "qsn/SceneGraphRecords.h"
 
 // A byte buffer of the writer and the loader: one file header, node header or data block.
 using SGData = std::vector<uint8_t>;

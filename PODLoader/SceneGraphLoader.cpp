@@ -1,4 +1,4 @@
-#include "SceneGraphLoader.h"
+#include "qsn/SceneGraphLoader.h"
 
 #include <sys/stat.h>
 
@@ -9,7 +9,7 @@
 #include <cstring>
 #include <type_traits>
 
-#include "ByteIO.h"
+#include "pod/ByteIO.h"
 
 namespace {
 

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "FileHandle.h"
-#include "QelSceneGraphModel.h"
-#include "SceneGraphLayout.h"
+#include "pod/FileHandle.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphLayout.h"
 
 class SceneGraphLoader {
  public:

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 enum ESGName : uint32_t {
   ESGFileHeader = 1000,

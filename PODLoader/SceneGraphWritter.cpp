@@ -1,11 +1,11 @@
-#include "SceneGraphWritter.h"
+#include "qsn/SceneGraphWritter.h"
 
 #include <cerrno>
 #include <cstring>
 #include <limits>
 
-#include "ByteIO.h"
-#include "Diagnostics.h"
+#include "pod/ByteIO.h"
+#include "pod/Diagnostics.h"
 
 namespace {
 

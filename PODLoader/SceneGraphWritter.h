@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "AtomicFile.h"
-#include "QelSceneGraphModel.h"
-#include "SceneGraphLayout.h"
+#include "pod/AtomicFile.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphLayout.h"
 
 class SceneGraphWritter {
  public:

@@ -1,14 +1,14 @@
-#include "SceneValidation.h"
+#include "convert/SceneValidation.h"
 
 #include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "AnimationValidation.h"
-#include "PODMeshWeld.h"
-#include "PODModel.h"
-#include "PODWriter.h"
+#include "convert/AnimationValidation.h"
+#include "pod/PODMeshWeld.h"
+#include "pod/PODModel.h"
+#include "pod/PODWriter.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "SkeletonNodeConverter.h"
+#include "convert/SkeletonNodeConverter.h"
 
 #include <cstring>
 
-#include "Assertion.h"
-#include "ChannelKeys.h"
-#include "NodeDataBuffer.h"
+#include "pod/Assertion.h"
+#include "pod/ChannelKeys.h"
+#include "qsn/NodeDataBuffer.h"
 
 using korvex::AllocateNodeData;
 using korvex::LoadMatrixLE;

@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "ConverterFrameState.h"
-#include "PODModel.h"
-#include "SceneGraphRecords.h"
+#include "convert/ConverterFrameState.h"
+#include "pod/PODModel.h"
+#include "qsn/SceneGraphRecords.h"
 
 class SkeletonNodeConverter : public ConverterFrameState {
  public:

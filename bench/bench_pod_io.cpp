@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
 
 using korvex::PODSceneBuilder;
 using korvex::PODStream;

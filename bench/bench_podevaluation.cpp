@@ -3,8 +3,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
 
 namespace {
 

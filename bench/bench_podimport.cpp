@@ -16,9 +16,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "ImportOptions.h"
-#include "ImportSummary.h"
-#include "ModelFileImport.h"
+#include "import/ImportOptions.h"
+#include "import/ImportSummary.h"
+#include "import/ModelFileImport.h"
 
 namespace {
 

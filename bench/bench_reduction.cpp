@@ -13,8 +13,8 @@
 #include <cstring>
 #include <vector>
 
-#include "ReferenceReduction.h"
-#include "VertexReduction.h"
+#include "support/ReferenceReduction.h"
+#include "edit/VertexReduction.h"
 
 namespace {
 

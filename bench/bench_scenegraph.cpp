@@ -10,9 +10,9 @@
 #include <cstring>
 #include <string>
 
-#include "QelSceneGraphModel.h"
-#include "SceneGraphLoader.h"
-#include "SceneGraphWritter.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphLoader.h"
+#include "qsn/SceneGraphWritter.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "PODSceneBuilder.h"
-#include "SkeletonNodeConverter.h"
+#include "pod/PODSceneBuilder.h"
+#include "convert/SkeletonNodeConverter.h"
 
 namespace {
 

@@ -18,11 +18,11 @@
 #include <string>
 #include <vector>
 
-#include "Conversion.h"
-#include "PODModel.h"
-#include "QelSceneGraphModel.h"
-#include "SceneGraphConverter.h"
-#include "SceneGraphLoader.h"
+#include "pipeline/Conversion.h"
+#include "pod/PODModel.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "convert/SceneGraphConverter.h"
+#include "qsn/SceneGraphLoader.h"
 
 namespace {
 

@@ -14,10 +14,10 @@
 #include <cstring>
 #include <vector>
 
-#include "PODModel.h"
-#include "PODReadReport.h"
-#include "PODReader.h"
-#include "tests/PODTestFiles.h"
+#include "pod/PODModel.h"
+#include "pod/PODReadReport.h"
+#include "pod/PODReader.h"
+#include "support/PODTestFiles.h"
 
 namespace {
 

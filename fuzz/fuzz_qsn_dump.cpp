@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "QelSceneGraphModel.h"
-#include "SceneGraphJson.h"
-#include "SceneGraphLoader.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphJson.h"
+#include "qsn/SceneGraphLoader.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();

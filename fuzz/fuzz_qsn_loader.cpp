@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "QelSceneGraphModel.h"
-#include "SceneGraphLoader.h"
-#include "SceneGraphWritter.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphLoader.h"
+#include "qsn/SceneGraphWritter.h"
 
 namespace {
 

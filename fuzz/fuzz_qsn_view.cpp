@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "QelSceneGraphModel.h"
-#include "SceneGraphLoader.h"
-#include "ViewScene.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphLoader.h"
+#include "view/ViewScene.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "../bench/ReferenceReduction.h"
-#include "PODMeshWeld.h"
-#include "VertexReduction.h"
+#include "support/ReferenceReduction.h"
+#include "pod/PODMeshWeld.h"
+#include "edit/VertexReduction.h"
 
 namespace {
 

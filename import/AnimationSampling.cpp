@@ -1,4 +1,4 @@
-#include "AnimationSampling.h"
+#include "import/AnimationSampling.h"
 
 #include <algorithm>
 #include <cmath>

@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "PODConventions.h"
+#include "import/PODConventions.h"
 
 namespace korvex_import {
 

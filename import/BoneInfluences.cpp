@@ -1,4 +1,4 @@
-#include "BoneInfluences.h"
+#include "import/BoneInfluences.h"
 
 #include <algorithm>
 #include <cmath>

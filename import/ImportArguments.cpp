@@ -1,4 +1,4 @@
-#include "ImportArguments.h"
+#include "import/ImportArguments.h"
 
 #include <cerrno>
 #include <cmath>

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "ImportOptions.h"
+#include "import/ImportOptions.h"
 
 namespace korvex_import {
 

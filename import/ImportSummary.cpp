@@ -1,4 +1,4 @@
-#include "ImportSummary.h"
+#include "import/ImportSummary.h"
 
 #include <cstdio>
 

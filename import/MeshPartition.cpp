@@ -1,4 +1,4 @@
-#include "MeshPartition.h"
+#include "import/MeshPartition.h"
 
 #include <algorithm>
 

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "BoneInfluences.h"
+#include "import/BoneInfluences.h"
 
 namespace korvex_import {
 

@@ -1,4 +1,4 @@
-#include "ModelFileImport.h"
+#include "import/ModelFileImport.h"
 
 #include <assimp/config.h>
 #include <assimp/postprocess.h>
@@ -11,10 +11,10 @@
 #include <exception>
 #include <new>
 
-#include "PODFileOutput.h"
-#include "PODSceneImporter.h"
-#include "SameFile.h"
-#include "SceneValidation.h"
+#include "import/PODFileOutput.h"
+#include "import/PODSceneImporter.h"
+#include "pod/SameFile.h"
+#include "convert/SceneValidation.h"
 
 namespace korvex_import {
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "ImportOptions.h"
-#include "ImportSummary.h"
+#include "import/ImportOptions.h"
+#include "import/ImportSummary.h"
 
 namespace korvex_import {
 

@@ -1,4 +1,4 @@
-#include "PODConventions.h"
+#include "import/PODConventions.h"
 
 #include <algorithm>
 #include <cmath>

@@ -10,7 +10,7 @@
 
 #include <assimp/types.h>
 
-#include "PODMatrix.h"
+#include "pod/PODMatrix.h"
 
 namespace korvex_import {
 

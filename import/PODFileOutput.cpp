@@ -1,7 +1,7 @@
-#include "PODFileOutput.h"
+#include "import/PODFileOutput.h"
 
-#include "AtomicFile.h"
-#include "PODWriter.h"
+#include "pod/AtomicFile.h"
+#include "pod/PODWriter.h"
 
 namespace korvex_import {
 

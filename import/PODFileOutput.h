@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 namespace korvex_import {
 

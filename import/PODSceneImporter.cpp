@@ -1,11 +1,11 @@
-#include "PODSceneImporter.h"
+#include "import/PODSceneImporter.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <unordered_map>
 
-#include "AnimationSampling.h"
+#include "import/AnimationSampling.h"
 
 namespace korvex_import {
 

@@ -33,13 +33,13 @@
 #include <string>
 #include <vector>
 
-#include "ImportOptions.h"
-#include "ImportSummary.h"
-#include "MeshPartition.h"
-#include "PODConventions.h"
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
-#include "SourceHierarchy.h"
+#include "import/ImportOptions.h"
+#include "import/ImportSummary.h"
+#include "import/MeshPartition.h"
+#include "import/PODConventions.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
+#include "import/SourceHierarchy.h"
 
 namespace korvex_import {
 

@@ -1,4 +1,4 @@
-#include "SourceHierarchy.h"
+#include "import/SourceHierarchy.h"
 
 #include <unordered_set>
 #include <utility>

@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "PODConventions.h"
+#include "import/PODConventions.h"
 
 namespace korvex_import {
 

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <vector>
 
-#include "AnimationNodeConverter.h"
-#include "PODSceneBuilder.h"
+#include "convert/AnimationNodeConverter.h"
+#include "pod/PODSceneBuilder.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <functional>
 #include <string>
 
-#include "AnimationValidation.h"
-#include "PODSceneBuilder.h"
+#include "convert/AnimationValidation.h"
+#include "pod/PODSceneBuilder.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "Assertion.h"
+#include "pod/Assertion.h"
 
 namespace {
 

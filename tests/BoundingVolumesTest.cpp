@@ -8,7 +8,7 @@
 #include <limits>
 #include <vector>
 
-#include "BoundingVolumes.h"
+#include "convert/BoundingVolumes.h"
 
 namespace {
 

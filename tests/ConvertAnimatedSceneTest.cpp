@@ -10,13 +10,13 @@
 #include <cstring>
 #include <vector>
 
-#include "PODSceneBuilder.h"
-#include "QelSceneGraphModel.h"
-#include "RotationReference.h"
-#include "SceneGraphConverter.h"
-#include "SceneGraphWritter.h"
-#include "SceneValidation.h"
-#include "TestSupport.h"
+#include "pod/PODSceneBuilder.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "support/RotationReference.h"
+#include "convert/SceneGraphConverter.h"
+#include "qsn/SceneGraphWritter.h"
+#include "convert/SceneValidation.h"
+#include "support/TestSupport.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
-#include "TestSupport.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
+#include "support/TestSupport.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "PODTestFiles.h"
-#include "TestSupport.h"
+#include "support/PODTestFiles.h"
+#include "support/TestSupport.h"
 
 namespace {
 

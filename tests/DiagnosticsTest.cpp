@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <new>
 
-#include "AtomicFile.h"
-#include "Diagnostics.h"
-#include "TestSupport.h"
+#include "pod/AtomicFile.h"
+#include "pod/Diagnostics.h"
+#include "support/TestSupport.h"
 
 namespace {
 

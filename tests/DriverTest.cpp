@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
-#include "TestSupport.h"
-#include "TriangleMesh.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
+#include "support/TestSupport.h"
+#include "support/TriangleMesh.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include <vector>
 
-#include "MeshCombiner.h"
-#include "PODSceneBuilder.h"
+#include "convert/MeshCombiner.h"
+#include "pod/PODSceneBuilder.h"
 
 namespace {
 

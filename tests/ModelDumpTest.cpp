@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "ConvertedScenes.h"
-#include "QelSceneGraphModel.h"
-#include "SceneGraphLoader.h"
-#include "SceneGraphSamples.h"
-#include "TestSupport.h"
+#include "support/ConvertedScenes.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphLoader.h"
+#include "support/SceneGraphSamples.h"
+#include "support/TestSupport.h"
 
 namespace {
 

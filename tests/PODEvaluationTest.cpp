@@ -3,9 +3,9 @@
 #include <cmath>
 #include <cstring>
 
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
-#include "RotationReference.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
+#include "support/RotationReference.h"
 
 using korvex::PODSceneBuilder;
 using korvex_test::ReferenceNormalised;

@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "PODMatrix.h"
+#include "pod/PODMatrix.h"
 
 namespace {
 

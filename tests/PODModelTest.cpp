@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 namespace {
 

@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "PODModel.h"
-#include "PODReadReport.h"
-#include "PODReader.h"
-#include "PODSceneBuilder.h"
-#include "PODTestFiles.h"
-#include "TestSupport.h"
-#include "TriangleMesh.h"
+#include "pod/PODModel.h"
+#include "pod/PODReadReport.h"
+#include "pod/PODReader.h"
+#include "pod/PODSceneBuilder.h"
+#include "support/PODTestFiles.h"
+#include "support/TestSupport.h"
+#include "support/TriangleMesh.h"
 
 namespace {
 

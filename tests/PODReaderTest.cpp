@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "PODModel.h"
-#include "PODReader.h"
-#include "PODTestFiles.h"
-#include "TestSupport.h"
+#include "pod/PODModel.h"
+#include "pod/PODReader.h"
+#include "support/PODTestFiles.h"
+#include "support/TestSupport.h"
 
 using podtest::Bytes;
 using podtest::Counts;

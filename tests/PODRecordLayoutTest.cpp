@@ -11,11 +11,11 @@
 #include <tuple>
 #include <vector>
 
-#include "FullPODScene.h"
-#include "PODReader.h"
-#include "PODRecordLayout.h"
-#include "PODTestFiles.h"
-#include "PODWriter.h"
+#include "support/FullPODScene.h"
+#include "pod/PODReader.h"
+#include "pod/PODRecordLayout.h"
+#include "support/PODTestFiles.h"
+#include "pod/PODWriter.h"
 
 namespace {
 

@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
-#include "FullPODScene.h"
-#include "PODTestFiles.h"
-#include "TestSupport.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
+#include "support/FullPODScene.h"
+#include "support/PODTestFiles.h"
+#include "support/TestSupport.h"
 
 using korvex::PODSceneBuilder;
 using podtest::WriteBytes;

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "BoneInfluences.h"
-#include "PODSceneImporter.h"
+#include "import/BoneInfluences.h"
+#include "import/PODSceneImporter.h"
 
 namespace {
 

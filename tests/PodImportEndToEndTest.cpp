@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "PodImportFiles.h"
-#include "QelSceneGraphModel.h"
-#include "SceneGraphLoader.h"
-#include "TestSupport.h"
+#include "support/PodImportFiles.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphLoader.h"
+#include "support/TestSupport.h"
 
 namespace {
 

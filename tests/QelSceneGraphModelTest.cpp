@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
-#include "QelSceneGraphModel.h"
-#include "SceneGraphSamples.h"
-#include "TestSupport.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "support/SceneGraphSamples.h"
+#include "support/TestSupport.h"
 
 namespace {
 

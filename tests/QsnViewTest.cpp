@@ -10,15 +10,15 @@
 #include <string>
 #include <vector>
 
-#include "PODMatrix.h"
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
-#include "PngFile.h"
-#include "QelSceneGraphModel.h"
-#include "SceneGraphLoader.h"
-#include "SceneRenderer.h"
-#include "TestSupport.h"
-#include "ViewScene.h"
+#include "pod/PODMatrix.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
+#include "view/PngFile.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphLoader.h"
+#include "view/SceneRenderer.h"
+#include "support/TestSupport.h"
+#include "view/ViewScene.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 #include <string>
 #include <vector>
 
-#include "QelSceneGraphModel.h"
-#include "SceneGraphLoader.h"
-#include "SceneGraphSamples.h"
-#include "SceneGraphWritter.h"
-#include "TestSupport.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphLoader.h"
+#include "support/SceneGraphSamples.h"
+#include "qsn/SceneGraphWritter.h"
+#include "support/TestSupport.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "QelSceneGraphModel.h"
-#include "SceneGraphSamples.h"
-#include "SceneGraphWritter.h"
-#include "TestSupport.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "support/SceneGraphSamples.h"
+#include "qsn/SceneGraphWritter.h"
+#include "support/TestSupport.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <functional>
 #include <string>
 
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
-#include "SceneValidation.h"
-#include "TriangleMesh.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
+#include "convert/SceneValidation.h"
+#include "support/TriangleMesh.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <vector>
 
-#include "PODSceneBuilder.h"
-#include "RotationReference.h"
-#include "SkeletonNodeConverter.h"
+#include "pod/PODSceneBuilder.h"
+#include "support/RotationReference.h"
+#include "convert/SkeletonNodeConverter.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include <random>
 #include <string>
 
-#include "../bench/ReferenceReduction.h"
-#include "ReductionMeshes.h"
-#include "VertexReduction.h"
+#include "support/ReferenceReduction.h"
+#include "support/ReductionMeshes.h"
+#include "edit/VertexReduction.h"
 
 namespace {
 

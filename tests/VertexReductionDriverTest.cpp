@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
-#include "ReductionMeshes.h"
-#include "TestSupport.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
+#include "support/ReductionMeshes.h"
+#include "support/TestSupport.h"
 
 namespace {
 

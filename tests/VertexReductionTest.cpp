@@ -6,8 +6,8 @@
 #include <limits>
 #include <string>
 
-#include "ReductionMeshes.h"
-#include "VertexReduction.h"
+#include "support/ReductionMeshes.h"
+#include "edit/VertexReduction.h"
 
 namespace {
 

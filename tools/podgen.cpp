@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
 
 namespace {
 

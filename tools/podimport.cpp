@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "ImportArguments.h"
-#include "ModelFileImport.h"
+#include "import/ImportArguments.h"
+#include "import/ModelFileImport.h"
 
 int main(int argc, char** argv) {
   using namespace korvex_import;

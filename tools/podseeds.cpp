@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "ByteIO.h"
-#include "PODModel.h"
-#include "PODSceneBuilder.h"
+#include "pod/ByteIO.h"
+#include "pod/PODModel.h"
+#include "pod/PODSceneBuilder.h"
 
 using korvex::PODSceneBuilder;
 using korvex::PODStream;

@@ -14,9 +14,9 @@
 #include <cstring>
 #include <string>
 
-#include "QelSceneGraphModel.h"
-#include "SceneGraphJson.h"
-#include "SceneGraphLoader.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphJson.h"
+#include "qsn/SceneGraphLoader.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <string>
 
-#include "QelSceneGraphModel.h"
-#include "SceneGraphWritter.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphWritter.h"
 
 namespace {
 

@@ -13,11 +13,11 @@
 #include <cstring>
 #include <string>
 
-#include "PngFile.h"
-#include "QelSceneGraphModel.h"
-#include "SceneGraphLoader.h"
-#include "SceneRenderer.h"
-#include "ViewScene.h"
+#include "view/PngFile.h"
+#include "qsn/QelSceneGraphModel.h"
+#include "qsn/SceneGraphLoader.h"
+#include "view/SceneRenderer.h"
+#include "view/ViewScene.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "GLContext.h"
+#include "view/GLContext.h"
 
 #define GL_GLEXT_PROTOTYPES 1
 #include <EGL/egl.h>

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "Image.h"
+#include "view/Image.h"
 
 namespace korvex::view {
 

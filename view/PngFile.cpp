@@ -1,10 +1,10 @@
-#include "PngFile.h"
+#include "view/PngFile.h"
 
 #include <png.h>
 
 #include <cstring>
 
-#include "AtomicFile.h"
+#include "pod/AtomicFile.h"
 
 namespace korvex::view {
 

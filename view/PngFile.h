@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "Image.h"
+#include "view/Image.h"
 
 namespace korvex::view {
 

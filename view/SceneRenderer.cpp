@@ -1,4 +1,4 @@
-#include "SceneRenderer.h"
+#include "view/SceneRenderer.h"
 
 #define GL_GLEXT_PROTOTYPES 1
 #include <GL/gl.h>
@@ -6,7 +6,7 @@
 
 #include <cmath>
 
-#include "GLContext.h"
+#include "view/GLContext.h"
 
 namespace korvex::view {
 namespace {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "Image.h"
-#include "ViewScene.h"
+#include "view/Image.h"
+#include "view/ViewScene.h"
 
 namespace korvex::view {
 

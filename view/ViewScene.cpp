@@ -1,11 +1,11 @@
-#include "ViewScene.h"
+#include "view/ViewScene.h"
 
 #include <cmath>
 #include <cstring>
 #include <limits>
 
-#include "IndexRange.h"
-#include "QelSceneGraphModel.h"
+#include "pod/IndexRange.h"
+#include "qsn/QelSceneGraphModel.h"
 
 namespace korvex::view {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "ViewMath.h"
+#include "view/ViewMath.h"
 
 class QelSceneGraphModel;
 

@@ -1,10 +1,10 @@
-#include "Assertion.h"
+#include "pod/Assertion.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "Diagnostics.h"
+#include "pod/Diagnostics.h"
 
 namespace korvex {
 

@@ -1,6 +1,6 @@
-#include "AtomicFile.h"
+#include "pod/AtomicFile.h"
 
-#include "Diagnostics.h"
+#include "pod/Diagnostics.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 namespace korvex {
 

@@ -1,4 +1,4 @@
-#include "Diagnostics.h"
+#include "pod/Diagnostics.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "IndexRange.h"
+#include "pod/IndexRange.h"
 
 #include <cstring>
 

@@ -22,8 +22,8 @@
 #include <functional>
 #include <vector>
 
-#include "ChannelKeys.h"
-#include "PODModel.h"
+#include "pod/ChannelKeys.h"
+#include "pod/PODModel.h"
 
 namespace {
 

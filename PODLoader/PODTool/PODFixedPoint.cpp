@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "PODModel.h"
-#include "PODRecordLayout.h"
+#include "pod/PODModel.h"
+#include "pod/PODRecordLayout.h"
 
 // Values are converted in place, so source and destination alias the same words: every word
 // is moved through memcpy rather than through the typed pointers.

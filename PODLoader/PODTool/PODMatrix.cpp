@@ -4,7 +4,7 @@
 // must be evaluated (left to right, as read) and in the precision it must have: float unless a
 // value is explicitly kept as double. Nothing may be reassociated or fused.
 
-#include "PODMatrix.h"
+#include "pod/PODMatrix.h"
 
 #include <cmath>
 #include <cstring>

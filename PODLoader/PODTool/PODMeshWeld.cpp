@@ -1,4 +1,4 @@
-#include "PODMeshWeld.h"
+#include "pod/PODMeshWeld.h"
 
 #include <algorithm>
 #include <cstdlib>

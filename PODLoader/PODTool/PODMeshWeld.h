@@ -15,7 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 struct SPODMeshWeld {
   uint32_t nKept;

@@ -1,12 +1,12 @@
 // CPODScene lifetime (construction, adoption of an in-memory scene, release) and the element-type
 // lookups of the POD model.
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
-#include "Diagnostics.h"
-#include "PODMeshWeld.h"
-#include "PODSource.h"
-#include "PODRecordLayout.h"
+#include "pod/Diagnostics.h"
+#include "pod/PODMeshWeld.h"
+#include "pod/PODSource.h"
+#include "pod/PODRecordLayout.h"
 
 #include <cstdint>
 #include <cstdlib>

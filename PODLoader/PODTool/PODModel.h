@@ -16,8 +16,8 @@
 #include <cstdio>
 #include <memory>
 
-#include "PODMatrix.h"
-#include "PODTag.h"
+#include "pod/PODMatrix.h"
+#include "pod/PODTag.h"
 
 enum EPODDataType : uint32_t {
   EPODDataUndefined = 0,

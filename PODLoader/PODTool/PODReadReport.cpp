@@ -1,4 +1,4 @@
-#include "PODReadReport.h"
+#include "pod/PODReadReport.h"
 
 #include <utility>
 

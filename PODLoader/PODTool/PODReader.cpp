@@ -1,4 +1,4 @@
-#include "PODReader.h"
+#include "pod/PODReader.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
-#include "PODRecordLayout.h"
-#include "PODTag.h"
+#include "pod/PODRecordLayout.h"
+#include "pod/PODTag.h"
 
 // Each record is read by walking its table (PODRecordLayout.h) once per block: the entry whose
 // tag the block carries reads it, and a block no entry has is skipped. Before its blocks, a

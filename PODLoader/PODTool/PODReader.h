@@ -7,9 +7,9 @@
 
 #include <cstddef>
 
-#include "PODModel.h"
-#include "PODReadReport.h"
-#include "PODSource.h"
+#include "pod/PODModel.h"
+#include "pod/PODReadReport.h"
+#include "pod/PODSource.h"
 
 // The parsers. pExpOpt non-null selects export-options mode: the scene is not read and up to
 // count bytes of the options text are copied.

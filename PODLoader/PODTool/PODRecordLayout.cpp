@@ -1,13 +1,13 @@
 // What the record tables say about tags as such: the field each tag fills and the blocks each
 // container expects, gathered once by walking the tables over empty records.
 
-#include "PODRecordLayout.h"
+#include "pod/PODRecordLayout.h"
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
-#include "PODReadReport.h"
+#include "pod/PODReadReport.h"
 
 namespace korvex {
 

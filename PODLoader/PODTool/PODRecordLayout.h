@@ -38,8 +38,8 @@
 #include <cstdlib>
 #include <type_traits>
 
-#include "PODModel.h"
-#include "PODTag.h"
+#include "pod/PODModel.h"
+#include "pod/PODTag.h"
 
 // The containers of the format, as the reader's report names them.
 enum class EPODRecord : uint8_t { File, Scene, Camera, Light, Material, Mesh, Node, Texture, Stream };

@@ -1,13 +1,13 @@
 // In-memory construction of complete POD scenes with the ownership of a loaded one.
 
-#include "PODSceneBuilder.h"
+#include "pod/PODSceneBuilder.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
-#include "Assertion.h"
-#include "Diagnostics.h"
+#include "pod/Assertion.h"
+#include "pod/Diagnostics.h"
 
 namespace korvex {
 

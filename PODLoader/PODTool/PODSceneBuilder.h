@@ -32,7 +32,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 namespace korvex {
 

@@ -1,4 +1,4 @@
-#include "PODSource.h"
+#include "pod/PODSource.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "ByteIO.h"
-#include "PODTag.h"
+#include "pod/ByteIO.h"
+#include "pod/PODTag.h"
 
 // ---------------------------------------------------------------------------------------------
 // Counted allocation

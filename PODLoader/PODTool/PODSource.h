@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "PODModel.h"
-#include "PODReadReport.h"
-#include "PODRecordLayout.h"
+#include "pod/PODModel.h"
+#include "pod/PODReadReport.h"
+#include "pod/PODRecordLayout.h"
 
 // Abstract byte source of the parser. Reads are all-or-nothing.
 class CSource {

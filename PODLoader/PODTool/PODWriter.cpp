@@ -1,4 +1,4 @@
-#include "PODWriter.h"
+#include "pod/PODWriter.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -8,11 +8,11 @@
 #include <type_traits>
 #include <vector>
 
-#include "ByteIO.h"
-#include "FileHandle.h"
-#include "PODMeshWeld.h"
-#include "PODRecordLayout.h"
-#include "PODTag.h"
+#include "pod/ByteIO.h"
+#include "pod/FileHandle.h"
+#include "pod/PODMeshWeld.h"
+#include "pod/PODRecordLayout.h"
+#include "pod/PODTag.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <string>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 // One write call of the whole size; a zero size succeeds without writing.
 bool WriteFileSafe(FILE* pFile, const void* lpBuffer, unsigned int nSize);

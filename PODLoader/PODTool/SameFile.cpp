@@ -1,4 +1,4 @@
-#include "SameFile.h"
+#include "pod/SameFile.h"
 
 #include <sys/stat.h>
 

@@ -1,4 +1,4 @@
-#include "FullPODScene.h"
+#include "support/FullPODScene.h"
 
 #include <cstdint>
 #include <vector>

@@ -4,7 +4,7 @@
 // types other than float too), an interleaved mesh of 32-bit indices, a light, a camera with a
 // field-of-view table, an animated node with all four channels and a still one. Three frames.
 
-#include "PODSceneBuilder.h"
+#include "pod/PODSceneBuilder.h"
 
 namespace korvex_test {
 

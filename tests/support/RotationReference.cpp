@@ -1,4 +1,4 @@
-#include "RotationReference.h"
+#include "support/RotationReference.h"
 
 #include <cmath>
 #include <cstring>

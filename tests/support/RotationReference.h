@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "PODMatrix.h"
+#include "pod/PODMatrix.h"
 
 namespace korvex_test {
 

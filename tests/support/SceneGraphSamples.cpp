@@ -1,4 +1,4 @@
-#include "SceneGraphSamples.h"
+#include "support/SceneGraphSamples.h"
 
 #include <cstdlib>
 

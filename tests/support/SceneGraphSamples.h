@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "QelSceneGraphModel.h"
+#include "qsn/QelSceneGraphModel.h"
 
 namespace korvex_test {
 

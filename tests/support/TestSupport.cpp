@@ -1,4 +1,4 @@
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,8 +13,8 @@
 #include <iterator>
 #include <stdexcept>
 
-#include "Conversion.h"
-#include "Diagnostics.h"
+#include "pipeline/Conversion.h"
+#include "pod/Diagnostics.h"
 
 namespace korvex_test {
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "PODMeshWeld.h"
-#include "PODModel.h"
+#include "pod/PODMeshWeld.h"
+#include "pod/PODModel.h"
 
 namespace reduction_test {
 

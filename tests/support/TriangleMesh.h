@@ -2,7 +2,7 @@
 // The smallest mesh every step of the pipeline accepts, shared by the suites that build scenes
 // around it.
 
-#include "PODSceneBuilder.h"
+#include "pod/PODSceneBuilder.h"
 
 // A triangle with normals and one texture-coordinate set; returns its mesh index.
 inline int AddTriangle(korvex::PODSceneBuilder& b) {

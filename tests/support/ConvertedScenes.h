@@ -19,8 +19,8 @@
 #include <string>
 #include <vector>
 
-#include "PODSceneBuilder.h"
-#include "TestSupport.h"
+#include "pod/PODSceneBuilder.h"
+#include "support/TestSupport.h"
 
 namespace converted {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "PODModel.h"
+#include "pod/PODModel.h"
 
 namespace podtest {
 

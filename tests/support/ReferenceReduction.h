@@ -12,8 +12,8 @@
 #include <cstring>
 #include <vector>
 
-#include "Assertion.h"
-#include "PODModel.h"
+#include "pod/Assertion.h"
+#include "pod/PODModel.h"
 
 namespace reference_reduction {
 

@@ -1,0 +1,23 @@
+# cmake -DLAYER=name -DALLOWED_FILE=list -DFILES="a.cpp;b.h" -P CheckLayerIncludes.cmake
+# Fails when a file includes, in quotes, anything but a header listed in ALLOWED_FILE (the
+# layer's own headers and those of the layers below it, as "<layer>/<Name>.h").
+cmake_minimum_required(VERSION 3.20)
+file(STRINGS ${ALLOWED_FILE} allowed)
+set(problems)
+foreach(f ${FILES})
+  file(STRINGS ${f} lines REGEX "^[ \t]*#[ \t]*include[ \t]*\"")
+  foreach(line ${lines})
+    string(REGEX REPLACE "^[ \t]*#[ \t]*include[ \t]*\"([^\"]*)\".*$" "\\1" included "${line}")
+    if(NOT included IN_LIST allowed)
+      if(included MATCHES "^[A-Za-z_]+/[^/]+$")
+        list(APPEND problems "${f}: \"${included}\" is not below ${LAYER}")
+      else()
+        list(APPEND problems "${f}: \"${included}\" is not qualified by its layer (\"<layer>/<Name>.h\")")
+      endif()
+    endif()
+  endforeach()
+endforeach()
+if(problems)
+  string(REPLACE ";" "\n  " text "${problems}")
+  message(FATAL_ERROR "${LAYER} includes what it may not:\n  ${text}")
+endif()

@@ -71,8 +71,19 @@ class SceneGraphConverter {
   SSGQelSkyBoxNodeData* createSkyBox(int nodeIndex);
   SSGQelBillboardNodeData* createBillboard(int nodeIndex);
 
-  // Record builders (SceneGraphConverterNodes.cpp). Each returns a new calloc'd record.
+  // Record builders (SceneGraphConverterNodes.cpp). Each returns a new calloc'd record; the
+  // fill* steps fill the part a derived record shares, in place.
   SSGQelNodeData* createNodeData(int nodeIndex);
+  void fillNodeData(SSGQelNodeData& record, int nodeIndex);
+  void fillMeshNodeData(SSGQelMeshNodeData& record, int nodeIndex);
+  void fillCameraNodeData(SSGQelCameraNodeData& record, int nodeIndex);
+  // A new record of a kind that is a mesh record and more, its mesh part filled.
+  template <class R>
+  R* newMeshRecord(int nodeIndex) {
+    R* record = newRecord<R>();
+    fillMeshNodeData(*record, nodeIndex);
+    return record;
+  }
   // transform := the node's own frame-0 matrix (parents are not applied).
   void setNodeTransform(SSGQelNode* record, SPODNode* node);
   SSGQelMeshNodeData* createMeshNodeData(int nodeIndex);

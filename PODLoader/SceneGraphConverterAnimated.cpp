@@ -24,19 +24,13 @@ void CopyFrameState(Record* record, const CPODScene& scene) {
 }  // namespace
 
 SSGQelSkeletalMeshNodeData* SceneGraphConverter::createSkeletalMeshNodeData(int nodeIndex) {
-  SSGQelMeshNodeData* mesh = createMeshNodeData(nodeIndex);
-  auto* record = newRecord<SSGQelSkeletalMeshNodeData>();
-  *static_cast<SSGQelMeshNodeData*>(record) = *mesh;
-  std::free(mesh);  // its arrays now belong to the new record
+  auto* record = newMeshRecord<SSGQelSkeletalMeshNodeData>(nodeIndex);
   mSkeletonConverter->convertSkeletonNode(mScene, nodeIndex, record);
   return record;
 }
 
 SSGQelAnimationMeshNodeData* SceneGraphConverter::createAnimationMeshNodeData(int nodeIndex) {
-  SSGQelMeshNodeData* mesh = createMeshNodeData(nodeIndex);
-  auto* record = newRecord<SSGQelAnimationMeshNodeData>();
-  *static_cast<SSGQelMeshNodeData*>(record) = *mesh;
-  std::free(mesh);
+  auto* record = newMeshRecord<SSGQelAnimationMeshNodeData>(nodeIndex);
   record->numAnimation = mScene->nNumFrame;
   CopyFrameState(record, *mScene);
   mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer);
@@ -55,10 +49,8 @@ SSGQelAnimationMeshNodeData* SceneGraphConverter::createAnimationMeshNodeData(in
 }
 
 SSGQelAnimationCameraNodeData* SceneGraphConverter::createAnimationCameraNodeData(int nodeIndex) {
-  SSGQelCameraNodeData* camera = createCameraNodeData(nodeIndex);
   auto* record = newRecord<SSGQelAnimationCameraNodeData>();
-  *static_cast<SSGQelCameraNodeData*>(record) = *camera;
-  std::free(camera);
+  fillCameraNodeData(*record, nodeIndex);
   record->numAnimation = mScene->nNumFrame;
   CopyFrameState(record, *mScene);
   // The field of view stays the camera's single value; its per-frame values are not baked.

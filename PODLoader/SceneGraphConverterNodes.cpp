@@ -29,14 +29,19 @@ CPODData CopyDescriptor(const CPODData& from) {
 }  // namespace
 
 SSGQelNodeData* SceneGraphConverter::createNodeData(int nodeIndex) {
-  SPODNode& node = mScene->pNode[nodeIndex];
   SSGQelNodeData* record = newRecord<SSGQelNodeData>();
+  fillNodeData(*record, nodeIndex);
+  return record;
+}
+
+void SceneGraphConverter::fillNodeData(SSGQelNodeData& into, int nodeIndex) {
+  SPODNode& node = mScene->pNode[nodeIndex];
+  SSGQelNodeData* record = &into;
   record->indexToObject = static_cast<uint32_t>(nodeIndex);
   record->objectIndex = node.nIdx;
   setNodeTransform(record, &node);
   record->numAnimation = mScene->nNumFrame;
   record->animationFlag = node.nAnimFlags;
-  return record;
 }
 
 void SceneGraphConverter::setNodeTransform(SSGQelNode* record, SPODNode* node) {
@@ -62,13 +67,14 @@ void SceneGraphConverter::setNodeTransform(SSGQelNode* record, SPODNode* node) {
 }
 
 SSGQelMeshNodeData* SceneGraphConverter::createMeshNodeData(int nodeIndex) {
+  return newMeshRecord<SSGQelMeshNodeData>(nodeIndex);
+}
+
+void SceneGraphConverter::fillMeshNodeData(SSGQelMeshNodeData& into, int nodeIndex) {
   SPODNode& node = mScene->pNode[nodeIndex];
   SPODMesh& mesh = mScene->pMesh[node.nIdx];
-  SSGQelMeshNodeData* record = newRecord<SSGQelMeshNodeData>();
-
-  SSGQelNodeData* nodePart = createNodeData(nodeIndex);
-  static_cast<SSGQelNodeData&>(*record) = *nodePart;
-  std::free(nodePart);
+  SSGQelMeshNodeData* record = &into;
+  fillNodeData(*record, nodeIndex);
 
   record->numVertex = mesh.nNumVertex;
   record->numFace = mesh.nNumFaces;
@@ -128,33 +134,23 @@ SSGQelMeshNodeData* SceneGraphConverter::createMeshNodeData(int nodeIndex) {
 
   for (int32_t& material : record->materialIndex) material = -1;
   if (record->defaultMaterialIndex >= 0) record->materialIndex[0] = createMaterialData(nodeIndex);
-  return record;
-}
-
-// The records that are a mesh record and nothing more.
-template <class R>
-static R* CopyOfMeshRecord(SSGQelMeshNodeData* mesh) {
-  R* record = SceneGraphConverter::newRecord<R>();
-  static_cast<SSGQelMeshNodeData&>(*record) = *mesh;
-  std::free(mesh);  // its arrays now belong to the copy
-  return record;
 }
 
 SSGQelCollisionSphereNodeData* SceneGraphConverter::createSphereColliderNodeData(int nodeIndex) {
-  return CopyOfMeshRecord<SSGQelCollisionSphereNodeData>(createMeshNodeData(nodeIndex));
+  return newMeshRecord<SSGQelCollisionSphereNodeData>(nodeIndex);
 }
 
 SSGQelSkyBoxNodeData* SceneGraphConverter::createSkyBoxNodeData(int nodeIndex) {
-  return CopyOfMeshRecord<SSGQelSkyBoxNodeData>(createMeshNodeData(nodeIndex));
+  return newMeshRecord<SSGQelSkyBoxNodeData>(nodeIndex);
 }
 
 SSGQelBillboardNodeData* SceneGraphConverter::createBillboardNodeData(int nodeIndex) {
-  return CopyOfMeshRecord<SSGQelBillboardNodeData>(createMeshNodeData(nodeIndex));
+  return newMeshRecord<SSGQelBillboardNodeData>(nodeIndex);
 }
 
 SSGQelCollisionBoxNodeData* SceneGraphConverter::createBoxColliderNodeData(int nodeIndex) {
   SSGQelCollisionBoxNodeData* record =
-      CopyOfMeshRecord<SSGQelCollisionBoxNodeData>(createMeshNodeData(nodeIndex));
+      newMeshRecord<SSGQelCollisionBoxNodeData>(nodeIndex);
   // The same volumes again in object space; an empty mesh leaves them zero, unreported.
   SPODMesh& mesh = mScene->pMesh[mScene->pNode[nodeIndex].nIdx];
   PODMATRIXf identity;
@@ -206,12 +202,16 @@ SSGQelMaterialData* SceneGraphConverter::createMaterialNode(int nodeIndex) {
 }
 
 SSGQelCameraNodeData* SceneGraphConverter::createCameraNodeData(int nodeIndex) {
+  SSGQelCameraNodeData* record = newRecord<SSGQelCameraNodeData>();
+  fillCameraNodeData(*record, nodeIndex);
+  return record;
+}
+
+void SceneGraphConverter::fillCameraNodeData(SSGQelCameraNodeData& into, int nodeIndex) {
   const SPODNode& node = mScene->pNode[nodeIndex];
   const SPODCamera& camera = mScene->pCamera[node.nIdx];
-  SSGQelCameraNodeData* record = newRecord<SSGQelCameraNodeData>();
-  SSGQelNodeData* nodePart = createNodeData(nodeIndex);
-  static_cast<SSGQelNodeData&>(*record) = *nodePart;
-  std::free(nodePart);
+  SSGQelCameraNodeData* record = &into;
+  fillNodeData(*record, nodeIndex);
 
   record->FOV = camera.fFOV;
   record->farPlane = camera.fFar;
@@ -225,16 +225,13 @@ SSGQelCameraNodeData* SceneGraphConverter::createCameraNodeData(int nodeIndex) {
   } else {
     record->targetIndex = -1;  // position stays zero
   }
-  return record;
 }
 
 SSGQelLightNodeData* SceneGraphConverter::createLightNodeData(int nodeIndex) {
   const SPODNode& node = mScene->pNode[nodeIndex];
   const SPODLight& light = mScene->pLight[node.nIdx];
   SSGQelLightNodeData* record = newRecord<SSGQelLightNodeData>();
-  SSGQelNodeData* nodePart = createNodeData(nodeIndex);
-  static_cast<SSGQelNodeData&>(*record) = *nodePart;
-  std::free(nodePart);
+  fillNodeData(*record, nodeIndex);
 
   record->targetIndex = light.nIdxTarget;
   std::memcpy(record->colour, light.pfColour, sizeof record->colour);
@@ -244,8 +241,6 @@ SSGQelLightNodeData* SceneGraphConverter::createLightNodeData(int nodeIndex) {
 
 SSGQelMarkerNodeData* SceneGraphConverter::createMarkerNodeData(int nodeIndex) {
   SSGQelMarkerNodeData* record = newRecord<SSGQelMarkerNodeData>();
-  SSGQelNodeData* nodePart = createNodeData(nodeIndex);
-  static_cast<SSGQelNodeData&>(*record) = *nodePart;
-  std::free(nodePart);
+  fillNodeData(*record, nodeIndex);
   return record;
 }

@@ -4,26 +4,18 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
 
 #include "pod/ByteIO.h"
+#include "pod/Diagnostics.h"
 
 namespace {
 
 using korvex::ByteReader;
 
-std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string Format(const char* format, ...) {
-  char text[512];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  return text;
-}
+using korvex::Format;
 
 // Reads a description field by field from a range that holds exactly its fixed size. Pointer
 // slots carry no meaning in the file and come back null.

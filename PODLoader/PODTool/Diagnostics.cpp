@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <vector>
 
 namespace korvex {
 
@@ -39,27 +38,41 @@ ScopedDiagnosticSink::ScopedDiagnosticSink(DiagnosticSink* sink) : m_previous(g_
 
 ScopedDiagnosticSink::~ScopedDiagnosticSink() { g_sink = m_previous; }
 
-void PrintText(const char* format, ...) {
-  char small[256];
-  va_list args;
-  va_start(args, format);
+namespace {
+
+std::string FormatList(const char* format, va_list args) {
   va_list again;
   va_copy(again, args);
+  char small[256];
   const int length = std::vsnprintf(small, sizeof small, format, args);
-  va_end(args);
-  if (length < 0) {
-    va_end(again);
-    return;
+  std::string text;
+  if (length >= 0 && static_cast<size_t>(length) < sizeof small) {
+    text.assign(small, static_cast<size_t>(length));
+  } else if (length >= 0) {
+    text.resize(static_cast<size_t>(length) + 1);
+    std::vsnprintf(&text[0], text.size(), format, again);
+    text.resize(static_cast<size_t>(length));
   }
-  if (static_cast<size_t>(length) < sizeof small) {
-    va_end(again);
-    g_sink->Text(small, static_cast<size_t>(length));
-    return;
-  }
-  std::vector<char> large(static_cast<size_t>(length) + 1);
-  std::vsnprintf(large.data(), large.size(), format, again);
   va_end(again);
-  g_sink->Text(large.data(), static_cast<size_t>(length));
+  return text;
+}
+
+}  // namespace
+
+std::string Format(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::string text = FormatList(format, args);
+  va_end(args);
+  return text;
+}
+
+void PrintText(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const std::string text = FormatList(format, args);
+  va_end(args);
+  g_sink->Text(text.data(), text.size());
 }
 
 void PrintText(const std::string& text) { g_sink->Text(text.data(), text.size()); }

@@ -39,6 +39,9 @@ class ScopedDiagnosticSink {
   DiagnosticSink* m_previous;
 };
 
+// printf into a string, for message texts.
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 void PrintText(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void PrintText(const std::string& text);
 void ReportProblem(const std::string& line);

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <new>
 
 #include "import/PODFileOutput.h"
 #include "import/PODSceneImporter.h"
@@ -100,9 +99,7 @@ bool ImportModelFile(const std::string& input, const std::string& output,
   }
   try {
     return ImportAndWrite(input, output, options, exportOptions, summary, error);
-  } catch (const std::bad_alloc&) {
-    error = "cannot convert " + input + ": out of memory";
-  } catch (const std::exception& e) {
+  } catch (const std::exception& e) {  // the library's way of saying a file cannot be read
     error = "cannot read " + input + ": " + e.what();
   }
   return false;

@@ -12,9 +12,11 @@
 
 #include "import/ImportArguments.h"
 #include "import/ModelFileImport.h"
+#include "pod/Diagnostics.h"
 
 int main(int argc, char** argv) {
   using namespace korvex_import;
+  korvex::EndRunOnFailedNew("podimport");
   const std::vector<std::string> all(argv, argv + argc);
   const std::vector<std::string> args(all.begin() + (argc > 0 ? 1 : 0), all.end());
   const ImportArguments parsed = ParseImportArguments(args);

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <string>
 
+#include "pod/Diagnostics.h"
 #include "qsn/QelSceneGraphModel.h"
 #include "qsn/SceneGraphJson.h"
 #include "qsn/SceneGraphLoader.h"
@@ -48,6 +49,7 @@ int UsageError(const std::string& what) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  korvex::EndRunOnFailedNew("qsndump");
   Mode mode = Mode::Dump;
   bool modeGiven = false;
   bool podDirGiven = false;

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <string>
 
+#include "pod/Diagnostics.h"
 #include "view/PngFile.h"
 #include "qsn/QelSceneGraphModel.h"
 #include "qsn/SceneGraphLoader.h"
@@ -173,6 +174,7 @@ bool LoadPODStreams(QelSceneGraphModel& model, std::string dir, const std::strin
 }  // namespace
 
 int main(int argc, char** argv) {
+  korvex::EndRunOnFailedNew("qsnview");
   Options o;
   bool help = false;
   if (const int status = ParseCommandLine(argc, argv, o, help)) return status;

@@ -25,6 +25,7 @@ class StandardStreams final : public DiagnosticSink {
 StandardStreams g_standardStreams;
 DiagnosticSink* g_sink = &g_standardStreams;
 ExitCleanup g_cleanup = nullptr;
+const char* g_program = "Korvex";
 
 void OnFailedNew() { OutOfMemory("memory for the conversion"); }
 
@@ -84,7 +85,7 @@ void ReportProblem(const char* line) { g_sink->Problem(line, std::strlen(line));
 void OutOfMemory(const char* what) {
   // No allocation from here on: the message is built in a fixed buffer.
   char line[256];
-  std::snprintf(line, sizeof line, "Korvex: out of memory (%s)", what);
+  std::snprintf(line, sizeof line, "%s: out of memory (%s)", g_program, what);
   g_sink->Problem(line, std::strlen(line));
   Diagnostics().Flush();
   if (g_cleanup != nullptr) g_cleanup();
@@ -99,6 +100,9 @@ void* AllocateZeroed(size_t count, size_t size, const char* what) {
 
 void SetExitCleanup(ExitCleanup cleanup) { g_cleanup = cleanup; }
 
-void EndRunOnFailedNew() { std::set_new_handler(OnFailedNew); }
+void EndRunOnFailedNew(const char* program) {
+  g_program = program;
+  std::set_new_handler(OnFailedNew);
+}
 
 }  // namespace korvex

@@ -65,7 +65,8 @@ T* AllocateZeroed(size_t count, const char* what) {
 using ExitCleanup = void (*)();
 void SetExitCleanup(ExitCleanup cleanup);
 
-// Makes a failed `new` anywhere end the run through OutOfMemory.
-void EndRunOnFailedNew();
+// Makes a failed `new` anywhere end the run through OutOfMemory, whose line then names `program`
+// ("Korvex" unless said otherwise).
+void EndRunOnFailedNew(const char* program = "Korvex");
 
 }  // namespace korvex

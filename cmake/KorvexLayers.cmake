@@ -67,21 +67,27 @@ function(korvex_layer name)
     target_compile_definitions(korvex_${name} ${scope} ${L_DEFINITIONS})
   endif()
 
-  # The include check, run again whenever one of the layer's files changes.
-  set(listFile ${CMAKE_BINARY_DIR}/layer-check/${name}.allowed)
+  korvex_include_check(korvex_${name} "${allowed}" ${L_FILES})
+endfunction()
+
+# The include check of `target`: run before it compiles, and again whenever one of `files`
+# changes, against the headers listed in `allowed`.
+function(korvex_include_check target allowed)
+  set(files ${ARGN})
+  set(listFile ${CMAKE_BINARY_DIR}/layer-check/${target}.allowed)
   string(REPLACE ";" "\n" allowedLines "${allowed}")
   file(WRITE ${listFile} "${allowedLines}\n")
-  set(stamp ${CMAKE_BINARY_DIR}/layer-check/${name}.stamp)
+  set(stamp ${CMAKE_BINARY_DIR}/layer-check/${target}.stamp)
   add_custom_command(
     OUTPUT ${stamp}
-    COMMAND ${CMAKE_COMMAND} -DLAYER=${name} -DALLOWED_FILE=${listFile} "-DFILES=${L_FILES}"
+    COMMAND ${CMAKE_COMMAND} -DLAYER=${target} -DALLOWED_FILE=${listFile} "-DFILES=${files}"
             -P ${KORVEX_LAYER_CHECK}
     COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
-    DEPENDS ${L_FILES} ${KORVEX_LAYER_CHECK} ${listFile}
-    COMMENT "Checking the includes of layer ${name}"
+    DEPENDS ${files} ${KORVEX_LAYER_CHECK} ${listFile}
+    COMMENT "Checking the includes of ${target}"
     VERBATIM)
-  add_custom_target(korvex_${name}_includes DEPENDS ${stamp})
-  add_dependencies(korvex_${name} korvex_${name}_includes)
+  add_custom_target(${target}_includes DEPENDS ${stamp})
+  add_dependencies(${target} ${target}_includes)
 endfunction()
 
 # Programs (tools, tests, benchmarks, fuzz targets) are checked the same way against the layers
@@ -94,18 +100,19 @@ function(korvex_check_includes target)
     list(APPEND allowed ${belowAllowed})
   endforeach()
   list(REMOVE_DUPLICATES allowed)
-  set(listFile ${CMAKE_BINARY_DIR}/layer-check/${target}.allowed)
-  string(REPLACE ";" "\n" allowedLines "${allowed}")
-  file(WRITE ${listFile} "${allowedLines}\n")
-  set(stamp ${CMAKE_BINARY_DIR}/layer-check/${target}.stamp)
-  add_custom_command(
-    OUTPUT ${stamp}
-    COMMAND ${CMAKE_COMMAND} -DLAYER=${target} -DALLOWED_FILE=${listFile} "-DFILES=${L_FILES}"
-            -P ${KORVEX_LAYER_CHECK}
-    COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
-    DEPENDS ${L_FILES} ${KORVEX_LAYER_CHECK} ${listFile}
-    COMMENT "Checking the includes of ${target}"
-    VERBATIM)
-  add_custom_target(${target}_includes DEPENDS ${stamp})
-  add_dependencies(${target} ${target}_includes)
+  korvex_include_check(${target} "${allowed}" ${L_FILES})
+endfunction()
+
+# korvex_program(NAME SOURCE <file> LAYERS <layers> [LINK <other libraries>]): an executable that
+# links `layers` (and `LINK`), its includes checked against them.
+function(korvex_program name)
+  cmake_parse_arguments(P "" "SOURCE" "LAYERS;LINK" ${ARGN})
+  add_executable(${name} ${P_SOURCE})
+  foreach(layer ${P_LAYERS})
+    target_link_libraries(${name} PRIVATE korvex_${layer})
+  endforeach()
+  if(P_LINK)
+    target_link_libraries(${name} PRIVATE ${P_LINK})
+  endif()
+  korvex_check_includes(${name} FILES ${P_SOURCE} LAYERS ${P_LAYERS})
 endfunction()

@@ -75,7 +75,7 @@ double LibraryImport(const std::string& path) {
   Assimp::Importer importer;
   importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE,
                               aiPrimitiveType_POINT | aiPrimitiveType_LINE);
-  const aiScene* scene = importer.ReadFile(path, korvex_import::ImportPostProcessSteps());
+  const aiScene* scene = importer.ReadFile(path, korvex::podimport::ImportPostProcessSteps());
   if (scene == nullptr || scene->mNumMeshes == 0) std::abort();
   benchmark::DoNotOptimize(scene->mMeshes[0]->mNumVertices);
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -83,9 +83,9 @@ double LibraryImport(const std::string& path) {
 
 double Podimport(const std::string& path, const std::string& output) {
   const auto start = std::chrono::steady_clock::now();
-  korvex_import::ImportSummary summary;
+  korvex::podimport::ImportSummary summary;
   std::string error;
-  if (!korvex_import::ImportModelFile(path, output, korvex_import::ImportOptions(), "", summary,
+  if (!korvex::podimport::ImportModelFile(path, output, korvex::podimport::ImportOptions(), "", summary,
                                       error) ||
       summary.triangles != uint64_t{2} * kColumns * kRows)
     std::abort();

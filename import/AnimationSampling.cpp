@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 namespace {
 
@@ -91,4 +91,4 @@ LocalTransform SampleChannel(const aiNodeAnim& channel, double ticks, const Loca
   return t;
 }
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

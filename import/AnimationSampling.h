@@ -11,7 +11,7 @@
 
 #include "import/PODConventions.h"
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 // The animation's ticks per second; 25 when the file gives none, as the library's own tools take.
 double AnimationTicksPerSecond(const aiAnimation& animation);
@@ -27,4 +27,4 @@ double FrameTicks(const aiAnimation& animation, double fps, uint64_t frame);
 // transform's.
 LocalTransform SampleChannel(const aiNodeAnim& channel, double ticks, const LocalTransform& rest);
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

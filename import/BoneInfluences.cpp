@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 VertexInfluences LimitInfluences(std::vector<BoneInfluence> influences, size_t maxCount,
                                  bool* dropped) {
@@ -35,4 +35,4 @@ VertexInfluences LimitInfluences(std::vector<BoneInfluence> influences, size_t m
   return out;
 }
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

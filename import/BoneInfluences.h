@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 // The most bones a vertex follows in the written scene.
 const size_t kMaxInfluences = 4;
@@ -27,4 +27,4 @@ struct VertexInfluences {
 VertexInfluences LimitInfluences(std::vector<BoneInfluence> influences, size_t maxCount,
                                  bool* dropped = nullptr);
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

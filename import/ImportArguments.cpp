@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 namespace {
 
@@ -142,4 +142,4 @@ std::string CommandLineText(const std::vector<std::string>& argv, size_t maxByte
   return text;
 }
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

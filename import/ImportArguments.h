@@ -6,7 +6,7 @@
 
 #include "import/ImportOptions.h"
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 struct ImportArguments {
   enum Outcome { kRun, kHelp, kUsageError };
@@ -27,4 +27,4 @@ std::string ImportUsageText();
 // arguments holding spaces or quotes are quoted, and the text is cut to `maxBytes` bytes.
 std::string CommandLineText(const std::vector<std::string>& argv, size_t maxBytes);
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 // The most frames Korvex bakes (it refuses scenes with more), so also the most podimport samples.
 const uint32_t kMaxFrames = 65536;
@@ -19,4 +19,4 @@ struct ImportOptions {
   bool quiet = false;      // no summary on standard output
 };
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 namespace {
 
@@ -39,4 +39,4 @@ std::string FormatImportSummary(const ImportSummary& s, const std::string& outpu
   return text;
 }
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 struct ImportSummary {
   uint32_t meshNodes = 0;
@@ -30,4 +30,4 @@ struct ImportSummary {
 // The lines printed after a successful import.
 std::string FormatImportSummary(const ImportSummary& summary, const std::string& output);
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 namespace {
 
@@ -204,4 +204,4 @@ PartitionResult PartitionMesh(const std::vector<uint32_t>& triangles, uint32_t v
   return partitioner.Finish();
 }
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -12,7 +12,7 @@
 
 #include "import/BoneInfluences.h"
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 struct PartitionLimits {
   uint32_t maxVertices = 65535;  // per piece; at least 3
@@ -48,4 +48,4 @@ PartitionResult PartitionMesh(const std::vector<uint32_t>& triangles, uint32_t v
                               const std::vector<VertexInfluences>* influences, uint32_t boneCount,
                               const PartitionLimits& limits);
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -15,7 +15,7 @@
 #include "pod/SameFile.h"
 #include "convert/SceneValidation.h"
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 unsigned int ImportPostProcessSteps() {
   return aiProcess_Triangulate | aiProcess_JoinIdenticalVertices | aiProcess_SortByPType |
@@ -105,4 +105,4 @@ bool ImportModelFile(const std::string& input, const std::string& output,
   return false;
 }
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -7,7 +7,7 @@
 #include "import/ImportOptions.h"
 #include "import/ImportSummary.h"
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 // The library's steps run on every file: triangles only, indexed vertices, normals where the
 // file has none, points and lines removed, the scene's structure validated.
@@ -20,4 +20,4 @@ bool ImportModelFile(const std::string& input, const std::string& output,
                      const ImportOptions& options, const std::string& exportOptions,
                      ImportSummary& summary, std::string& error);
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 PODQUATERNIONf PODRotationKey(const aiQuaternion& rotation) {
   const double length =
@@ -66,4 +66,4 @@ bool TransformsClose(const aiMatrix4x4& a, const aiMatrix4x4& b, float tolerance
   return true;
 }
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -12,7 +12,7 @@
 
 #include "pod/PODMatrix.h"
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 // A node's local transform, split as the library's animation keys are.
 struct LocalTransform {
@@ -38,4 +38,4 @@ bool TransformsClose(const aiMatrix4x4& a, const aiMatrix4x4& b, float tolerance
 
 bool IsFinite(const aiMatrix4x4& m);
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -3,7 +3,7 @@
 #include "pod/AtomicFile.h"
 #include "pod/PODWriter.h"
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 bool WritePODFileReplacing(const SPODScene& scene, const std::string& path,
                            const std::string& exportOptions, std::string& error) {
@@ -20,4 +20,4 @@ bool WritePODFileReplacing(const SPODScene& scene, const std::string& path,
   return true;
 }
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -6,11 +6,11 @@
 
 #include "pod/PODModel.h"
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 // False with a one-line `error` when the file cannot be written; the target is then as it was
 // and no temporary file remains.
 bool WritePODFileReplacing(const SPODScene& scene, const std::string& path,
                            const std::string& exportOptions, std::string& error);
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -7,7 +7,7 @@
 
 #include "import/AnimationSampling.h"
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 namespace {
 
@@ -861,4 +861,4 @@ void PODSceneImporter::BuildChannels(PODSceneBuilder& builder, const PlannedNode
   builder.SetAnimScale(index, scale, movesS);
 }
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

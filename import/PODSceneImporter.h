@@ -41,7 +41,7 @@
 #include "pod/PODSceneBuilder.h"
 #include "import/SourceHierarchy.h"
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 // Ceilings that keep a hostile file from asking for absurd amounts of memory.
 const size_t kMaxSourceNodes = size_t{1} << 22;
@@ -131,4 +131,4 @@ class PODSceneImporter {
   std::vector<uint32_t> m_usedMaterials;  // source materials, in POD order
 };
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -3,7 +3,7 @@
 #include <unordered_set>
 #include <utility>
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 bool SourceHierarchy::Build(const aiNode* root, size_t maxNodes) {
   m_nodes.clear();
@@ -43,4 +43,4 @@ int32_t SourceHierarchy::Find(const aiString& name) const {
   return it == m_byName.end() ? -1 : it->second;
 }
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

@@ -12,7 +12,7 @@
 
 #include "import/PODConventions.h"
 
-namespace korvex_import {
+namespace korvex::podimport {
 
 // The text of a library string, never read past its buffer.
 inline std::string NameOf(const aiString& name) {
@@ -46,4 +46,4 @@ class SourceHierarchy {
   uint32_t m_revisited = 0;
 };
 
-}  // namespace korvex_import
+}  // namespace korvex::podimport

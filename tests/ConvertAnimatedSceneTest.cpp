@@ -215,17 +215,17 @@ void CheckAnimatedQsn(const Qsn& q) {
 }
 
 TEST(ConvertAnimatedScene, ConvertedEndToEndByTheTool) {
-  korvex_test::TempDir dir;
+  korvex::test::TempDir dir;
   {
     CPODScene scene;
     BuildScene(scene);
     ASSERT_TRUE(scene.SavePOD(dir.file("anim.pod").c_str(), "options"));
   }
-  const korvex_test::RunResult run =
-      korvex_test::Run(korvex_test::KorvexExe(), {dir.file("anim.pod")});
+  const korvex::test::RunResult run =
+      korvex::test::Run(korvex::test::KorvexExe(), {dir.file("anim.pod")});
   ASSERT_EQ(run.exitStatus, 0) << run.out << run.err;
-  EXPECT_TRUE(korvex_test::FileExists(dir.file("anim.PODx")));
-  Qsn q{korvex_test::ReadFileBytes(dir.file("anim.qsn"))};
+  EXPECT_TRUE(korvex::test::FileExists(dir.file("anim.PODx")));
+  Qsn q{korvex::test::ReadFileBytes(dir.file("anim.qsn"))};
   CheckAnimatedQsn(q);
   EXPECT_STREQ(reinterpret_cast<const char*>(&q.bytes.at(12)), "anim.PODx");
 }
@@ -233,7 +233,7 @@ TEST(ConvertAnimatedScene, ConvertedEndToEndByTheTool) {
 // Records that take the scene's stream arrays as they are (as the tool converts) give the file
 // that records with copies give; the arrays stay the scene's when the model goes.
 TEST(ConvertAnimatedScene, RecordsBorrowingTheScenesArraysWriteTheSameFile) {
-  korvex_test::TempDir dir;
+  korvex::test::TempDir dir;
   {
     CPODScene built;
     BuildScene(built);
@@ -258,7 +258,7 @@ TEST(ConvertAnimatedScene, RecordsBorrowingTheScenesArraysWriteTheSameFile) {
     const std::string out = dir.file(borrow ? "borrowed.qsn" : "copied.qsn");
     SceneGraphWritter writer;
     ASSERT_TRUE(writer.WritetoFile(out, &model));
-    files[borrow] = korvex_test::ReadFileBytes(out);
+    files[borrow] = korvex::test::ReadFileBytes(out);
   }
   EXPECT_EQ(files[1], files[0]);
   CheckAnimatedQsn(Qsn{files[1]});
@@ -308,7 +308,7 @@ TEST(ConvertAnimatedScene, BakedRotationAtTheLastFrameIsTheLastKeyNormalised) {
   ASSERT_EQ(model.animationmeshnode.size(), 1u);
   ASSERT_EQ(model.animationcameranode.size(), 1u);
 
-  const PODQUATERNIONf expected[] = {identity, middle, korvex_test::ReferenceNormalised(last)};
+  const PODQUATERNIONf expected[] = {identity, middle, korvex::test::ReferenceNormalised(last)};
   const std::pair<const char*, const SSGNodeData*> tables[] = {
       {"mesh", &model.animationmeshnode[0]->animMatrixbuffer},
       {"camera", &model.animationcameranode[0]->animMatrixbuffer}};
@@ -317,8 +317,8 @@ TEST(ConvertAnimatedScene, BakedRotationAtTheLastFrameIsTheLastKeyNormalised) {
     ASSERT_EQ(table->length, 3u * 64);
     for (int f = 0; f < 3; ++f) {
       SCOPED_TRACE(f);
-      EXPECT_TRUE(korvex_test::SameBits(korvex_test::MatrixAt(table->data, size_t(f)),
-                                        korvex_test::ReferenceRotation(expected[f])));
+      EXPECT_TRUE(korvex::test::SameBits(korvex::test::MatrixAt(table->data, size_t(f)),
+                                        korvex::test::ReferenceRotation(expected[f])));
     }
   }
 }

@@ -18,10 +18,10 @@ namespace {
 
 using korvex::PODSceneBuilder;
 using korvex::PODStream;
-using korvex_test::KorvexExe;
-using korvex_test::ReadFileBytes;
-using korvex_test::Run;
-using korvex_test::TempDir;
+using korvex::test::KorvexExe;
+using korvex::test::ReadFileBytes;
+using korvex::test::Run;
+using korvex::test::TempDir;
 
 // ---------------------------------------------------------------------------------------------
 // Little-endian bytes of the expected file.
@@ -309,7 +309,7 @@ std::pair<std::vector<uint8_t>, std::vector<uint8_t>> Convert(const TempDir& dir
                                                               const std::string& messages = "") {
   const std::string input = dir.file(std::string(name) + ".pod");
   Save(build, "", input);
-  const korvex_test::RunResult r = Run(KorvexExe(), {input});
+  const korvex::test::RunResult r = Run(KorvexExe(), {input});
   EXPECT_EQ(r.out, "Converting " + input + "\nRenaming texture..." + messages + "\n");
   EXPECT_EQ(r.err, "");
   EXPECT_EQ(r.exitStatus, 0);

@@ -17,9 +17,9 @@
 
 namespace {
 
-using korvex_test::FileExists;
-using korvex_test::RunResult;
-using korvex_test::TempDir;
+using korvex::test::FileExists;
+using korvex::test::RunResult;
+using korvex::test::TempDir;
 using Bytes = std::vector<uint8_t>;
 
 struct Variant {
@@ -29,7 +29,7 @@ struct Variant {
 
 const Bytes& Example() {
   static const Bytes bytes =
-      korvex_test::ReadFileBytes(korvex_test::SourceDir() + "/examples/example.pod");
+      korvex::test::ReadFileBytes(korvex::test::SourceDir() + "/examples/example.pod");
   return bytes;
 }
 
@@ -59,12 +59,12 @@ void ExpectNeverSilent(const std::vector<Variant>& variants) {
     for (size_t i = next++; i < variants.size(); i = next++) {
       std::remove(output.c_str());
       std::remove(dir.file("scene.PODx").c_str());
-      if (!korvex_test::WriteFileBytes(input, variants[i].bytes)) {
+      if (!korvex::test::WriteFileBytes(input, variants[i].bytes)) {
         std::lock_guard<std::mutex> guard(lock);
         failures.push_back(variants[i].name + ": cannot write the input");
         continue;
       }
-      const RunResult r = korvex_test::Run(korvex_test::KorvexExe(), {input});
+      const RunResult r = korvex::test::Run(korvex::test::KorvexExe(), {input});
       const std::string fault = Judge(r, FileExists(output));
       if (!fault.empty()) {
         std::lock_guard<std::mutex> guard(lock);
@@ -147,8 +147,8 @@ TEST(DamagedInput, WarningsNameTheFileTheCauseAndWhatWasMadeOfIt) {
 
   // Cut just before the scene's end marker: everything is read, but the scene never ends.
   const std::string cut = dir.file("cut.pod");
-  ASSERT_TRUE(korvex_test::WriteFileBytes(cut, Bytes(full.begin(), full.end() - 8)));
-  RunResult r = korvex_test::Run(korvex_test::KorvexExe(), {cut});
+  ASSERT_TRUE(korvex::test::WriteFileBytes(cut, Bytes(full.begin(), full.end() - 8)));
+  RunResult r = korvex::test::Run(korvex::test::KorvexExe(), {cut});
   EXPECT_EQ(r.exitStatus, 0);
   EXPECT_TRUE(FileExists(dir.file("cut.qsn")));
   EXPECT_EQ(r.err, "Korvex: warning: " + cut + ": the data ends inside the scene at byte " +
@@ -162,8 +162,8 @@ TEST(DamagedInput, WarningsNameTheFileTheCauseAndWhatWasMadeOfIt) {
   Bytes nameless(full.begin(), full.begin() + name->begin);
   nameless.insert(nameless.end(), full.begin() + name->end, full.end());
   const std::string input = dir.file("nameless.pod");
-  ASSERT_TRUE(korvex_test::WriteFileBytes(input, nameless));
-  r = korvex_test::Run(korvex_test::KorvexExe(), {input});
+  ASSERT_TRUE(korvex::test::WriteFileBytes(input, nameless));
+  r = korvex::test::Run(korvex::test::KorvexExe(), {input});
   EXPECT_EQ(r.exitStatus, 0);
   EXPECT_TRUE(FileExists(dir.file("nameless.qsn")));
   EXPECT_EQ(r.err, "Korvex: warning: " + input + ": texture 0: block 4000 (pszName) is missing\n" +

@@ -13,7 +13,7 @@
 
 namespace {
 
-using korvex_test::TempDir;
+using korvex::test::TempDir;
 
 size_t FilesIn(const std::string& dir) {
   size_t n = 0;

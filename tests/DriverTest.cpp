@@ -21,21 +21,21 @@ namespace {
 
 using korvex::PODSceneBuilder;
 using korvex::PODStream;
-using korvex_test::FileExists;
-using korvex_test::KorvexExe;
-using korvex_test::RunResult;
-using korvex_test::TempDir;
+using korvex::test::FileExists;
+using korvex::test::KorvexExe;
+using korvex::test::RunResult;
+using korvex::test::TempDir;
 
 const int kAbort = 128 + 6;  // killed by SIGABRT
 
 // The executable, for what only it does: its command line and the runs that end abnormally.
 RunResult Korvex(const std::vector<std::string>& args, const std::string& cwd = "") {
-  return korvex_test::Run(KorvexExe(), args, cwd);
+  return korvex::test::Run(KorvexExe(), args, cwd);
 }
 
 // The same conversion in this process, for every run that ends normally.
 RunResult Convert(const std::vector<std::string>& args) {
-  return korvex_test::ConvertInProcess(args);
+  return korvex::test::ConvertInProcess(args);
 }
 
 // One textured triangle node: a scene every step of the pipeline accepts.
@@ -139,14 +139,14 @@ TEST(Driver, InputThatIsItsOwnIntermediateFileConverts) {
     const RunResult r = Convert({"-r0", dir.file(name)});
     EXPECT_EQ(r.exitStatus, 0) << name << r.err;
   }
-  const std::vector<uint8_t> expected = korvex_test::ReadFileBytes(dir.file("other.PODx"));
+  const std::vector<uint8_t> expected = korvex::test::ReadFileBytes(dir.file("other.PODx"));
   ASSERT_FALSE(expected.empty());
-  EXPECT_EQ(korvex_test::ReadFileBytes(dir.file("same.PODx")), expected);
-  EXPECT_EQ(korvex_test::ReadFileBytes(dir.file("linked.PODx")), expected);
+  EXPECT_EQ(korvex::test::ReadFileBytes(dir.file("same.PODx")), expected);
+  EXPECT_EQ(korvex::test::ReadFileBytes(dir.file("linked.PODx")), expected);
   // The outputs differ only in the intermediate file's name in the file header.
-  const std::vector<uint8_t> other = korvex_test::ReadFileBytes(dir.file("other.qsn"));
+  const std::vector<uint8_t> other = korvex::test::ReadFileBytes(dir.file("other.qsn"));
   for (const char* name : {"same.qsnx", "linked.qsn"}) {
-    const std::vector<uint8_t> qsn = korvex_test::ReadFileBytes(dir.file(name));
+    const std::vector<uint8_t> qsn = korvex::test::ReadFileBytes(dir.file(name));
     ASSERT_EQ(qsn.size(), other.size()) << name;
     ASSERT_GT(qsn.size(), 268u);
     EXPECT_TRUE(std::equal(qsn.begin() + 268, qsn.end(), other.begin() + 268)) << name;
@@ -325,13 +325,13 @@ TEST(Driver, StreamsShortOfTheVertexCountConvertOnlyWhenWelded) {
   const std::string input = dir.file("short.pod");
   ASSERT_TRUE(Save(b, input));
   // The writer stores as many vertices as the count says, so the count is raised in the file.
-  std::vector<uint8_t> bytes = korvex_test::ReadFileBytes(input);
+  std::vector<uint8_t> bytes = korvex::test::ReadFileBytes(input);
   const uint8_t count[] = {0x70, 0x17, 0, 0, 4, 0, 0, 0, 3, 0, 0, 0};  // vertex count 3
   const auto at = std::search(bytes.begin(), bytes.end(), std::begin(count), std::end(count));
   ASSERT_NE(at, bytes.end());
   ASSERT_EQ(std::search(at + 1, bytes.end(), std::begin(count), std::end(count)), bytes.end());
   at[8] = 5;
-  ASSERT_TRUE(korvex_test::WriteFileBytes(input, bytes));
+  ASSERT_TRUE(korvex::test::WriteFileBytes(input, bytes));
 
   RunResult r = Convert({input});
   EXPECT_EQ(r.exitStatus, 1);

@@ -20,7 +20,7 @@
 
 namespace {
 
-using namespace korvex_test;
+using namespace korvex::test;
 
 // glibc's rendering of the length line, whose "%l" conversion has no type letter.
 const char* const kLengthLine = "Node length: %\n";

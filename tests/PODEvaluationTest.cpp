@@ -8,9 +8,9 @@
 #include "support/RotationReference.h"
 
 using korvex::PODSceneBuilder;
-using korvex_test::ReferenceNormalised;
-using korvex_test::ReferenceRotation;
-using korvex_test::SameBits;
+using korvex::test::ReferenceNormalised;
+using korvex::test::ReferenceRotation;
+using korvex::test::SameBits;
 
 namespace {
 

@@ -157,7 +157,7 @@ TEST(PODReadReport, FailuresNameTheirCauseTheRecordAndTheByte) {
 }
 
 TEST(PODReadReport, OptionsModeAndUnreadableFilesSayWhy) {
-  korvex_test::TempDir dir;
+  korvex::test::TempDir dir;
   char options[16];
   CPODScene scene;
   PODReadReport report;

@@ -20,14 +20,14 @@ namespace {
 
 class PODReaderTest : public ::testing::Test {
  protected:
-  korvex_test::TempDir dir;
+  korvex::test::TempDir dir;
   CPODScene scene;
 
   void TearDown() override { podtest::ReleaseScene(scene); }
 
   std::string Put(const Bytes& b, const char* name = "in.pod") {
     std::string path = dir.file(name);
-    EXPECT_TRUE(korvex_test::WriteFileBytes(path, b.v));
+    EXPECT_TRUE(korvex::test::WriteFileBytes(path, b.v));
     return path;
   }
   bool Load(const Bytes& b) {
@@ -369,12 +369,12 @@ TEST_F(PODReaderTest, StreamsAreBorrowedFromTheFileTheSceneKeeps) {
 // A loaded file is followed by a zero byte, also when it ends exactly on a page boundary (where a
 // mapping of the file alone would end).
 TEST(PODResourceFile, LoadedFileIsFollowedByAZeroWhateverItsLength) {
-  korvex_test::TempDir dir;
+  korvex::test::TempDir dir;
   const long page = sysconf(_SC_PAGESIZE);
   ASSERT_GT(page, 0);
   for (size_t size : {size_t(1), size_t(page) - 1, size_t(page), 2 * size_t(page)}) {
     const std::string path = dir.file("f" + std::to_string(size));
-    ASSERT_TRUE(korvex_test::WriteFileBytes(path, std::vector<uint8_t>(size, 0xA5)));
+    ASSERT_TRUE(korvex::test::WriteFileBytes(path, std::vector<uint8_t>(size, 0xA5)));
     CResourceFile f(path.c_str());
     ASSERT_TRUE(f.IsOpen()) << size;
     ASSERT_EQ(f.Size(), size);

@@ -165,7 +165,7 @@ TEST(PODRecordLayout, OnlyTheFormatsMembersAreClearedAsARecordStarts) {
 // writing it gives the same bytes.
 TEST(PODRecordLayout, AFileHoldingEveryWrittenTagReadsAndWritesToTheSameBytes) {
   korvex::PODSceneBuilder b;
-  korvex_test::BuildFullPODScene(b);
+  korvex::test::BuildFullPODScene(b);
   CPODScene built;
   ASSERT_TRUE(b.Build(built));
   bool ok = false;
@@ -217,7 +217,7 @@ TEST(PODRecordLayout, TheSaveCheckNamesWhatTheWriterCannotWrite) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     korvex::PODSceneBuilder b;
-    korvex_test::BuildFullPODScene(b);
+    korvex::test::BuildFullPODScene(b);
     CPODScene scene;
     ASSERT_TRUE(b.Build(scene));
     c.damage(scene);

@@ -113,16 +113,16 @@ void ExpectSameScene(const SPODScene& a, const SPODScene& b) {
 
 TEST(PODRoundTrip, FullSceneComesBackFieldForFieldAndByteForByte) {
   PODSceneBuilder b;
-  korvex_test::BuildFullPODScene(b);
+  korvex::test::BuildFullPODScene(b);
   CPODScene built;
   ASSERT_TRUE(b.Build(built));
   bool ok = false;
   std::vector<uint8_t> first = WriteBytes(built, "-opt", &ok);
   ASSERT_TRUE(ok);
 
-  korvex_test::TempDir dir;
+  korvex::test::TempDir dir;
   std::string path = dir.file("full.PODx");
-  ASSERT_TRUE(korvex_test::WriteFileBytes(path, first));
+  ASSERT_TRUE(korvex::test::WriteFileBytes(path, first));
   char options[2048];
   CPODScene read;
   ASSERT_TRUE(read.ReadFromFile(path.c_str(), options, sizeof options));

@@ -14,7 +14,7 @@
 
 namespace {
 
-using namespace korvex_import;
+using namespace korvex::podimport;
 
 TEST(PodImportInfluences, StrongestFourKeptAndScaledToOne) {
   const float nan = std::nanf("");

@@ -20,9 +20,9 @@
 
 namespace {
 
-using korvex_test::FileExists;
-using korvex_test::RunResult;
-using korvex_test::TempDir;
+using korvex::test::FileExists;
+using korvex::test::RunResult;
+using korvex::test::TempDir;
 using podimport_test::Gltf;
 using podimport_test::PodImport;
 using podimport_test::WriteText;
@@ -45,7 +45,7 @@ std::unique_ptr<Converted> Convert(const TempDir& dir, const std::string& source
   extra.push_back(dir.file("model.pod"));
   out->import = PodImport(extra);
   if (out->import.exitStatus != 0) return out;
-  out->korvex = korvex_test::Run(korvex_test::KorvexExe(), {dir.file("model.pod")});
+  out->korvex = korvex::test::Run(korvex::test::KorvexExe(), {dir.file("model.pod")});
   if (out->korvex.exitStatus != 0) return out;
   SceneGraphLoader loader;
   out->loaded = loader.readFromFile(dir.file("model.qsn"), &out->model);
@@ -345,7 +345,7 @@ TEST(PodImportRefusals, BadInputsGiveStatusOneAndLeaveNothingBehind) {
   TempDir dir;
   std::vector<uint8_t> noise(300);
   for (size_t i = 0; i < noise.size(); ++i) noise[i] = uint8_t(i * 151 + 7);
-  ASSERT_TRUE(korvex_test::WriteFileBytes(dir.file("noise.xyz"), noise));
+  ASSERT_TRUE(korvex::test::WriteFileBytes(dir.file("noise.xyz"), noise));
   ASSERT_TRUE(WriteText(dir.file("lines.obj"), "v 0 0 0\nv 1 0 0\nl 1 2\n"));
   ASSERT_TRUE(WriteText(dir.file("empty.gltf"),
                         "{\"asset\":{\"version\":\"2.0\"},\"scene\":0,"
@@ -379,7 +379,7 @@ TEST(PodImportRefusals, BadInputsGiveStatusOneAndLeaveNothingBehind) {
   }
   // No output, no temporary file; an earlier output stays as it was.
   EXPECT_EQ(DirectoryEntries(dir.path()), before);
-  EXPECT_EQ(korvex_test::ReadFileBytes(dir.file("kept.pod")).size(), 7u);
+  EXPECT_EQ(korvex::test::ReadFileBytes(dir.file("kept.pod")).size(), 7u);
 }
 
 TEST(PodImportRefusals, CommandLineMistakesGiveStatusTwo) {

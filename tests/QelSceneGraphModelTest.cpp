@@ -9,7 +9,7 @@
 
 namespace {
 
-using namespace korvex_test;
+using namespace korvex::test;
 
 class PODFileAccess : public ::testing::Test {
  protected:

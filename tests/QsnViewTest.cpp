@@ -25,15 +25,15 @@ namespace {
 using korvex::PODSceneBuilder;
 using korvex::PODStream;
 using korvex::view::Image;
-using korvex_test::FileExists;
-using korvex_test::RunResult;
-using korvex_test::TempDir;
+using korvex::test::FileExists;
+using korvex::test::RunResult;
+using korvex::test::TempDir;
 
 const uint32_t kWidth = 128, kHeight = 96;
 const float kFov = 0.6f;
 
 RunResult QsnView(const std::vector<std::string>& args) {
-  return korvex_test::Run(korvex_test::BinDir() + "/qsnview", args);
+  return korvex::test::Run(korvex::test::BinDir() + "/qsnview", args);
 }
 
 // An axis-aligned box of 8 shared corners, its normals pointing away from its centre.
@@ -70,7 +70,7 @@ std::string Convert(const TempDir& dir, PODSceneBuilder& b, const std::string& n
   EXPECT_TRUE(b.Build(scene));
   const std::string pod = dir.file(name + ".pod");
   EXPECT_TRUE(scene.SavePOD(pod.c_str(), "options"));
-  const RunResult r = korvex_test::Run(korvex_test::KorvexExe(), {pod});
+  const RunResult r = korvex::test::Run(korvex::test::KorvexExe(), {pod});
   EXPECT_EQ(r.exitStatus, 0) << r.err;
   return dir.file(name + ".qsn");
 }
@@ -301,8 +301,8 @@ TEST(QsnView, TheUVOptionShowsAChecker) {
 TEST(QsnView, WrongInputEndsWithStatusOneAndLeavesTheImageAlone) {
   TempDir dir;
   const std::string png = dir.file("keep.png");
-  ASSERT_TRUE(korvex_test::WriteFileBytes(png, {'o', 'l', 'd'}));
-  ASSERT_TRUE(korvex_test::WriteFileBytes(dir.file("junk.qsn"), {1, 2, 3, 4, 5}));
+  ASSERT_TRUE(korvex::test::WriteFileBytes(png, {'o', 'l', 'd'}));
+  ASSERT_TRUE(korvex::test::WriteFileBytes(dir.file("junk.qsn"), {1, 2, 3, 4, 5}));
   PODSceneBuilder b;
   MovingBox(b);
   const std::string qsn = Convert(dir, b, "moving");
@@ -322,7 +322,7 @@ TEST(QsnView, WrongInputEndsWithStatusOneAndLeavesTheImageAlone) {
     const RunResult r = QsnView(c.args);
     EXPECT_EQ(r.exitStatus, 1);
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
-    EXPECT_EQ(korvex_test::ReadFileBytes(png), (std::vector<uint8_t>{'o', 'l', 'd'}));
+    EXPECT_EQ(korvex::test::ReadFileBytes(png), (std::vector<uint8_t>{'o', 'l', 'd'}));
   }
   for (const std::vector<std::string>& args :
        std::vector<std::vector<std::string>>{{qsn}, {"--size", "0x5", qsn, png}, {"--frame", "2", "--sheet", qsn, png},

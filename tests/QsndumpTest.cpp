@@ -20,13 +20,13 @@
 
 namespace {
 
-using namespace korvex_test;
+using namespace korvex::test;
 
 // Runs the tool (Run alone would name the test's own method). Under AddressSanitizer the printf
 // interceptor notes the dump's untyped "%l" conversion on standard error; that note is the
 // sanitizer's, not the tool's, and is dropped here.
 RunResult Qsndump(const std::vector<std::string>& args) {
-  RunResult r = korvex_test::Run(BinDir() + "/qsndump", args);
+  RunResult r = korvex::test::Run(BinDir() + "/qsndump", args);
   static const std::regex note(
       "==[0-9]+==AddressSanitizer: WARNING: unexpected format specifier in printf interceptor: %l\n"
       "( \\(reported once per process\\)\n)?");

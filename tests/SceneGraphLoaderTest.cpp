@@ -11,7 +11,7 @@
 
 namespace {
 
-using namespace korvex_test;
+using namespace korvex::test;
 
 std::vector<uint8_t> Write(QelSceneGraphModel& model, const std::string& path) {
   SceneGraphWritter writer;

@@ -14,7 +14,7 @@
 
 namespace {
 
-using namespace korvex_test;
+using namespace korvex::test;
 
 std::vector<std::string> DirEntries(const std::string& dir) {
   std::vector<std::string> names;

@@ -12,9 +12,9 @@ namespace {
 
 using korvex::PODSceneBuilder;
 using korvex::PODStream;
-using korvex_test::ReferenceNormalised;
-using korvex_test::ReferenceRotation;
-using korvex_test::SameBits;
+using korvex::test::ReferenceNormalised;
+using korvex::test::ReferenceRotation;
+using korvex::test::SameBits;
 
 // A skinned two-vertex mesh node 0 with identity bind keys;
 // then the bones hip (a root) and knee (below hip). The record holds the static volumes the mesh
@@ -107,7 +107,7 @@ TEST(SkeletonNodeConverter, ABonesLastKeyIsNormalisedInItsMatrixAndTheVolumes) {
   const PODQUATERNIONf expected[] = {identity, middle, ReferenceNormalised(last)};
   for (int f = 0; f < 3; ++f) {
     SCOPED_TRACE(f);
-    const PODMATRIXf m = korvex_test::MatrixAt(s.r->sBoneWorldMatrixbuffer.data, size_t(f));
+    const PODMATRIXf m = korvex::test::MatrixAt(s.r->sBoneWorldMatrixbuffer.data, size_t(f));
     const PODMATRIXf r = ReferenceRotation(expected[f]);
     EXPECT_TRUE(SameBits(m, r));
     // One bone: the sphere centre (1, 0, 0) and the box centre (0, 2, 0), carried by it.

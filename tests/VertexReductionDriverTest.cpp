@@ -16,8 +16,8 @@ namespace {
 
 using korvex::PODSceneBuilder;
 using korvex::PODStream;
-using korvex_test::RunResult;
-using korvex_test::TempDir;
+using korvex::test::RunResult;
+using korvex::test::TempDir;
 using reduction_test::Values;
 
 // Two quads of a unit cube's faces z = 0 and y = 0, 4 vertices each, sharing the edge P0-P1
@@ -52,7 +52,7 @@ TEST(VertexReductionDriver, ExactWeldingReachesTheIntermediateFile) {
   const std::string input = dir.file("faces.pod");
   ASSERT_TRUE(scene.SavePOD(input.c_str(), "options"));
 
-  const RunResult r = korvex_test::ConvertInProcess({"-r0", input});
+  const RunResult r = korvex::test::ConvertInProcess({"-r0", input});
   ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
   // With a material the shared edge keeps both copies (coordinates differ): 8 stay. Without,
   // only the 6 positions stay.
@@ -98,7 +98,7 @@ TEST(VertexReductionDriver, NearWeldingAndTheThirdTextureSet) {
 
   for (const char* flag : {"-r1", "-r0"}) {
     const bool nearly = std::string(flag) == "-r1";
-    const RunResult r = korvex_test::ConvertInProcess({flag, input});
+    const RunResult r = korvex::test::ConvertInProcess({flag, input});
     ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
     const std::string lines = ReductionLines(nearly ? "NEARLY same" : "SAME", 5, nearly ? 4 : 5);
     const size_t cut = lines.find("UV...") + 5;  // the header line is left open

@@ -15,7 +15,7 @@
 #include "pod/Diagnostics.h"
 
 int main(int argc, char** argv) {
-  using namespace korvex_import;
+  using namespace korvex::podimport;
   korvex::EndRunOnFailedNew("podimport");
   const std::vector<std::string> all(argv, argv + argc);
   const std::vector<std::string> args(all.begin() + (argc > 0 ? 1 : 0), all.end());

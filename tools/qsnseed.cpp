@@ -12,10 +12,10 @@
 
 namespace {
 
-using korvex_test::AddNode;
+using korvex::test::AddNode;
 
 bool Write(QelSceneGraphModel& model, const std::string& path) {
-  korvex_test::SetFileHeader(model, "scene.PODx");
+  korvex::test::SetFileHeader(model, "scene.PODx");
   SceneGraphWritter writer;
   return writer.WritetoFile(path, &model);
 }
@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
   }
   {
     QelSceneGraphModel model;
-    korvex_test::BuildEveryKindModel(model);
+    korvex::test::BuildEveryKindModel(model);
     ok = Write(model, dir + "/every_kind.qsn") && ok;
   }
   {

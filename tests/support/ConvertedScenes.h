@@ -115,13 +115,13 @@ inline void BuildEveryKindScene(PODSceneBuilder& b) {
 }
 
 // Writes DIR/NAME.pod and converts it with Korvex into DIR/NAME.qsn (and DIR/NAME.PODx).
-inline std::string Convert(PODSceneBuilder& b, const korvex_test::TempDir& dir,
+inline std::string Convert(PODSceneBuilder& b, const korvex::test::TempDir& dir,
                            const std::string& name) {
   CPODScene scene;
   EXPECT_TRUE(b.Build(scene));
   const std::string pod = dir.file(name + ".pod");
   EXPECT_TRUE(scene.SavePOD(pod.c_str(), "test options"));
-  const korvex_test::RunResult run = korvex_test::Run(korvex_test::KorvexExe(), {pod});
+  const korvex::test::RunResult run = korvex::test::Run(korvex::test::KorvexExe(), {pod});
   EXPECT_EQ(run.exitStatus, 0) << run.out << run.err;
   return dir.file(name + ".qsn");
 }

@@ -6,7 +6,7 @@
 using korvex::PODSceneBuilder;
 using korvex::PODStream;
 
-namespace korvex_test {
+namespace korvex::test {
 
 namespace {
 
@@ -84,4 +84,4 @@ void BuildFullPODScene(PODSceneBuilder& b) {
   b.SetAnimMatrix(still, Ramp(16, 0), false);
 }
 
-}  // namespace korvex_test
+}  // namespace korvex::test

@@ -6,8 +6,8 @@
 
 #include "pod/PODSceneBuilder.h"
 
-namespace korvex_test {
+namespace korvex::test {
 
 void BuildFullPODScene(korvex::PODSceneBuilder& b);
 
-}  // namespace korvex_test
+}  // namespace korvex::test

@@ -70,15 +70,15 @@ class Gltf {
 };
 
 inline bool WriteText(const std::string& path, const std::string& text) {
-  return korvex_test::WriteFileBytes(path, std::vector<uint8_t>(text.begin(), text.end()));
+  return korvex::test::WriteFileBytes(path, std::vector<uint8_t>(text.begin(), text.end()));
 }
 
 inline std::string PodImportExe() {
-  return korvex_test::BinDir() + "/podimport";
+  return korvex::test::BinDir() + "/podimport";
 }
 
-inline korvex_test::RunResult PodImport(const std::vector<std::string>& args) {
-  return korvex_test::Run(PodImportExe(), args);
+inline korvex::test::RunResult PodImport(const std::vector<std::string>& args) {
+  return korvex::test::Run(PodImportExe(), args);
 }
 
 }  // namespace podimport_test

@@ -5,7 +5,7 @@
 #include <iomanip>
 #include <sstream>
 
-namespace korvex_test {
+namespace korvex::test {
 
 PODQUATERNIONf ReferenceNormalised(const PODQUATERNIONf& q) {
   const float sum = q.x * q.x + q.y * q.y + q.z * q.z + q.w * q.w;
@@ -50,4 +50,4 @@ PODMATRIXf MatrixAt(const uint8_t* data, size_t index) {
   return ::testing::AssertionFailure() << "elements differ:" << differences.str();
 }
 
-}  // namespace korvex_test
+}  // namespace korvex::test

@@ -10,7 +10,7 @@
 
 #include "pod/PODMatrix.h"
 
-namespace korvex_test {
+namespace korvex::test {
 
 // q divided by its length: squares summed in float, root and reciprocal in double, each
 // component scaled in double and rounded to float.
@@ -26,4 +26,4 @@ PODMATRIXf MatrixAt(const uint8_t* data, size_t index);
 // lists the elements that differ.
 ::testing::AssertionResult SameBits(const PODMATRIXf& actual, const PODMATRIXf& expected);
 
-}  // namespace korvex_test
+}  // namespace korvex::test

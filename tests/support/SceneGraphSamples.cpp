@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-namespace korvex_test {
+namespace korvex::test {
 
 uint32_t U32At(const std::vector<uint8_t>& b, size_t o) {
   return uint32_t(b.at(o)) | uint32_t(b.at(o + 1)) << 8 | uint32_t(b.at(o + 2)) << 16 |
@@ -79,4 +79,4 @@ void BuildEveryKindModel(QelSceneGraphModel& model) {
   SetFileHeader(model, "scene.PODx");
 }
 
-}  // namespace korvex_test
+}  // namespace korvex::test

@@ -8,7 +8,7 @@
 
 #include "qsn/QelSceneGraphModel.h"
 
-namespace korvex_test {
+namespace korvex::test {
 
 uint32_t U32At(const std::vector<uint8_t>& bytes, size_t offset);
 void PutU32(std::vector<uint8_t>& bytes, size_t offset, uint32_t value);
@@ -39,4 +39,4 @@ void FillMesh(SSGQelMeshNodeData& mesh, uint32_t sets, uint8_t seed);
 // One record of every kind 2001..2012, each array non-empty and distinct.
 void BuildEveryKindModel(QelSceneGraphModel& model);
 
-}  // namespace korvex_test
+}  // namespace korvex::test

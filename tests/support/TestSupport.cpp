@@ -16,7 +16,7 @@
 #include "pipeline/Conversion.h"
 #include "pod/Diagnostics.h"
 
-namespace korvex_test {
+namespace korvex::test {
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");
@@ -116,4 +116,4 @@ RunResult ConvertInProcess(const std::vector<std::string>& args) {
   return result;
 }
 
-}  // namespace korvex_test
+}  // namespace korvex::test

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace korvex_test {
+namespace korvex::test {
 
 // A fresh directory under the system's temporary directory, removed with its contents.
 class TempDir {
@@ -46,4 +46,4 @@ std::string KorvexExe();
 std::string BinDir();
 std::string SourceDir();
 
-}  // namespace korvex_test
+}  // namespace korvex::test

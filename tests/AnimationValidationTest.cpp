@@ -7,6 +7,7 @@
 
 #include "AnimationValidation.h"
 #include "PODSceneBuilder.h"
+#include "SceneRules.h"
 
 namespace {
 
@@ -61,7 +62,7 @@ TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) 
     CPODScene scene;
     ASSERT_TRUE(b.Build(scene));
     c.spoil(scene);
-    const std::string problem = CheckAnimatedNode(scene, c.node);
+    const std::string problem = CheckAnimatedNode(scene, korvex::SceneRules(scene), c.node);
     if (c.expected[0] == '\0') {
       EXPECT_EQ(problem, "") << "case for node " << c.node;
     } else {

@@ -20,16 +20,17 @@ using korvex::NodeKind;
 using korvex::PODSceneBuilder;
 using korvex::SceneRules;
 
-TEST(SceneRules, MeshNameKeywordDecidesTheKindAtTheStartOfTheNameOnly) {
+TEST(SceneRules, MeshKindIsTheKeywordAtTheStartOfTheNameElseFramesAndBoneBatchesDecide) {
   struct Case {
     const char* name;
     NodeKind kind;
+    bool frames = false, skinned = false;
   };
   const Case cases[] = {
       {"BILLBOARD", NodeKind::kBillboard},
       {"BILLBOARDtree", NodeKind::kBillboard},
-      {"billboard", NodeKind::kMesh},  // case matters
-      {"BILLBOAR", NodeKind::kMesh},   // shorter than the keyword
+      {"billboard", NodeKind::kMesh},   // case matters
+      {"BILLBOAR", NodeKind::kMesh},    // shorter than the keyword
       {"xBILLBOARD", NodeKind::kMesh},  // not at the start
       {"MARKERS", NodeKind::kMarker},
       {"Marker", NodeKind::kMesh},
@@ -50,34 +51,17 @@ TEST(SceneRules, MeshNameKeywordDecidesTheKindAtTheStartOfTheNameOnly) {
       {"SKYBOXLIGHTMAP001", NodeKind::kSkyBox},
       {"", NodeKind::kMesh},
       {nullptr, NodeKind::kMesh},
+      // Without keyword a mesh of a scene with frames is baked, skeletal with bone batches.
+      {"Body", NodeKind::kMesh, false, true},
+      {"Body", NodeKind::kAnimationMesh, true, false},
+      {"Body", NodeKind::kSkeletalMesh, true, true},
+      {"MARKER1", NodeKind::kMarker, true, true},  // keyword meshes are never baked
+      {"LIGHTMAP001x", NodeKind::kLightMappedMesh, true, true},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name ? c.name : "(null)");
-    EXPECT_EQ(korvex::MeshNodeKind(c.name, false, false), c.kind);
-  }
-}
-
-TEST(SceneRules, FramesBakeEveryMeshWithoutKeywordAndBoneBatchesMakeItSkeletal) {
-  struct Case {
-    const char* name;
-    bool frames, skinned;
-    NodeKind kind;
-    bool baked;
-  };
-  const Case cases[] = {
-      {"Body", false, false, NodeKind::kMesh, false},
-      {"Body", false, true, NodeKind::kMesh, false},
-      {"Body", true, false, NodeKind::kAnimationMesh, true},
-      {"Body", true, true, NodeKind::kSkeletalMesh, true},
-      {"MARKER1", true, true, NodeKind::kMarker, false},
-      {"LIGHTMAP001x", true, true, NodeKind::kLightMappedMesh, false},
-      {"COLLISIONBOX", true, false, NodeKind::kCollisionBox, false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.name) + (c.frames ? " frames" : "") + (c.skinned ? " skinned" : ""));
-    const NodeKind kind = korvex::MeshNodeKind(c.name, c.frames, c.skinned);
-    EXPECT_EQ(kind, c.kind);
-    EXPECT_EQ(korvex::IsBaked(kind), c.baked);
+    SCOPED_TRACE(std::string(c.name ? c.name : "(null)") + (c.frames ? " frames" : "") +
+                 (c.skinned ? " skinned" : ""));
+    EXPECT_EQ(korvex::MeshNodeKind(c.name, c.frames, c.skinned), c.kind);
   }
 }
 
@@ -99,14 +83,17 @@ TEST(SceneRules, NodeKindsFollowTheRangeOfTheNodeArray) {
   struct Case {
     uint32_t frames;
     std::vector<NodeKind> kinds;
+    std::vector<bool> baked;
   };
   const Case cases[] = {
       {0,
        {NodeKind::kMesh, NodeKind::kMesh, NodeKind::kMarker, NodeKind::kLight, NodeKind::kCamera,
-        NodeKind::kNotConverted}},
+        NodeKind::kNotConverted},
+       {false, false, false, false, false, false}},
       {4,
        {NodeKind::kSkeletalMesh, NodeKind::kAnimationMesh, NodeKind::kMarker, NodeKind::kLight,
-        NodeKind::kAnimationCamera, NodeKind::kNotConverted}},
+        NodeKind::kAnimationCamera, NodeKind::kNotConverted},
+       {true, true, false, false, true, false}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE("frames " + std::to_string(c.frames));
@@ -116,7 +103,10 @@ TEST(SceneRules, NodeKindsFollowTheRangeOfTheNodeArray) {
     ASSERT_TRUE(b.Build(scene));
     const SceneRules rules(scene);
     ASSERT_EQ(rules.nodeCount(), c.kinds.size());
-    for (uint32_t i = 0; i < rules.nodeCount(); ++i) EXPECT_EQ(rules.kind(i), c.kinds[i]) << i;
+    for (uint32_t i = 0; i < rules.nodeCount(); ++i) {
+      EXPECT_EQ(rules.kind(i), c.kinds[i]) << i;
+      EXPECT_EQ(rules.baked(i), c.baked[i]) << i;
+    }
   }
 }
 

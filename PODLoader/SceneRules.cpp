@@ -112,6 +112,7 @@ void SceneRules::linkLightMaps(const CPODScene& scene) {
       m_lightMapped.push_back(i);
     }
   }
+  m_lightMapNames = latest.size();
   // Meshes are linked once every definition is known: one may follow the meshes that use it.
   for (uint32_t i : m_lightMapped) {
     const auto found = latest.find(LightMapName(scene.pNode[i].pszName));
@@ -123,12 +124,8 @@ void SceneRules::linkLightMaps(const CPODScene& scene) {
 }
 
 void SceneRules::countHeaders(const CPODScene& scene) {
-  std::vector<std::string> names;
-  for (uint32_t i : m_definitions) names.push_back(scene.pNode[i].pszName);
-  std::sort(names.begin(), names.end());
-  const auto lightMaps = std::unique(names.begin(), names.end()) - names.begin();
   m_announced = scene.nNumMeshNode + scene.nNumCamera + scene.nNumLight + scene.nNumMaterial -
-                static_cast<uint32_t>(lightMaps);
+                static_cast<uint32_t>(m_lightMapNames);
 
   std::vector<int32_t> materials;
   m_made = 0;

@@ -118,6 +118,7 @@ class SceneRules {
   std::vector<uint32_t> m_lightMapped;
   // Per node: for a light-mapped mesh its definition, for a definition the earlier one; else -1.
   std::vector<int64_t> m_lightMap;
+  size_t m_lightMapNames = 0;  // distinct names among the definitions
   size_t m_unlinked = 0;
   uint32_t m_announced = 0;
   uint64_t m_made = 0;

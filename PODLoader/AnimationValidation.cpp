@@ -2,10 +2,9 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <vector>
 
 #include "pod/ChannelKeys.h"
+#include "convert/SceneRules.h"
 
 namespace {
 
@@ -25,58 +24,25 @@ std::string Format(const char* format, long long a, long long b = 0) {
   return text;
 }
 
-// Mesh nodes whose name starts with a keyword become special records, never baked ones.
-bool HasKeyword(const char* name) {
-  static const char* const kKeywords[] = {"BILLBOARD",       "MARKER",  "SKYBOX",
-                                          "COLLISIONBOX",    "PITBOX",  "F1COLLISIONBOX",
-                                          "COLLISIONSPHERE", "LIGHTMAP"};
-  if (name == nullptr) return false;
-  for (const char* keyword : kKeywords) {
-    if (std::strncmp(name, keyword, std::strlen(keyword)) == 0) return true;
-  }
-  return false;
-}
-
 // The skeletal converter evaluates every node with its parents (its frame-0 table), so every
-// chain must stay inside the node array and end at a root. Fills `depth` (nodes on each chain,
-// the node itself included) for the cost estimate below.
-std::string CheckParentChains(const CPODScene& scene, std::vector<uint32_t>& depth) {
-  const uint32_t count = scene.nNumNode;
-  const uint32_t kOnWalk = UINT32_MAX;
-  depth.assign(count, 0);  // 0 unseen, kOnWalk on the current walk, else the chain length
-  std::vector<uint32_t> walk;
-  for (uint32_t start = 0; start < count; ++start) {
-    walk.clear();
-    uint32_t i = start, known = 0;
-    for (;;) {
-      if (depth[i] == kOnWalk) return Format("parent chain of node %lld is cyclic", i);
-      if (depth[i] != 0) {
-        known = depth[i];
-        break;
-      }
-      depth[i] = kOnWalk;
-      walk.push_back(i);
-      const int32_t parent = scene.pNode[i].nIdxParent;
-      if (parent < 0) break;
-      if (static_cast<uint32_t>(parent) >= count) {
-        return Format("node %lld has parent %lld outside the node array", i, parent);
-      }
-      i = static_cast<uint32_t>(parent);
-    }
-    for (size_t w = walk.size(); w-- > 0;) depth[walk[w]] = ++known;
-  }
-  return std::string();
+// chain must stay inside the node array and end at a root.
+std::string CheckParentChains(const CPODScene& scene, const korvex::SceneRules& rules) {
+  const korvex::SceneRules::BrokenChain broken = rules.firstBrokenChain();
+  if (broken.node < 0) return std::string();
+  if (broken.cyclic) return Format("parent chain of node %lld is cyclic", broken.node);
+  return Format("node %lld has parent %lld outside the node array", broken.node,
+                scene.pNode[broken.node].nIdxParent);
 }
 
 // Node evaluations the skeletal conversion makes (each a local S x R x T): the frame-0 table of
 // every node with its chain, then per bone and frame the bone's chain and the mesh's parent chain.
 uint64_t SkeletalWork(const CPODScene& scene, const SPODNode& node, const int32_t* bones, int32_t k,
-                      const std::vector<uint32_t>& depth) {
+                      const korvex::SceneRules& rules) {
   uint64_t work = 0;
-  for (uint32_t d : depth) work += d;
-  const uint64_t parentDepth = node.nIdxParent > 0 ? depth[node.nIdxParent] : 0;
+  for (uint32_t i = 0; i < rules.nodeCount(); ++i) work += rules.depth(i);
+  const uint64_t parentDepth = node.nIdxParent > 0 ? rules.depth(node.nIdxParent) : 0;
   for (int32_t b = 0; b < k; ++b) {
-    work += uint64_t{scene.nNumFrame} * (depth[bones[b]] + parentDepth + 1);
+    work += uint64_t{scene.nNumFrame} * (rules.depth(bones[b]) + parentDepth + 1);
   }
   return work;
 }
@@ -93,7 +59,8 @@ std::string CheckBoneStream(const SPODMesh& mesh, const CPODData& stream, const 
   return std::string();
 }
 
-std::string CheckSkinnedMesh(const CPODScene& scene, const SPODNode& node, const SPODMesh& mesh) {
+std::string CheckSkinnedMesh(const CPODScene& scene, const korvex::SceneRules& rules,
+                             const SPODNode& node, const SPODMesh& mesh) {
   // The bind pose is read from the first keys of the mesh node, without a fallback.
   if (korvex::ScaleKeyCount(node) == 0) return "skinned mesh node has no pfAnimScale key";
   if (korvex::RotationKeyCount(node) == 0) return "skinned mesh node has no pfAnimRotation key";
@@ -121,10 +88,9 @@ std::string CheckSkinnedMesh(const CPODScene& scene, const SPODNode& node, const
 
   std::string problem = CheckBoneStream(mesh, mesh.sBoneIdx, "sBoneIdx");
   if (problem.empty()) problem = CheckBoneStream(mesh, mesh.sBoneWeight, "sBoneWeight");
-  std::vector<uint32_t> depth;
-  if (problem.empty()) problem = CheckParentChains(scene, depth);
+  if (problem.empty()) problem = CheckParentChains(scene, rules);
   if (problem.empty() && batches.pnBatchBoneCnt != nullptr && batches.nBatchBoneCntSize >= 4 &&
-      SkeletalWork(scene, node, batches.pnBatches, batches.pnBatchBoneCnt[0], depth) > kMaxWork) {
+      SkeletalWork(scene, node, batches.pnBatches, batches.pnBatchBoneCnt[0], rules) > kMaxWork) {
     problem = "bone hierarchy too deep for the frame count";
   }
   return problem;
@@ -132,24 +98,20 @@ std::string CheckSkinnedMesh(const CPODScene& scene, const SPODNode& node, const
 
 }  // namespace
 
-std::string CheckAnimatedNode(const CPODScene& scene, unsigned int nodeIndex) {
+std::string CheckAnimatedNode(const CPODScene& scene, const korvex::SceneRules& rules,
+                              unsigned int nodeIndex) {
   if (scene.nNumFrame == 0) return std::string();
   if (scene.pNode == nullptr || nodeIndex >= scene.nNumNode) {
     return "node index is outside the node array";
   }
   if (scene.m_pImpl == nullptr) return "scene has no frame-evaluation state";
 
+  if (!rules.baked(nodeIndex)) return std::string();
   const SPODNode& node = scene.pNode[nodeIndex];
-  const uint64_t meshNodes = scene.nNumMeshNode;
-  const uint64_t firstCamera = meshNodes + scene.nNumLight;
-  const bool isMesh = nodeIndex < meshNodes;
-  const bool isCamera = nodeIndex >= firstCamera && nodeIndex < firstCamera + scene.nNumCamera;
-  if (!isCamera && !(isMesh && !HasKeyword(node.pszName))) return std::string();
-
   if (scene.nNumFrame > kMaxFrames) {
     return Format("frame count %lld exceeds %lld", scene.nNumFrame, kMaxFrames);
   }
-  if (isCamera) {
+  if (rules.kind(nodeIndex) == korvex::NodeKind::kAnimationCamera) {
     if (node.nIdx < 0 || static_cast<uint32_t>(node.nIdx) >= scene.nNumCamera ||
         scene.pCamera == nullptr) {
       return "camera node's nIdx is outside the camera array";
@@ -161,6 +123,7 @@ std::string CheckAnimatedNode(const CPODScene& scene, unsigned int nodeIndex) {
     return "mesh node's nIdx is outside the mesh array";
   }
   const SPODMesh& mesh = scene.pMesh[node.nIdx];
-  if (mesh.sBoneBatches.nBatchCnt > 0) return CheckSkinnedMesh(scene, node, mesh);
+  if (rules.kind(nodeIndex) == korvex::NodeKind::kSkeletalMesh)
+    return CheckSkinnedMesh(scene, rules, node, mesh);
   return std::string();
 }

@@ -1,27 +1,20 @@
-// The converter object, the node walk, classification by name keyword, light-map linking, the
-// file header and the node headers.
+// The converter object, the node walk, the records each node kind gets, light-map linking, the
+// file header and the node headers. What each node is comes from the scene's rules.
 
 #include "convert/SceneGraphConverter.h"
-
-#include <cstring>
 
 #include "convert/AnimationNodeConverter.h"
 #include "pod/Assertion.h"
 #include "pod/PODModel.h"
 #include "qsn/QelSceneGraphModel.h"
+#include "convert/SceneRules.h"
 #include "convert/SkeletonNodeConverter.h"
+
+using korvex::NodeKind;
 
 namespace {
 
 const char* const kSource = "PODLoader/SceneGraphConverter";
-
-// Light-map names are exactly this long; light-mapped meshes start with one.
-const size_t kLightMapNameLength = 11;
-
-// The name starts with `keyword` (case-sensitive; a shorter name never matches).
-bool StartsWith(const char* name, const char* keyword) {
-  return std::strncmp(name, keyword, std::strlen(keyword)) == 0;
-}
 
 }  // namespace
 
@@ -33,17 +26,24 @@ SceneGraphConverter::SceneGraphConverter(QelSceneGraphModel* model)
 
 SceneGraphConverter::~SceneGraphConverter() = default;
 
+const korvex::SceneRules& SceneGraphConverter::rules() {
+  if (m_rules == nullptr || m_rulesScene != mScene) {
+    m_rules = std::make_unique<korvex::SceneRules>(*mScene);
+    m_rulesScene = mScene;
+  }
+  return *m_rules;
+}
+
 bool SceneGraphConverter::convertFromPOD(CPODScene* scene, const char* fileName) {
   mScene = scene;
-  const uint64_t meshEnd = mScene->nNumMeshNode;
-  const uint64_t lightEnd = meshEnd + mScene->nNumLight;
-  const uint64_t cameraEnd = lightEnd + mScene->nNumCamera;
-  for (uint32_t i = 0; i < mScene->nNumNode; ++i) {
-    if (i < meshEnd)
+  const korvex::SceneRules& sceneRules = rules();
+  for (uint32_t i = 0; i < sceneRules.nodeCount(); ++i) {
+    const NodeKind kind = sceneRules.kind(i);
+    if (korvex::IsMeshNodeKind(kind))
       buildMeshType(static_cast<int>(i));
-    else if (i < lightEnd)
+    else if (kind == NodeKind::kLight)
       buildLightType(static_cast<int>(i));
-    else if (i < cameraEnd)
+    else if (kind == NodeKind::kCamera || kind == NodeKind::kAnimationCamera)
       buildCameraType(static_cast<int>(i));
     // Other nodes (bones, helpers) are not converted.
   }
@@ -75,45 +75,44 @@ void SceneGraphConverter::getNodeListIDs(std::string name, int& objectIndex, int
 void SceneGraphConverter::buildMeshType(int nodeIndex) {
   SPODNode& node = mScene->pNode[nodeIndex];
   KX_ASSERT(node.nIdx != -1, kSource);
-  const char* name = node.pszName;
+  // What the node becomes is the scene rules' answer; here it gets its header and record.
+  const NodeKind kind = rules().kind(static_cast<uint32_t>(nodeIndex));
 
-  if (StartsWith(name, "BILLBOARD")) {
+  if (kind == NodeKind::kBillboard) {
     createNodeHeader(ESGBillboardNode, nodeIndex);
     mModel->createNode(createBillboard(nodeIndex), ESGBillboardNode);
-  } else if (StartsWith(name, "MARKER")) {
+  } else if (kind == NodeKind::kMarker) {
     createNodeHeader(ESGMarkerNode, nodeIndex);
     mModel->createNode(createMarker(nodeIndex), ESGMarkerNode);
-  } else if (StartsWith(name, "SKYBOX")) {
+  } else if (kind == NodeKind::kSkyBox) {
     createNodeHeader(ESGSkyBoxNode, nodeIndex);
     mModel->createNode(createSkyBox(nodeIndex), ESGSkyBoxNode);
-  } else if (StartsWith(name, "COLLISIONBOX") || StartsWith(name, "PITBOX") ||
-             StartsWith(name, "F1COLLISIONBOX")) {
+  } else if (kind == NodeKind::kCollisionBox) {
     createNodeHeader(ESGCollisionBoxNode, nodeIndex);
     mModel->createNode(createBoxCollider(nodeIndex), ESGCollisionBoxNode);
-  } else if (StartsWith(name, "COLLISIONSPHERE")) {
+  } else if (kind == NodeKind::kCollisionSphere) {
     createNodeHeader(ESGCollisionSphereNode, nodeIndex);
     mModel->createNode(createSphereCollider(nodeIndex), ESGCollisionSphereNode);
-  } else if (StartsWith(name, "LIGHTMAP")) {
-    if (std::strlen(name) == kLightMapNameLength) {
-      // A light-map definition: a material, no node of its own.
-      KX_ASSERT(node.nIdxMaterial != -1, kSource);
-      m_LightMap[name] = createMaterialData(nodeIndex);
-    } else {
-      createNodeHeader(ESGMeshNode, nodeIndex);
-      SSGQelMeshNodeData* record = createMesh(nodeIndex);
-      mModel->createNode(record, ESGMeshNode);
-      m_LightMapMesh.push_back(record);
-    }
-  } else if (mScene->nNumFrame == 0) {
+  } else if (kind == NodeKind::kLightMapDefinition) {
+    // A light-map definition: a material, no node of its own. A later definition of the same
+    // name takes over the map entry.
+    KX_ASSERT(node.nIdxMaterial != -1, kSource);
+    m_LightMap[korvex::LightMapName(node.pszName)] = createMaterialData(nodeIndex);
+  } else if (kind == NodeKind::kLightMappedMesh) {
     createNodeHeader(ESGMeshNode, nodeIndex);
-    mModel->createNode(createMesh(nodeIndex), ESGMeshNode);
-  } else if (mScene->pMesh[node.nIdx].sBoneBatches.nBatchCnt > 0) {
+    SSGQelMeshNodeData* record = createMesh(nodeIndex);
+    mModel->createNode(record, ESGMeshNode);
+    m_LightMapMesh.push_back(record);
+  } else if (kind == NodeKind::kSkeletalMesh) {
     createNodeHeader(ESGSkeletalMeshNode, nodeIndex);
     mModel->createNode(createSkeletalMesh(nodeIndex), ESGSkeletalMeshNode);
-  } else {
-    // In an animated scene every other mesh is baked, animated or not.
+  } else if (kind == NodeKind::kAnimationMesh) {
     createNodeHeader(ESGAnimationMeshNode, nodeIndex);
     mModel->createNode(createAnimationMesh(nodeIndex), ESGAnimationMeshNode);
+  } else {
+    // A plain mesh: no keyword, in a scene without frames.
+    createNodeHeader(ESGMeshNode, nodeIndex);
+    mModel->createNode(createMesh(nodeIndex), ESGMeshNode);
   }
 }
 
@@ -123,7 +122,7 @@ void SceneGraphConverter::buildLightType(int nodeIndex) {
 }
 
 void SceneGraphConverter::buildCameraType(int nodeIndex) {
-  if (mScene->nNumFrame != 0) {
+  if (rules().kind(static_cast<uint32_t>(nodeIndex)) == NodeKind::kAnimationCamera) {
     createNodeHeader(ESGAnimationCameraNode, nodeIndex);
     mModel->createNode(createAnimationCamera(nodeIndex), ESGAnimationCameraNode);
   } else {
@@ -133,11 +132,12 @@ void SceneGraphConverter::buildCameraType(int nodeIndex) {
 }
 
 void SceneGraphConverter::buildLightMapMesh() {
+  // Linked once every node has been walked: a light map may be defined after the meshes that use
+  // it, and a later definition of its name replaces an earlier one. A mesh names its light map by
+  // the first 11 characters of its own name.
   for (SSGQelMeshNodeData* record : m_LightMapMesh) {
     const SPODNode& node = mScene->pNode[record->indexToObject];
-    // The mesh names its light map by the first 11 characters of its own name.
-    const std::string prefix(node.pszName, strnlen(node.pszName, kLightMapNameLength));
-    const auto lightmap = this->m_LightMap.find(prefix);
+    const auto lightmap = this->m_LightMap.find(korvex::LightMapName(node.pszName));
     KX_ASSERT(lightmap != this->m_LightMap.end(), kSource);
     record->materialIndex[1] = lightmap->second;
   }
@@ -147,10 +147,7 @@ SSGFileHeader* SceneGraphConverter::createFileHeader(const char* fileName) {
   SSGFileHeader* header = newRecord<SSGFileHeader>();
   header->type = ESGFileHeader;
   header->version = 1;
-  // One header per mesh, light and camera node and per material, less the light-map definitions,
-  // which make a material but no node.
-  header->totalNodeNumber = mScene->nNumMeshNode + mScene->nNumCamera + mScene->nNumLight +
-                            mScene->nNumMaterial - static_cast<uint32_t>(m_LightMap.size());
+  header->totalNodeNumber = rules().announcedHeaders();
   // The bytes after the name stay zero; a name of 256 characters or more has no terminator.
   korvex::SGCopyName(header->PODFilename, sizeof header->PODFilename, fileName);
   return header;

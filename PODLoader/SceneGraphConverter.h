@@ -1,8 +1,8 @@
 #pragma once
 // Turns one loaded CPODScene into the records of one QelSceneGraphModel: walks the POD nodes
-// (mesh nodes, then lights, then cameras), classifies mesh nodes by the keyword their name starts
-// with, makes one node header and one record per converted node, links light-mapped meshes to
-// their light-map materials and checks the header count at the end.
+// (mesh nodes, then lights, then cameras), makes one node header and one record per converted
+// node of the kind the scene's rules (SceneRules) give it, links light-mapped meshes to their
+// light-map materials and checks the header count at the end.
 //
 // Records are calloc'd here and handed to the model, which owns them and the arrays their
 // SSGNodeData descriptors point at (each a separate malloc'd block). A temporary record whose
@@ -27,6 +27,9 @@ class CPODScene;
 class QelSceneGraphModel;
 class SkeletonNodeConverter;
 class AnimationNodeConverter;
+namespace korvex {
+class SceneRules;
+}
 
 class SceneGraphConverter {
  public:
@@ -37,6 +40,10 @@ class SceneGraphConverter {
 
   // The whole conversion; fileName (no directory) becomes the model's PODFilename. Always true.
   bool convertFromPOD(CPODScene* scene, const char* fileName);
+
+  // What each node of the scene is, its light maps and the header count, worked out once per
+  // scene and asked by the classification, the linking and the file header.
+  const korvex::SceneRules& rules();
 
   // With `borrow` set, records take the scene's vertex, normal, face, texture-coordinate (one
   // set) and bone arrays as they are instead of copies; the scene must then outlive the model.
@@ -120,4 +127,6 @@ class SceneGraphConverter {
   // Records of light-mapped meshes in creation order (owned by the model).
   std::list<SSGQelMeshNodeData*> m_LightMapMesh;
   bool m_borrowStreams = false;
+  std::unique_ptr<korvex::SceneRules> m_rules;
+  const CPODScene* m_rulesScene = nullptr;  // the scene m_rules was made for
 };

@@ -1,7 +1,5 @@
 #include "convert/SceneValidation.h"
 
-#include <algorithm>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -9,13 +7,16 @@
 #include "pod/PODMeshWeld.h"
 #include "pod/PODModel.h"
 #include "pod/PODWriter.h"
+#include "convert/SceneRules.h"
 
 namespace {
 
 // Each check returns true when the data is fine; on a problem it fills `out` and returns false.
+// The node and parent checks ask the scene's rules (`rules`, set for the conversion's checks).
 class Checker {
  public:
-  Checker(const CPODScene& scene, SceneCheck& out) : s(scene), out(out) {}
+  Checker(const CPODScene& scene, SceneCheck& out, const korvex::SceneRules* rules = nullptr)
+      : s(scene), out(out), rules(rules) {}
 
   bool fail(int64_t node, std::string problem) {
     out.node = node;
@@ -158,7 +159,7 @@ class Checker {
   }
 
   bool animated(int64_t i) {
-    const std::string problem = CheckAnimatedNode(s, static_cast<unsigned int>(i));
+    const std::string problem = CheckAnimatedNode(s, *rules, static_cast<unsigned int>(i));
     if (!problem.empty()) return fail(i, problem);
     return true;
   }
@@ -171,24 +172,17 @@ class Checker {
     if (n.nIdx < 0 || uint32_t(n.nIdx) >= s.nNumMesh)
       return fail(i, "mesh index " + std::to_string(n.nIdx) + " is out of range (" +
                          std::to_string(s.nNumMesh) + " meshes)");
-    const char* nm = n.pszName ? n.pszName : "";
-    auto starts = [nm](const char* keyword) {
-      return std::strncmp(nm, keyword, std::strlen(keyword)) == 0;
-    };
-    if (starts("BILLBOARD")) return meshRecord(i, beforeSave);
-    if (starts("MARKER")) return transformArrays(i);
-    if (starts("SKYBOX") || starts("COLLISIONBOX") || starts("PITBOX") ||
-        starts("F1COLLISIONBOX") || starts("COLLISIONSPHERE"))
-      return meshRecord(i, beforeSave);
-    if (starts("LIGHTMAP")) {
-      if (std::strlen(nm) != 11) return meshRecord(i, beforeSave);
+    const korvex::NodeKind kind = rules->kind(static_cast<uint32_t>(i));
+    if (kind == korvex::NodeKind::kMarker) return transformArrays(i);
+    if (kind == korvex::NodeKind::kLightMapDefinition) {
       if (n.nIdxMaterial == -1) return assertionAhead();
       if (n.nIdxMaterial < 0)
         return fail(i, "material index " + std::to_string(n.nIdxMaterial) + " is out of range");
       return material(i, beforeSave);
     }
+    // Every other kind is built on a mesh record; the baked ones need more.
     if (!meshRecord(i, beforeSave)) return false;
-    return s.nNumFrame == 0 || animated(i);
+    return !rules->baked(static_cast<uint32_t>(i)) || animated(i);
   }
 
   bool lightNode(int64_t i, bool beforeSave) {
@@ -216,7 +210,7 @@ class Checker {
         return fail(i, "target position is read from node " + std::to_string(n.nIdx) +
                            ", which has no position key");
     }
-    return s.nNumFrame == 0 || animated(i);
+    return !rules->baked(static_cast<uint32_t>(i)) || animated(i);
   }
 
   // The vertex reduction checks each mesh itself (and leaves alone what it cannot handle), but
@@ -245,34 +239,21 @@ class Checker {
     return true;
   }
 
-  // Parent indices in range and no chain that loops (each node has one parent, so following
-  // parents with three colours visits every node once). Any negative index means no parent.
+  // Parent indices in range and no chain that loops. Any negative index means no parent.
   bool parents() {
-    const uint32_t count = s.nNumNode;
-    for (uint32_t i = 0; i < count; ++i) {
-      const int32_t p = s.pNode[i].nIdxParent;
-      if (p >= 0 && uint32_t(p) >= count)
-        return fail(i, "parent index " + std::to_string(p) + " is out of range (" +
-                           std::to_string(count) + " nodes)");
-    }
-    enum : uint8_t { kUnseen, kOnPath, kDone };
-    std::vector<uint8_t> state(count, kUnseen);
-    for (uint32_t start = 0; start < count; ++start) {
-      int64_t i = start;
-      while (i >= 0 && state[i] == kUnseen) {
-        state[i] = kOnPath;
-        i = s.pNode[i].nIdxParent;
-      }
-      if (i < 0) i = -1;
-      if (i >= 0 && state[i] == kOnPath) return fail(i, "parent chain loops back to this node");
-      for (int64_t j = start; j >= 0 && state[j] == kOnPath; j = s.pNode[j].nIdxParent)
-        state[j] = kDone;
-    }
+    const int64_t outside = rules->parentOutOfRange();
+    if (outside >= 0)
+      return fail(outside, "parent index " + std::to_string(s.pNode[outside].nIdxParent) +
+                               " is out of range (" + std::to_string(s.nNumNode) + " nodes)");
+    // With every parent in range, a chain that reaches no root loops.
+    const int64_t loop = rules->firstBrokenChain().node;
+    if (loop >= 0) return fail(loop, "parent chain loops back to this node");
     return true;
   }
 
   const CPODScene& s;
   SceneCheck& out;
+  const korvex::SceneRules* rules;
 };
 
 }  // namespace
@@ -316,15 +297,15 @@ SceneCheck CheckSceneForSave(const CPODScene& scene) {
 
 SceneCheck CheckSceneForConversion(const CPODScene& scene, bool beforeSave) {
   SceneCheck out;
-  Checker c(scene, out);
-  if (!c.recordArrays()) return out;
-  const uint64_t meshEnd = scene.nNumMeshNode;
-  const uint64_t lightEnd = meshEnd + scene.nNumLight;
-  const uint64_t cameraEnd = std::min<uint64_t>(lightEnd + scene.nNumCamera, scene.nNumNode);
-  for (uint64_t i = 0; i < cameraEnd; ++i) {
-    const bool ok = i < meshEnd    ? c.meshNode(int64_t(i), beforeSave)
-                    : i < lightEnd ? c.lightNode(int64_t(i), beforeSave)
-                                   : c.cameraNode(int64_t(i), beforeSave);
+  if (!Checker(scene, out).recordArrays()) return out;
+  const korvex::SceneRules rules(scene);
+  Checker c(scene, out, &rules);
+  for (uint32_t i = 0; i < rules.nodeCount(); ++i) {
+    const korvex::NodeKind kind = rules.kind(i);
+    if (kind == korvex::NodeKind::kNotConverted) continue;
+    const bool ok = korvex::IsMeshNodeKind(kind)    ? c.meshNode(i, beforeSave)
+                    : kind == korvex::NodeKind::kLight ? c.lightNode(i, beforeSave)
+                                                       : c.cameraNode(i, beforeSave);
     if (!ok) return out;
   }
   c.parents();

@@ -8,21 +8,19 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <set>
 #include <string>
-#include <vector>
 
 #include "pipeline/Conversion.h"
 #include "pod/PODModel.h"
 #include "qsn/QelSceneGraphModel.h"
 #include "convert/SceneGraphConverter.h"
 #include "qsn/SceneGraphLoader.h"
+#include "convert/SceneRules.h"
 
 namespace {
 
@@ -38,42 +36,10 @@ const std::string& ScratchDir() {
   return dir;
 }
 
-bool StartsWith(const char* name, const char* keyword) {
-  return std::strncmp(name, keyword, std::strlen(keyword)) == 0;
-}
-
-bool IsLightMapDefinition(const char* name) {
-  return StartsWith(name, "LIGHTMAP") && std::strlen(name) == 11;
-}
-
 // Whether the light-map link or the header count of the conversion fails its assertion. The
-// scene has passed CheckSceneForConversion, so every index below is in range.
-bool FinalAssertionsFail(const CPODScene& s) {
-  std::set<std::string> definitions;
-  std::set<int32_t> materials;
-  std::vector<std::string> mapped;
-  // Only the nodes there are get headers.
-  const uint64_t meshEnd = std::min<uint64_t>(s.nNumMeshNode, s.nNumNode);
-  const uint64_t cameraEnd =
-      std::min<uint64_t>(uint64_t(s.nNumMeshNode) + s.nNumLight + s.nNumCamera, s.nNumNode);
-  uint32_t headers = static_cast<uint32_t>(cameraEnd - meshEnd);
-  for (uint32_t i = 0; i < meshEnd; ++i) {
-    const SPODNode& node = s.pNode[i];
-    if (IsLightMapDefinition(node.pszName)) {
-      definitions.insert(node.pszName);
-      materials.insert(node.nIdxMaterial);
-      continue;
-    }
-    ++headers;
-    if (StartsWith(node.pszName, "LIGHTMAP")) mapped.push_back(std::string(node.pszName, 0, 11));
-    if (!StartsWith(node.pszName, "MARKER") && node.nIdxMaterial >= 0)
-      materials.insert(node.nIdxMaterial);
-  }
-  for (const std::string& name : mapped)
-    if (definitions.count(name) == 0) return true;
-  const uint32_t total = s.nNumMeshNode + s.nNumCamera + s.nNumLight + s.nNumMaterial -
-                         static_cast<uint32_t>(definitions.size());
-  return total != headers + materials.size();
+// scene has passed CheckSceneForConversion, so every index the rules read is in range.
+bool FinalAssertionsFail(const korvex::SceneRules& rules) {
+  return !rules.lightMapsLinked() || rules.announcedHeaders() != rules.headersMade();
 }
 
 // Whether a transformed position is NaN, in the bounding box's own order of operations.
@@ -90,35 +56,25 @@ bool AnyNaN(const SPODMesh& mesh, const PODMATRIXf& matrix) {
   return false;
 }
 
-bool HasKeyword(const char* name) {
-  for (const char* k : {"BILLBOARD", "MARKER", "SKYBOX", "COLLISIONBOX", "PITBOX", "F1COLLISIONBOX",
-                        "COLLISIONSPHERE", "LIGHTMAP"})
-    if (StartsWith(name, k)) return true;
-  return false;
-}
-
 // A NaN position fails the bounding box's order assertions.
-bool BoxAssertionFails(CPODScene& s) {
+bool BoxAssertionFails(CPODScene& s, const korvex::SceneRules& rules) {
   QelSceneGraphModel scratch;
   SceneGraphConverter converter(&scratch);
   converter.mScene = &s;
   PODMATRIXf identity;
   PODMatrixIdentityF(identity);
-  for (uint32_t i = 0; i < s.nNumMeshNode && i < s.nNumNode; ++i) {
-    const SPODNode& node = s.pNode[i];
-    if (IsLightMapDefinition(node.pszName) || StartsWith(node.pszName, "MARKER")) continue;
-    const SPODMesh& mesh = s.pMesh[node.nIdx];
+  for (uint32_t i = 0; i < rules.nodeCount(); ++i) {
+    const korvex::NodeKind kind = rules.kind(i);
+    if (!korvex::IsMeshRecordKind(kind)) continue;  // only these have volumes
+    const SPODMesh& mesh = s.pMesh[s.pNode[i].nIdx];
     SSGQelNodeData* part = converter.createNodeData(static_cast<int>(i));
     const bool nan = AnyNaN(mesh, part->transform);
     std::free(part);
     if (nan) return true;
-    const bool box = StartsWith(node.pszName, "COLLISIONBOX") ||
-                     StartsWith(node.pszName, "PITBOX") ||
-                     StartsWith(node.pszName, "F1COLLISIONBOX");
-    // Animated meshes redo their volumes in object space.
-    const bool animated =
-        s.nNumFrame != 0 && !HasKeyword(node.pszName) && mesh.sBoneBatches.nBatchCnt <= 0;
-    if ((box || animated) && AnyNaN(mesh, identity)) return true;
+    // Collision boxes add object-space volumes; animated meshes redo theirs in object space.
+    const bool objectSpace =
+        kind == korvex::NodeKind::kCollisionBox || kind == korvex::NodeKind::kAnimationMesh;
+    if (objectSpace && AnyNaN(mesh, identity)) return true;
   }
   return false;
 }
@@ -141,7 +97,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   request.weld = reduction;
   request.nearly = nearly;
   request.assertsAhead = [](CPODScene& reloaded) {
-    return FinalAssertionsFail(reloaded) || BoxAssertionFails(reloaded);
+    const korvex::SceneRules rules(reloaded);
+    return FinalAssertionsFail(rules) || BoxAssertionFails(reloaded, rules);
   };
   const korvex::ConversionOutcome outcome = korvex::RunConversion(request);
   if (!outcome.wroteOutput) return 0;

@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "import/AnimationSampling.h"
+#include "convert/SceneRules.h"
 
 namespace korvex::podimport {
 
@@ -19,10 +20,6 @@ enum : uint32_t { kPointLight = 0, kDirectionalLight = 1, kSpotLight = 2 };
 
 // Tolerance of the comparison of frame 0 with the bind pose, relative to the matrix's size.
 const float kBindTolerance = 1e-4f;
-
-bool StartsWith(const std::string& text, const char* prefix) {
-  return text.compare(0, std::strlen(prefix), prefix) == 0;
-}
 
 std::string Quoted(const std::string& text) {
   return "\"" + text + "\"";
@@ -138,8 +135,8 @@ bool PODSceneImporter::Convert(CPODScene& out, ImportSummary& summary, std::stri
   if (!SampleFrames(error)) return false;
   PlanNodes();
   PlanMaterials();
-  if (!CheckLightMaps(error)) return false;
   if (!Build(out, error)) return false;
+  if (!CheckLightMaps(out, error)) return false;
   summary = m_summary;
   return true;
 }
@@ -570,8 +567,7 @@ void PODSceneImporter::PlanMaterials() {
     const PlannedNode& node = m_planned[id];
     const unsigned int material = m_scene.mMeshes[node.mesh]->mMaterialIndex;
     // Korvex makes no material for a marker, and a material nothing converts fails its count.
-    if (!StartsWith(node.name, "MARKER") && material < count && m_scene.mMaterials[material])
-      used[material] = 1;
+    if (UsesMaterial(node) && material < count && m_scene.mMaterials[material]) used[material] = 1;
   }
   for (uint32_t i = 0; i < count; ++i) {
     if (!used[i]) continue;
@@ -586,36 +582,35 @@ void PODSceneImporter::PlanMaterials() {
   for (int32_t id : m_order[static_cast<int>(Kind::kMesh)]) {
     PlannedNode& node = m_planned[id];
     const unsigned int material = m_scene.mMeshes[node.mesh]->mMaterialIndex;
-    if (!StartsWith(node.name, "MARKER") && material < count)
-      node.material = m_materialOf[material];
+    if (UsesMaterial(node) && material < count) node.material = m_materialOf[material];
   }
 }
 
-bool PODSceneImporter::CheckLightMaps(std::string& error) const {
-  const size_t kDefinitionLength = 11;
-  std::unordered_map<std::string, int> definitions;
-  for (int32_t id : m_order[static_cast<int>(Kind::kMesh)]) {
-    const PlannedNode& node = m_planned[id];
-    if (!StartsWith(node.name, "LIGHTMAP") || node.name.size() != kDefinitionLength) continue;
-    if (node.material < 0) {
-      error = "mesh node " + Quoted(node.name) + " defines a light map but has no material";
+bool PODSceneImporter::UsesMaterial(const PlannedNode& node) const {
+  return korvex::UsesMaterial(korvex::MeshNodeKind(node.name.c_str(), m_frames != 0,
+                                                   SkinnedPiece(node.mesh, node.piece)));
+}
+
+bool PODSceneImporter::CheckLightMaps(const CPODScene& scene, std::string& error) const {
+  const korvex::SceneRules rules(scene);
+  for (uint32_t i : rules.lightMapDefinitions()) {
+    const std::string name = scene.pNode[i].pszName;
+    if (scene.pNode[i].nIdxMaterial < 0) {
+      error = "mesh node " + Quoted(name) + " defines a light map but has no material";
       return false;
     }
-    if (++definitions[node.name] == 2) {
-      error = "two mesh nodes define light map " + Quoted(node.name);
+    if (rules.earlierDefinition(i) >= 0) {
+      error = "two mesh nodes define light map " + Quoted(name);
       return false;
     }
   }
-  for (int32_t id : m_order[static_cast<int>(Kind::kMesh)]) {
-    const PlannedNode& node = m_planned[id];
-    if (!StartsWith(node.name, "LIGHTMAP") || node.name.size() == kDefinitionLength) continue;
-    const std::string map = node.name.substr(0, kDefinitionLength);
-    if (definitions.count(map) == 0) {
-      error = "mesh node " + Quoted(node.name) + " uses light map " + Quoted(map) +
-              ", which no mesh node defines (a light map is defined by a mesh node whose name "
-              "is LIGHTMAP and three more characters)";
-      return false;
-    }
+  for (uint32_t i : rules.lightMappedMeshes()) {
+    if (rules.lightMapOf(i) >= 0) continue;
+    const char* name = scene.pNode[i].pszName;
+    error = "mesh node " + Quoted(name) + " uses light map " + Quoted(korvex::LightMapName(name)) +
+            ", which no mesh node defines (a light map is defined by a mesh node whose name "
+            "is LIGHTMAP and three more characters)";
+    return false;
   }
   return true;
 }

@@ -94,7 +94,10 @@ class PODSceneImporter {
   int32_t Plan(const PlannedNode& node);
   void PlanTarget(int32_t owner, const aiVector3D& direction);
   void PlanMaterials();
-  bool CheckLightMaps(std::string& error) const;
+  // Whether Korvex makes (or shares) a material record for the mesh node: not for a marker.
+  bool UsesMaterial(const PlannedNode& node) const;
+  // The light maps of the built scene as Korvex links them.
+  bool CheckLightMaps(const CPODScene& scene, std::string& error) const;
   bool CanMove(const PlannedNode& node) const;
   bool SkinnedPiece(uint32_t mesh, uint32_t piece) const;
   bool Build(CPODScene& out, std::string& error);

@@ -7,15 +7,17 @@
 
 #include "convert/AnimationValidation.h"
 #include "pod/PODSceneBuilder.h"
+#include "convert/SceneRules.h"
 
 namespace {
 
 using korvex::PODSceneBuilder;
 using korvex::PODStream;
 
-// Node 0: skinned mesh with bones 2 and 3; node 1: a camera; 2 and 3 bones (3 below 2).
-void BuildValid(PODSceneBuilder& b) {
-  b.SetNumFrames(4);
+// Node 0: skinned mesh with bones 2 and 3; node 1: a camera; 2 and 3 bones (3 below 2). With
+// `ancestors`, that many nodes stand in a chain above the bones, which move down past them.
+void BuildValid(PODSceneBuilder& b, uint32_t frames = 4, int ancestors = 0) {
+  b.SetNumFrames(frames);
   const int mesh = b.AddMesh(2);
   b.SetFloatStream(mesh, PODStream::Vertex, 3, {0, 0, 0, 1, 1, 1});
   b.SetFloatStream(mesh, PODStream::BoneWeight, 1, {1, 1});
@@ -24,7 +26,9 @@ void BuildValid(PODSceneBuilder& b) {
   b.SetAnimRotation(skin, {0, 0, 0, 1}, false);
   b.SetAnimPosition(skin, {0, 0, 0}, false);
   b.AddCameraNode("camera", 0.7f, 1, 100);
-  const int hip = b.AddNode("hip");
+  int parent = -1;
+  for (int a = 0; a < ancestors; ++a) parent = b.AddNode("ancestor", parent);
+  const int hip = b.AddNode("hip", parent);
   const int knee = b.AddNode("knee", hip);
   b.SetBoneBatches(mesh, 2, {{hip, knee}}, {0});
 }
@@ -43,7 +47,8 @@ TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) 
       {"outside 0..255", [&](CPODScene& s) { cnt(s) = 256; }},
       {"bone node index 4", [](CPODScene& s) { s.pMesh[0].sBoneBatches.pnBatches[1] = 4; }},
       {"sBoneWeight holds fewer", [](CPODScene& s) { s.pMesh[0].sBoneWeight.nDataSize = 4; }},
-      {"cyclic", [](CPODScene& s) { s.pNode[2].nIdxParent = 3; }},
+      {"parent chain of node 2 is cyclic", [](CPODScene& s) { s.pNode[2].nIdxParent = 3; }},
+      {"node 3 has parent 9 outside", [](CPODScene& s) { s.pNode[3].nIdxParent = 9; }},
       {"frame count 65537", [](CPODScene& s) { s.nNumFrame = 65537; }},
       {"camera node's nIdx", [](CPODScene& s) { s.pNode[1].nIdx = 1; }, 1},
       {"",  // a keyword mesh is not baked, so its missing key does not matter
@@ -61,12 +66,35 @@ TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) 
     CPODScene scene;
     ASSERT_TRUE(b.Build(scene));
     c.spoil(scene);
-    const std::string problem = CheckAnimatedNode(scene, c.node);
+    const std::string problem = CheckAnimatedNode(scene, korvex::SceneRules(scene), c.node);
     if (c.expected[0] == '\0') {
       EXPECT_EQ(problem, "") << "case for node " << c.node;
     } else {
       EXPECT_NE(problem.find(c.expected), std::string::npos) << problem << " / " << c.expected;
     }
+  }
+}
+
+TEST(AnimationValidation, BoneChainsTooDeepForTheFrameCountAreRefused) {
+  struct Case {
+    uint32_t frames;
+    int ancestors;
+    const char* expected;
+  };
+  // 600 ancestors put the bones about 600 deep: some 1200 evaluations a frame.
+  const Case cases[] = {
+      {65536, 600, "bone hierarchy too deep for the frame count"},
+      {4, 600, ""},
+      {65536, 0, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.frames) + " frames, " + std::to_string(c.ancestors) +
+                 " ancestors");
+    PODSceneBuilder b;
+    BuildValid(b, c.frames, c.ancestors);
+    CPODScene scene;
+    ASSERT_TRUE(b.Build(scene));
+    EXPECT_EQ(CheckAnimatedNode(scene, korvex::SceneRules(scene), 0), c.expected);
   }
 }
 

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "import/BoneInfluences.h"
@@ -152,6 +153,55 @@ TEST(PodImportScene, SkinBatchesMarkersAndNodeOrder) {
     EXPECT_EQ(slot[i], i);
   }
   EXPECT_EQ(summary.bones, 6u);
+}
+
+// A child of the root for each (name, mesh) pair; mesh 0 uses the scene's only material, mesh 1
+// a material that does not exist.
+std::unique_ptr<aiScene> NamedMeshNodes(const std::vector<std::pair<const char*, unsigned>>& nodes) {
+  auto scene = std::make_unique<aiScene>();
+  scene->mRootNode = new aiNode("Root");
+  for (const auto& node : nodes) PlaceMesh(Child(scene->mRootNode, node.first), node.second);
+  scene->mNumMeshes = 2;
+  scene->mMeshes = new aiMesh*[2];
+  for (unsigned int m = 0; m < 2; ++m) {
+    aiMesh* mesh = scene->mMeshes[m] = new aiMesh();
+    mesh->mPrimitiveTypes = aiPrimitiveType_TRIANGLE;
+    mesh->mMaterialIndex = m == 0 ? 0 : 7;
+    mesh->mNumVertices = 3;
+    mesh->mVertices = new aiVector3D[3]{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
+    mesh->mNumFaces = 1;
+    mesh->mFaces = new aiFace[1];
+    mesh->mFaces[0].mNumIndices = 3;
+    mesh->mFaces[0].mIndices = new unsigned int[3]{0, 1, 2};
+  }
+  scene->mNumMaterials = 1;
+  scene->mMaterials = new aiMaterial* [1] { NamedMaterial("Glass") };
+  return scene;
+}
+
+TEST(PodImportScene, LightMapsAreRefusedWhereKorvexWouldStop) {
+  struct Case {
+    std::vector<std::pair<const char*, unsigned>> nodes;
+    const char* error;  // the start of the message; empty: the scene converts
+  };
+  const Case cases[] = {
+      {{{"LIGHTMAP001", 0}, {"LIGHTMAP001wall", 0}}, ""},
+      {{{"LIGHTMAP001wall", 0}, {"LIGHTMAP001", 0}}, ""},  // defined after its use
+      {{{"LIGHTMAP001", 0}, {"LIGHTMAP001", 0}}, "two mesh nodes define light map \"LIGHTMAP001\""},
+      {{{"LIGHTMAP001", 0}, {"LIGHTMAP002floor", 0}},
+       "mesh node \"LIGHTMAP002floor\" uses light map \"LIGHTMAP002\", which no mesh node defines"},
+      {{{"LIGHTMAP003", 1}}, "mesh node \"LIGHTMAP003\" defines a light map but has no material"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.nodes.back().first);
+    const std::unique_ptr<aiScene> source = NamedMeshNodes(c.nodes);
+    CPODScene pod;
+    ImportSummary summary;
+    std::string error;
+    const bool converted = PODSceneImporter(*source, ImportOptions()).Convert(pod, summary, error);
+    EXPECT_EQ(converted, c.error[0] == '\0') << error;
+    EXPECT_EQ(error.rfind(c.error, 0), 0u) << error;
+  }
 }
 
 }  // namespace

@@ -74,6 +74,8 @@ TEST(SceneValidation, ConversionRefusesWhatItWouldReadOutsideArrays) {
        {0, "face stream holds 6 bytes, 12 needed"}},
       {"parent cycle", [](CPODScene& s) { s.pNode[0].nIdxParent = 3; },
        {0, "parent chain loops back to this node"}},
+      {"parent beyond the nodes", [](CPODScene& s) { s.pNode[2].nIdxParent = 9; },
+       {2, "parent index 9 is out of range (4 nodes)"}},
       {"nameless", [](CPODScene& s) {
          std::free(s.pNode[1].pszName);
          s.pNode[1].pszName = nullptr;

@@ -4,9 +4,12 @@
 #include <cstdio>
 
 #include "pod/ChannelKeys.h"
+#include "pod/Diagnostics.h"
 #include "convert/SceneRules.h"
 
 namespace {
+
+using korvex::Format;
 
 // Limits of what is baked, so that a few bytes of input claiming a huge animation cannot make
 // the conversion allocate absurd tables: at most 65536 frames (over half an hour at 30 frames a
@@ -18,20 +21,14 @@ const uint64_t kMaxBoneMatrixBytes = uint64_t{64} << 20;
 // frames needs under 1.5 million.
 const uint64_t kMaxWork = uint64_t{1} << 25;
 
-std::string Format(const char* format, long long a, long long b = 0) {
-  char text[160];
-  std::snprintf(text, sizeof text, format, a, b);
-  return text;
-}
-
 // The skeletal converter evaluates every node with its parents (its frame-0 table), so every
 // chain must stay inside the node array and end at a root.
 std::string CheckParentChains(const CPODScene& scene, const korvex::SceneRules& rules) {
   const korvex::SceneRules::BrokenChain broken = rules.firstBrokenChain();
   if (broken.node < 0) return std::string();
-  if (broken.cyclic) return Format("parent chain of node %lld is cyclic", broken.node);
-  return Format("node %lld has parent %lld outside the node array", broken.node,
-                scene.pNode[broken.node].nIdxParent);
+  if (broken.cyclic) return Format("parent chain of node %lld is cyclic", static_cast<long long>(broken.node));
+  return Format("node %lld has parent %d outside the node array",
+                static_cast<long long>(broken.node), scene.pNode[broken.node].nIdxParent);
 }
 
 // Node evaluations the skeletal conversion makes (each a local S x R x T): the frame-0 table of
@@ -69,20 +66,19 @@ std::string CheckSkinnedMesh(const CPODScene& scene, const korvex::SceneRules& r
   const CPODBoneBatches& batches = mesh.sBoneBatches;
   if (batches.pnBatchBoneCnt != nullptr && batches.nBatchBoneCntSize >= 4) {
     const int32_t k = batches.pnBatchBoneCnt[0];
-    if (k < 0 || k > 255) return Format("bone count %lld of the first batch is outside 0..255", k);
+    if (k < 0 || k > 255) return Format("bone count %d of the first batch is outside 0..255", k);
     const size_t available = batches.pnBatches ? batches.nBatchesSize / 4 : 0;
     if (available < static_cast<size_t>(k)) {
-      return Format("first batch names %lld bones but pnBatches holds %lld", k,
-                    static_cast<long long>(available));
+      return Format("first batch names %d bones but pnBatches holds %zu", k, available);
     }
     for (int32_t b = 0; b < k; ++b) {
       const int32_t bone = batches.pnBatches[b];
       if (bone < 0 || static_cast<uint32_t>(bone) >= scene.nNumNode) {
-        return Format("bone node index %lld is outside the node array", bone);
+        return Format("bone node index %d is outside the node array", bone);
       }
     }
     if (uint64_t{scene.nNumFrame} * static_cast<uint64_t>(k) * 64 > kMaxBoneMatrixBytes) {
-      return Format("%lld bones over %lld frames exceed the bone matrix limit", k, scene.nNumFrame);
+      return Format("%d bones over %u frames exceed the bone matrix limit", k, scene.nNumFrame);
     }
   }
 
@@ -109,7 +105,8 @@ std::string CheckAnimatedNode(const CPODScene& scene, const korvex::SceneRules& 
   if (!rules.baked(nodeIndex)) return std::string();
   const SPODNode& node = scene.pNode[nodeIndex];
   if (scene.nNumFrame > kMaxFrames) {
-    return Format("frame count %lld exceeds %lld", scene.nNumFrame, kMaxFrames);
+    return Format("frame count %u exceeds %llu", scene.nNumFrame,
+                  static_cast<unsigned long long>(kMaxFrames));
   }
   if (rules.kind(nodeIndex) == korvex::NodeKind::kAnimationCamera) {
     if (node.nIdx < 0 || static_cast<uint32_t>(node.nIdx) >= scene.nNumCamera ||

@@ -6,19 +6,21 @@
 
 #include "AnimationNodeConverter.h"
 #include "BoundingVolumes.h"
+#include "NodeEvaluator.h"
 #include "PODModel.h"
 #include "SceneGraphConverter.h"
 #include "SkeletonNodeConverter.h"
 
 namespace {
 
-// The frame state the previously baked node left in the scene: records copy it before their own
-// frames are computed, so the order of conversion shows in the file.
+// The frame fields the previously baked node left (kept in the scene's evaluation state from one
+// baked node to the next): records copy them before their own frames are computed, so the order
+// of conversion shows in the file.
 template <typename Record>
-void CopyFrameState(Record* record, const CPODScene& scene) {
-  record->evalFrame = scene.m_pImpl->fCurrentFrame;
-  record->evalBlend = scene.m_pImpl->fFrameBlend;
-  record->evalFrameIndex = scene.m_pImpl->nFrameIndex;
+void CopyFrameState(Record* record, const korvex::FrameFields& frame) {
+  record->evalFrame = frame.frame;
+  record->evalBlend = frame.blend;
+  record->evalFrameIndex = frame.index;
 }
 
 }  // namespace
@@ -28,7 +30,9 @@ SSGQelSkeletalMeshNodeData* SceneGraphConverter::createSkeletalMeshNodeData(int 
   auto* record = newRecord<SSGQelSkeletalMeshNodeData>();
   *static_cast<SSGQelMeshNodeData*>(record) = *mesh;
   std::free(mesh);  // its arrays now belong to the new record
-  mSkeletonConverter->convertSkeletonNode(mScene, nodeIndex, record);
+  korvex::FrameFields frame = korvex::FieldsOf(*mScene->m_pImpl);
+  mSkeletonConverter->convertSkeletonNode(mScene, nodeIndex, record, frame);
+  korvex::StoreFields(*mScene->m_pImpl, frame);
   return record;
 }
 
@@ -38,8 +42,10 @@ SSGQelAnimationMeshNodeData* SceneGraphConverter::createAnimationMeshNodeData(in
   *static_cast<SSGQelMeshNodeData*>(record) = *mesh;
   std::free(mesh);
   record->numAnimation = mScene->nNumFrame;
-  CopyFrameState(record, *mScene);
-  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer);
+  korvex::FrameFields frame = korvex::FieldsOf(*mScene->m_pImpl);
+  CopyFrameState(record, frame);
+  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer, frame);
+  korvex::StoreFields(*mScene->m_pImpl, frame);
 
   // The per-frame matrices place the mesh, so its volumes are kept in object space: computed
   // again through the identity matrix. A mesh without vertices was reported above already.
@@ -60,8 +66,10 @@ SSGQelAnimationCameraNodeData* SceneGraphConverter::createAnimationCameraNodeDat
   *static_cast<SSGQelCameraNodeData*>(record) = *camera;
   std::free(camera);
   record->numAnimation = mScene->nNumFrame;
-  CopyFrameState(record, *mScene);
+  korvex::FrameFields frame = korvex::FieldsOf(*mScene->m_pImpl);
+  CopyFrameState(record, frame);
   // The field of view stays the camera's single value; its per-frame values are not baked.
-  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer);
+  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer, frame);
+  korvex::StoreFields(*mScene->m_pImpl, frame);
   return record;
 }

@@ -71,7 +71,8 @@ void BM_ConvertSkeletonNode(benchmark::State& state) {
   SkeletonNodeConverter converter;
   SSGQelSkeletalMeshNodeData record{};
   for (auto _ : state) {
-    converter.convertSkeletonNode(&scene, skin, &record);
+    korvex::FrameFields frame;
+    converter.convertSkeletonNode(&scene, skin, &record, frame);
     benchmark::DoNotOptimize(record.sAABBbuffer.data);
     FreeSkeletalArrays(record);
   }

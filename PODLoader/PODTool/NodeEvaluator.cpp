@@ -6,6 +6,8 @@
 
 namespace korvex {
 
+// name, interpolateUnflagged, unflaggedRotationReadsKeyZero, absentRotationIsIdentity,
+// matrixChannelReplaces, withoutParents, bindPoseFromFirstKeys
 const EvaluationRules kSceneRules = {"scene", false, false, false, false, false, false};
 const EvaluationRules kSkeletalRules = {"skeletal", true, true, true, false, false, true};
 const EvaluationRules kAnimationRules = {"animation", false, true, true, true, true, false};

@@ -44,14 +44,17 @@ struct EvaluationRules {
   bool bindPoseFromFirstKeys;
 };
 
-// The scene's own: a clear flag reads key 0, but the static rotation for rotation.
+// The scene's own: a position or scale whose flag is clear reads key 0, a rotation whose flag is
+// clear (or without keys) the static pfRotation; no matrix channel; parents apply; the bind pose
+// is the mesh node's world matrix at frame 0.
 extern const EvaluationRules kSceneRules;
 // Skeletal baking: position and scale interpolate whatever the flags say; an unflagged rotation
-// reads key 0 and an absent one is the identity; parents apply; a mesh parented to node 0 keeps
-// no parent in its bind pose.
+// reads key 0 and one without keys is the identity; no matrix channel; parents apply; the bind
+// pose is the mesh node's first keys, and a mesh parented to node 0 keeps no parent in it.
 extern const EvaluationRules kSkeletalRules;
-// Animation baking: unflagged rotation key 0, absent rotation the identity, a matrix channel
-// replaces the others, and parents never apply.
+// Animation baking: a clear flag reads key 0 as in the scene's, but for rotation too, and no
+// rotation keys means no rotation; a matrix channel replaces the others; parents never apply
+// (there are no bone matrices here).
 extern const EvaluationRules kAnimationRules;
 
 // Where the keys are read: key `index` blended with key index + 1 by `blend`; a flagged matrix

@@ -5,34 +5,28 @@
 
 #include <cstdint>
 
-#include "convert/ConverterFrameState.h"
+#include "pod/NodeEvaluator.h"
 #include "pod/PODModel.h"
 #include "qsn/SceneGraphRecords.h"
 
-class AnimationNodeConverter : public ConverterFrameState {
+class AnimationNodeConverter {
  public:
-  // Fills `buffer` with nNumFrame matrices of node `nodeIndex`, driving the scene's frame state;
-  // it is left at the last frame.
-  void convertAnimationNode(CPODScene* scene, int nodeIndex, SSGNodeData* buffer);
+  AnimationNodeConverter() : m_evaluator(korvex::kAnimationRules) {}
+
+  // Fills `buffer` with nNumFrame matrices of node `nodeIndex`. `frame` holds the frame fields the
+  // previously converted node left; on return, those this one leaves (the last frame).
+  void convertAnimationNode(const CPODScene* scene, int nodeIndex, SSGNodeData* buffer,
+                            korvex::FrameFields& frame);
 
   void init();
-
-  // One channel at the current frame, with this converter's rules (see the .cpp).
-  void getTranslationMatrix(PODMATRIXf& out, const SPODNode& node) const;
-  void getScalingMatrix(PODMATRIXf& out, const SPODNode& node) const;
-  void getRotationMatrix(PODMATRIXf& out, const SPODNode& node) const;
-  void getTransformationMatrix(PODMATRIXf& out, const SPODNode& node) const;
-
-  void getWorldMatrixNoCache(PODMATRIXf& out, const SPODNode& node) const;
-  void getWorldMatrix(PODMATRIXf& out, const SPODNode& node);
-  // Sets the frame again from the current integer frame, then evaluates `node`.
-  void getWorldMatrix(PODMATRIXf& out, const SPODNode& frameNode, const SPODNode& node);
-
   void createWorldMatrixBuffer();
   void calculateAllWorldMatrix();
 
  private:
+  korvex::NodeEvaluator m_evaluator;
+  const CPODScene* m_scene = nullptr;
   SSGNodeData* m_buffer = nullptr;
   int32_t m_nodeIndex = 0;
   int32_t m_objectIndex = 0;
+  int32_t m_frameCount = 0;
 };

@@ -1,6 +1,7 @@
 #include "convert/BoundingVolumes.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 
 #include "pod/Assertion.h"
@@ -24,6 +25,48 @@ inline __attribute__((always_inline)) PODVECTOR3f Position(const PODMATRIXf* mat
   return out;
 }
 
+// Four positions at a time, one vector of x, one of y and one of z: each lane is computed with
+// the very operations of Position, so each is the same float.
+typedef float F4 __attribute__((vector_size(16)));
+typedef int32_t I4 __attribute__((vector_size(16)));
+
+struct Block {
+  F4 x, y, z;
+};
+
+inline F4 Splat(float v) { return F4{v, v, v, v}; }
+
+// Lanes of `a` where `take` is set, else of `b`.
+inline F4 Select(I4 take, F4 a, F4 b) { return (F4)((take & (I4)a) | (~take & (I4)b)); }
+
+inline __attribute__((always_inline)) Block Positions4(const PODMATRIXf* matrix,
+                                                       const CPODData* vertex, int k) {
+  float p[12];
+  std::memcpy(p, vertex->pData + static_cast<size_t>(k) * 12u, sizeof p);
+  const F4 x = {p[0], p[3], p[6], p[9]};
+  const F4 y = {p[1], p[4], p[7], p[10]};
+  const F4 z = {p[2], p[5], p[8], p[11]};
+  if (matrix == nullptr) return Block{x, y, z};
+  const float* m = matrix->f;
+  Block out;
+  out.x = Splat(m[12]) + (x * Splat(m[0]) + y * Splat(m[4]) + z * Splat(m[8]));
+  out.y = Splat(m[13]) + (x * Splat(m[1]) + y * Splat(m[5]) + z * Splat(m[9]));
+  out.z = Splat(m[14]) + (x * Splat(m[2]) + y * Splat(m[6]) + z * Splat(m[10]));
+  return out;
+}
+
+// The value a running "replace when strictly greater" (or smaller) ends with over all
+// positions, when no position is NaN: the extreme value, and where that is a zero, the sign of
+// the first zero of the component in stream order (later equal values never replace it).
+float FirstZero(const PODMATRIXf* matrix, const CPODData* vertex, int count, int component) {
+  for (int k = 0; k < count; ++k) {
+    const PODVECTOR3f v = Position(matrix, vertex, k);
+    const float c = component == 0 ? v.x : component == 1 ? v.y : v.z;
+    if (c == 0.0f) return c;
+  }
+  return 0.0f;
+}
+
 }  // namespace
 
 bool CreateBoundingSphere(PODMATRIXf* matrix, CPODData* vertex, int count, float* center,
@@ -38,19 +81,42 @@ bool CreateBoundingSphere(PODMATRIXf* matrix, CPODData* vertex, int count, float
   // Running mean: c = v / (1 + k) + c * (k / (1 + k)). The four quotients of a vertex are one
   // vector division: each lane is the correctly rounded quotient, as four scalar divisions give.
   typedef float Lanes __attribute__((vector_size(16)));
+  // Positions are transformed four at a time; the mean itself stays one vertex after the other.
   Lanes mean = {0.0f, 0.0f, 0.0f, 0.0f};
-  for (int k = 0; k < count; ++k) {
-    const PODVECTOR3f v = Position(matrix, vertex, k);
+  auto add = [&mean](float x, float y, float z, int k) {
     const float t = static_cast<float>(k);
     const float w = 1.0f + t;
-    const Lanes q = Lanes{v.x, v.y, v.z, t} / Lanes{w, w, w, w};
+    const Lanes q = Lanes{x, y, z, t} / Lanes{w, w, w, w};
     const float share = q[3];
     mean = q + mean * Lanes{share, share, share, share};
+  };
+  int k = 0;
+  for (; k + 4 <= count; k += 4) {
+    const Block b = Positions4(matrix, vertex, k);
+    for (int i = 0; i < 4; ++i) add(b.x[i], b.y[i], b.z[i], k + i);
+  }
+  for (; k < count; ++k) {
+    const PODVECTOR3f v = Position(matrix, vertex, k);
+    add(v.x, v.y, v.z, k);
   }
   const PODVECTOR3f c = {mean[0], mean[1], mean[2]};
 
+  // The largest squared distance: d2 is never -0, so the largest value is the one result
+  // whichever order the lanes see the vertices in (a NaN never replaces).
+  F4 best = Splat(0.0f);
+  for (k = 0; k + 4 <= count; k += 4) {
+    const Block b = Positions4(matrix, vertex, k);
+    const F4 dx = b.x - Splat(c.x);
+    const F4 dy = b.y - Splat(c.y);
+    const F4 dz = b.z - Splat(c.z);
+    const F4 d2 = dz * dz + (dx * dx + dy * dy);
+    best = Select(d2 > best, d2, best);
+  }
   float mx2 = 0.0f;
-  for (int k = 0; k < count; ++k) {
+  for (int i = 0; i < 4; ++i) {
+    if (best[i] > mx2) mx2 = best[i];
+  }
+  for (; k < count; ++k) {
     const PODVECTOR3f v = Position(matrix, vertex, k);
     const float dx = v.x - c.x;
     const float dy = v.y - c.y;
@@ -74,6 +140,54 @@ bool CreateBoundingAABB(PODMATRIXf* matrix, CPODData* vertex, int count, float* 
   KX_ASSERT(vertex->n == 3, kSource);
   KX_ASSERT(vertex->nStride == 12, kSource);
   if (count <= 0) return false;
+
+  // Four at a time when no position is NaN (then every per-vertex check below holds): lane-wise
+  // extremes, combined by value, a zero extreme taking the sign of the first zero.
+  if (count >= 4) {
+    const Block first = Positions4(matrix, vertex, 0);
+    Block lo = first, hi = first;
+    I4 nan = (first.x != first.x) | (first.y != first.y) | (first.z != first.z);
+    int k = 4;
+    for (; k + 4 <= count; k += 4) {
+      const Block b = Positions4(matrix, vertex, k);
+      nan |= (b.x != b.x) | (b.y != b.y) | (b.z != b.z);
+      hi.x = Select(b.x > hi.x, b.x, hi.x);
+      hi.y = Select(b.y > hi.y, b.y, hi.y);
+      hi.z = Select(b.z > hi.z, b.z, hi.z);
+      lo.x = Select(b.x < lo.x, b.x, lo.x);
+      lo.y = Select(b.y < lo.y, b.y, lo.y);
+      lo.z = Select(b.z < lo.z, b.z, lo.z);
+    }
+    float mn[3] = {lo.x[0], lo.y[0], lo.z[0]};
+    float mx[3] = {hi.x[0], hi.y[0], hi.z[0]};
+    bool clean = (nan[0] | nan[1] | nan[2] | nan[3]) == 0;
+    auto fold = [&mn, &mx, &clean](float x, float y, float z) {
+      const float v[3] = {x, y, z};
+      for (int c = 0; c < 3; ++c) {
+        if (v[c] != v[c]) clean = false;
+        if (v[c] > mx[c]) mx[c] = v[c];
+        if (v[c] < mn[c]) mn[c] = v[c];
+      }
+    };
+    for (int i = 1; i < 4; ++i) {
+      fold(lo.x[i], lo.y[i], lo.z[i]);
+      fold(hi.x[i], hi.y[i], hi.z[i]);
+    }
+    for (; k < count; ++k) {
+      const PODVECTOR3f v = Position(matrix, vertex, k);
+      fold(v.x, v.y, v.z);
+    }
+    if (clean) {
+      for (int c = 0; c < 3; ++c) {
+        if (mn[c] == 0.0f) mn[c] = FirstZero(matrix, vertex, count, c);
+        if (mx[c] == 0.0f) mx[c] = FirstZero(matrix, vertex, count, c);
+        min[c] = mn[c];
+        max[c] = mx[c];
+        center[c] = (mn[c] + mx[c]) / 2.0f;
+      }
+      return true;
+    }
+  }
 
   PODVECTOR3f mMin = {0.0f, 0.0f, 0.0f};
   PODVECTOR3f mMax = {0.0f, 0.0f, 0.0f};

@@ -6,34 +6,40 @@
 
 #include "convert/AnimationNodeConverter.h"
 #include "convert/BoundingVolumes.h"
+#include "pod/NodeEvaluator.h"
 #include "pod/PODModel.h"
 #include "convert/SceneGraphConverter.h"
 #include "convert/SkeletonNodeConverter.h"
 
 namespace {
 
-// The frame state the previously baked node left in the scene: records copy it before their own
-// frames are computed, so the order of conversion shows in the file.
+// The frame fields the previously baked node left (kept in the scene's evaluation state from one
+// baked node to the next): records copy them before their own frames are computed, so the order
+// of conversion shows in the file.
 template <typename Record>
-void CopyFrameState(Record* record, const CPODScene& scene) {
-  record->evalFrame = scene.m_pImpl->fCurrentFrame;
-  record->evalBlend = scene.m_pImpl->fFrameBlend;
-  record->evalFrameIndex = scene.m_pImpl->nFrameIndex;
+void CopyFrameState(Record* record, const korvex::FrameFields& frame) {
+  record->evalFrame = frame.frame;
+  record->evalBlend = frame.blend;
+  record->evalFrameIndex = frame.index;
 }
 
 }  // namespace
 
 SSGQelSkeletalMeshNodeData* SceneGraphConverter::createSkeletalMeshNodeData(int nodeIndex) {
   auto* record = newMeshRecord<SSGQelSkeletalMeshNodeData>(nodeIndex);
-  mSkeletonConverter->convertSkeletonNode(mScene, nodeIndex, record);
+  korvex::FrameFields frame = korvex::FieldsOf(*mScene->m_pImpl);
+  mSkeletonConverter->convertSkeletonNode(mScene, nodeIndex, record, frame);
+  korvex::StoreFields(*mScene->m_pImpl, frame);
   return record;
 }
 
 SSGQelAnimationMeshNodeData* SceneGraphConverter::createAnimationMeshNodeData(int nodeIndex) {
   auto* record = newMeshRecord<SSGQelAnimationMeshNodeData>(nodeIndex);
   record->numAnimation = mScene->nNumFrame;
-  CopyFrameState(record, *mScene);
-  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer);
+  korvex::FrameFields frame = korvex::FieldsOf(*mScene->m_pImpl);
+  CopyFrameState(record, frame);
+  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer, frame);
+  korvex::StoreFields(*mScene->m_pImpl, frame);
 
   // The per-frame matrices place the mesh, so its volumes are kept in object space: computed
   // again through the identity matrix. A mesh without vertices was reported above already.
@@ -52,8 +58,10 @@ SSGQelAnimationCameraNodeData* SceneGraphConverter::createAnimationCameraNodeDat
   auto* record = newRecord<SSGQelAnimationCameraNodeData>();
   fillCameraNodeData(*record, nodeIndex);
   record->numAnimation = mScene->nNumFrame;
-  CopyFrameState(record, *mScene);
+  korvex::FrameFields frame = korvex::FieldsOf(*mScene->m_pImpl);
+  CopyFrameState(record, frame);
   // The field of view stays the camera's single value; its per-frame values are not baked.
-  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer);
+  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer, frame);
+  korvex::StoreFields(*mScene->m_pImpl, frame);
   return record;
 }

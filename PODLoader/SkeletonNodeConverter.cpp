@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "pod/Assertion.h"
-#include "pod/ChannelKeys.h"
 #include "qsn/NodeDataBuffer.h"
 
 using korvex::AllocateNodeData;
@@ -52,20 +51,19 @@ int32_t SkeletonNodeConverter::batchEntry(int32_t b) const {
   return static_cast<int32_t>(LoadU32LE(m_record->Batch.data + 4 * static_cast<size_t>(b)));
 }
 
-void SkeletonNodeConverter::convertSkeletonNode(CPODScene* scene, int nodeIndex,
-                                                SSGQelSkeletalMeshNodeData* record) {
+void SkeletonNodeConverter::convertSkeletonNode(const CPODScene* scene, int nodeIndex,
+                                                SSGQelSkeletalMeshNodeData* record,
+                                                korvex::FrameFields& frame) {
   m_scene = scene;
   m_record = record;
   m_nodeIndex = nodeIndex;
   m_meshIndex = scene->pNode[nodeIndex].nIdx;
   m_registeredBones = 0;
-  m_currentFrame = 0;
 
   init(record);
   record->numAnimation = scene->nNumFrame;
   m_frameCount = static_cast<int32_t>(scene->nNumFrame);
-
-  startFrames([this](PODMATRIXf& out, const SPODNode& node) { getWorldMatrixNoCache(out, node); });
+  m_evaluator.start(*scene, frame);
 
   createBoneBatchItem();
   createBoneIdx();
@@ -74,6 +72,7 @@ void SkeletonNodeConverter::convertSkeletonNode(CPODScene* scene, int nodeIndex,
   createBoneIndexBuffer();
   createBoneWorldMatrixBuffer();
   createBoundingVolumeBuffer();
+  frame = m_evaluator.fields();
 }
 
 void SkeletonNodeConverter::init(SSGQelSkeletalMeshNodeData* record) {
@@ -137,10 +136,10 @@ void SkeletonNodeConverter::createBoneWeight() {
 }
 
 void SkeletonNodeConverter::createSPODImpl() {
-  const SPODImpl& state = *m_scene->m_pImpl;
-  m_record->evalFrame = state.fCurrentFrame;
-  m_record->evalBlend = state.fFrameBlend;
-  m_record->evalFrameIndex = state.nFrameIndex;
+  const korvex::FrameFields& fields = m_evaluator.fields();
+  m_record->evalFrame = fields.frame;
+  m_record->evalBlend = fields.blend;
+  m_record->evalFrameIndex = fields.index;
 }
 
 void SkeletonNodeConverter::createBoneIndexBuffer() {
@@ -179,21 +178,28 @@ void SkeletonNodeConverter::setBoneIndex(int bone) {
   ++m_registeredBones;
 }
 
+// A slot of -1 (a bone not in the table) ends the process.
+void SkeletonNodeConverter::requireSlot(int32_t slot, const char* function, int line) const {
+  if (slot == -1) korvex::AssertionFailed("_index!=-1", function, kSource, line);
+}
+
+uint8_t* SkeletonNodeConverter::matrixAt(int32_t slot, int32_t frame) const {
+  const size_t element =
+      static_cast<size_t>(m_frameCount) * static_cast<size_t>(slot) + static_cast<size_t>(frame);
+  return m_record->sBoneWorldMatrixbuffer.data + 64 * element;
+}
+
 void SkeletonNodeConverter::setBoneWorldMatrix(PODMATRIXf matrix, int bone, int frame) {
   const int _index = getBoneIndex(bone);
-  KX_ASSERT_TEXT(_index != -1, "_index!=-1", kSource, 204);
-  const size_t element =
-      static_cast<size_t>(m_frameCount) * static_cast<size_t>(_index) + static_cast<size_t>(frame);
-  StoreMatrixLE(m_record->sBoneWorldMatrixbuffer.data + 64 * element, matrix);
+  requireSlot(_index, __func__, 204);
+  StoreMatrixLE(matrixAt(_index, frame), matrix);
 }
 
 void SkeletonNodeConverter::getBoneWorldMatrixBuffer(PODMATRIXf& out, int bone, int frame) const {
   const int _index = getBoneIndex(bone);
-  KX_ASSERT_TEXT(_index != -1, "_index!=-1", kSource, 402);
+  requireSlot(_index, __func__, 402);
   if (frame >= m_frameCount) frame = 0;
-  const size_t element =
-      static_cast<size_t>(m_frameCount) * static_cast<size_t>(_index) + static_cast<size_t>(frame);
-  LoadMatrixLE(out, m_record->sBoneWorldMatrixbuffer.data + 64 * element);
+  LoadMatrixLE(out, matrixAt(_index, frame));
 }
 
 // The geometry word and the trailing word of a volume element carry nothing; they are written 0.
@@ -219,119 +225,34 @@ void SkeletonNodeConverter::setBVAABB(const QelAABB* box, int frame) {
   StoreU32LE(p + 40, 0);
 }
 
-// Channel rules of this converter. Unlike the scene's own evaluation, position and scale are
-// interpolated whatever the flags say, and a present rotation without its flag reads key 0.
-void SkeletonNodeConverter::getTranslationMatrix(PODMATRIXf& out, const SPODNode& node) const {
-  PODVECTOR3f p{node.pfPosition[0], node.pfPosition[1], node.pfPosition[2]};
-  if (korvex::PositionKeyCount(node) > 0) {
-    const SPODImpl& state = *m_scene->m_pImpl;
-    PODMatrixVec3LerpF(p, korvex::PositionKey(node, state.nFrameIndex),
-                       korvex::PositionKey(node, int64_t{state.nFrameIndex} + 1),
-                       state.fFrameBlend);
-  }
-  PODMatrixTranslationF(out, p.x, p.y, p.z);
-}
-
-void SkeletonNodeConverter::getScalingMatrix(PODMATRIXf& out, const SPODNode& node) const {
-  PODVECTOR3f s{node.pfScale[0], node.pfScale[1], node.pfScale[2]};
-  if (korvex::ScaleKeyCount(node) > 0) {
-    const SPODImpl& state = *m_scene->m_pImpl;
-    PODMatrixVec3LerpF(s, korvex::ScaleKey(node, state.nFrameIndex),
-                       korvex::ScaleKey(node, int64_t{state.nFrameIndex} + 1), state.fFrameBlend);
-  }
-  PODMatrixScalingF(out, s.x, s.y, s.z);
-}
-
-void SkeletonNodeConverter::getRotationMatrix(PODMATRIXf& out, const SPODNode& node) const {
-  bakedRotationMatrix(out, node);
-}
-
-// S x R x T of the node alone.
-void SkeletonNodeConverter::localMatrix(PODMATRIXf& out, const SPODNode& node) const {
-  PODMATRIXf tmp;
-  getScalingMatrix(out, node);
-  getRotationMatrix(tmp, node);
-  PODMatrixMultiplyF(out, out, tmp);
-  getTranslationMatrix(tmp, node);
-  PODMatrixMultiplyF(out, out, tmp);
-}
-
-// local x parent world, the parent's world evaluated the same way. Walked iteratively, root
-// last, with the products formed child-side first as a recursion would; the walk stops after
-// nNumNode nodes, so a cyclic chain (refused by CheckAnimatedNode) cannot run away.
-void SkeletonNodeConverter::getWorldMatrixNoCache(PODMATRIXf& out, const SPODNode& node) {
-  const uint32_t count = m_scene->nNumNode;
-  m_chain.clear();
-  m_chain.push_back(static_cast<uint32_t>(&node - m_scene->pNode));
-  for (;;) {
-    const int32_t parent = m_scene->pNode[m_chain.back()].nIdxParent;
-    if (parent < 0 || static_cast<uint32_t>(parent) >= count || m_chain.size() >= count) break;
-    m_chain.push_back(static_cast<uint32_t>(parent));
-  }
-  localMatrix(out, m_scene->pNode[m_chain.back()]);
-  PODMATRIXf local;
-  for (size_t k = m_chain.size() - 1; k-- > 0;) {
-    localMatrix(local, m_scene->pNode[m_chain[k]]);
-    PODMatrixMultiplyF(out, local, out);
-  }
-}
-
-// Frame 0 comes from this converter's frame-0 table. The scene's own per-frame cache, which is
-// what a hit would be tested against, is never written by the converters and holds zeros after
-// the reader's flush, so any other frame is computed afresh and only recorded here.
-void SkeletonNodeConverter::getWorldMatrix(PODMATRIXf& out, const SPODNode& node) {
-  const size_t i = static_cast<size_t>(&node - m_scene->pNode);
-  const float frame = m_scene->m_pImpl->fCurrentFrame;
-  if (frame == 0.0f) {
-    out = m_worldFrameZero[i];
-    return;
-  }
-  getWorldMatrixNoCache(out, node);
-  m_worldCache[i] = out;
-  m_cachedFrame[i] = frame;
-}
-
-// Bind pose from the mesh node's first keys (not its static fields), times the inverse of the
-// bone's frame-0 world matrix, times the bone's world matrix at the current frame. A mesh node
-// parented to node 0 keeps no parent transform here: only parents above 0 count.
-void SkeletonNodeConverter::getBoneWorldMatrix(PODMATRIXf& out, const SPODNode& meshNode,
-                                               const SPODNode& boneNode) {
-  const float remembered = static_cast<float>(m_currentFrame);
-  setFrame(0);
-
-  const PODVECTOR3f scale = korvex::ScaleKey(meshNode, 0);
-  const PODVECTOR3f position = korvex::PositionKey(meshNode, 0);
-  PODMATRIXf tmp;
-  PODMatrixScalingF(out, scale.x, scale.y, scale.z);
-  PODMatrixRotationQuaternionF(tmp, korvex::RotationKey(meshNode, 0));
-  PODMatrixMultiplyF(out, out, tmp);
-  PODMatrixTranslationF(tmp, position.x, position.y, position.z);
-  PODMatrixMultiplyF(out, out, tmp);
-  if (meshNode.nIdxParent > 0) {
-    getWorldMatrixNoCache(tmp, m_scene->pNode[meshNode.nIdxParent]);
-    PODMatrixMultiplyF(out, out, tmp);
-  }
-
-  getWorldMatrix(tmp, boneNode);
-  PODMatrixInverseF(tmp, tmp);
-  PODMatrixMultiplyF(out, out, tmp);
-
-  setFrame(remembered);
-  getWorldMatrix(tmp, boneNode);
-  PODMatrixMultiplyF(out, out, tmp);
-}
-
+// Each bone matrix is bindTerm(bone) x boneWorld(frame) (see korvex::BoneBindTerm): the bind
+// term is formed once per bone, and each frame's world matrices once per node, whatever the
+// number of bones below them. A bone is registered before its matrices are stored, in batch
+// order, as the slot table requires.
 void SkeletonNodeConverter::calculateAllBoneWorldMatrix() {
-  const SPODNode& meshNode = m_scene->pNode[m_nodeIndex];
   const int32_t k = boneCount();
+  m_slots.clear();
   for (int32_t b = 0; b < k; ++b) {
     const int32_t bone = batchEntry(b);
     setBoneIndex(bone);
-    for (int32_t f = 0; f < m_frameCount; ++f) {
-      setFrame(static_cast<float>(f));
+    m_slots.push_back(getBoneIndex(bone));
+  }
+  if (k <= 0 || m_frameCount <= 0) return;
+  // The bind term reads frame 0; the loop below then leaves the last frame set, as the record
+  // converted next will see.
+
+  m_bindTerms.resize(static_cast<size_t>(k));
+  for (int32_t b = 0; b < k; ++b) {
+    m_evaluator.bindTerm(m_bindTerms[b], static_cast<uint32_t>(m_nodeIndex),
+                         static_cast<uint32_t>(batchEntry(b)));
+  }
+  for (int32_t f = 0; f < m_frameCount; ++f) {
+    m_evaluator.setFrame(static_cast<float>(f));
+    for (int32_t b = 0; b < k; ++b) {
+      requireSlot(m_slots[b], "setBoneWorldMatrix", 204);
       PODMATRIXf m;
-      getBoneWorldMatrix(m, meshNode, m_scene->pNode[bone]);
-      setBoneWorldMatrix(m, bone, f);
+      korvex::BoneMatrix(m, m_bindTerms[b], m_evaluator.world(static_cast<uint32_t>(batchEntry(b))));
+      StoreMatrixLE(matrixAt(m_slots[b], f), m);
     }
   }
 }
@@ -342,12 +263,17 @@ void SkeletonNodeConverter::calculateAllBoneWorldMatrix() {
 void SkeletonNodeConverter::calculateBVbuffer() {
   const int32_t k = boneCount();
   const float count = static_cast<float>(k);
+  m_slots.clear();
+  for (int32_t b = 0; b < k; ++b) {
+    m_slots.push_back(getBoneIndex(batchEntry(b)));
+  }
   for (int32_t f = 0; f < m_frameCount; ++f) {
     float sphereSum[3] = {0, 0, 0}, centreSum[3] = {0, 0, 0};
     float maxSum[3] = {0, 0, 0}, minSum[3] = {0, 0, 0};
     for (int32_t b = 0; b < k; ++b) {
+      requireSlot(m_slots[b], "getBoneWorldMatrixBuffer", 402);
       PODMATRIXf m;
-      getBoneWorldMatrixBuffer(m, batchEntry(b), f);
+      LoadMatrixLE(m, matrixAt(m_slots[b], f));
       float p[3];
       CarryPoint(p, m_record->sphereCenter, m);
       AddTo(sphereSum, p);

@@ -7,15 +7,20 @@
 #include <cstdint>
 #include <vector>
 
-#include "convert/ConverterFrameState.h"
+#include "pod/NodeEvaluator.h"
 #include "pod/PODModel.h"
 #include "qsn/SceneGraphRecords.h"
 
-class SkeletonNodeConverter : public ConverterFrameState {
+class SkeletonNodeConverter {
  public:
+  SkeletonNodeConverter() : m_evaluator(korvex::kSkeletalRules) {}
+
   // Fills the skeletal part of `record` (its mesh part must already be filled). The node must
   // have passed CheckAnimatedNode: its mesh's first batch and bone streams are read as vetted.
-  void convertSkeletonNode(CPODScene* scene, int nodeIndex, SSGQelSkeletalMeshNodeData* record);
+  // `frame` holds the frame fields the previously converted node left; on return, those this one
+  // leaves (the last frame baked).
+  void convertSkeletonNode(const CPODScene* scene, int nodeIndex,
+                           SSGQelSkeletalMeshNodeData* record, korvex::FrameFields& frame);
 
   // Bone streams are taken from the scene as they are rather than copied (see
   // SceneGraphConverter::setBorrowStreams).
@@ -40,14 +45,6 @@ class SkeletonNodeConverter : public ConverterFrameState {
   void setBVSphere(const QelSphere* sphere, int frame);
   void setBVAABB(const QelAABB* box, int frame);
 
-  // Node evaluation with this converter's rules (see the .cpp for how they differ).
-  void getTranslationMatrix(PODMATRIXf& out, const SPODNode& node) const;
-  void getScalingMatrix(PODMATRIXf& out, const SPODNode& node) const;
-  void getRotationMatrix(PODMATRIXf& out, const SPODNode& node) const;
-  void getWorldMatrixNoCache(PODMATRIXf& out, const SPODNode& node);
-  void getWorldMatrix(PODMATRIXf& out, const SPODNode& node);
-  void getBoneWorldMatrix(PODMATRIXf& out, const SPODNode& meshNode, const SPODNode& boneNode);
-
   void calculateAllBoneWorldMatrix();
   void calculateBVbuffer();
 
@@ -56,13 +53,19 @@ class SkeletonNodeConverter : public ConverterFrameState {
 
  private:
   int32_t batchEntry(int32_t b) const;
-  void localMatrix(PODMATRIXf& out, const SPODNode& node) const;
+  void requireSlot(int32_t slot, const char* function, int line) const;
+  // Element (frame count x slot + frame) of the matrix table.
+  uint8_t* matrixAt(int32_t slot, int32_t frame) const;
 
+  korvex::NodeEvaluator m_evaluator;
+  const CPODScene* m_scene = nullptr;
   SSGQelSkeletalMeshNodeData* m_record = nullptr;
   int32_t m_nodeIndex = 0;
   int32_t m_meshIndex = 0;
+  int32_t m_frameCount = 0;
   int32_t m_registeredBones = 0;
   bool m_borrowStreams = false;
 
-  std::vector<uint32_t> m_chain;  // scratch: a node and its ancestors, child first
+  std::vector<PODMATRIXf> m_bindTerms;  // scratch: one a batch entry
+  std::vector<int32_t> m_slots;         // scratch: the slot of each batch entry
 };

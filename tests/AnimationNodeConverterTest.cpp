@@ -37,6 +37,13 @@ struct TwoNodes {
   }
 };
 
+// Bakes `node` into `t`; returns the frame fields handed on to the next record.
+korvex::FrameFields Bake(AnimationNodeConverter& conv, const CPODScene& scene, int node, Table& t) {
+  korvex::FrameFields frame;
+  conv.convertAnimationNode(&scene, node, &t.d, frame);
+  return frame;
+}
+
 std::vector<float> Translation(float x, float y, float z) {
   return {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, x, y, z, 1};
 }
@@ -49,18 +56,21 @@ TEST(AnimationNodeConverter, AChildMovedOnlyByItsParentGetsItsOwnConstantMatrix)
   ASSERT_TRUE(s.b.Build(scene));
   AnimationNodeConverter conv;
   Table t;
-  conv.convertAnimationNode(&scene, s.child, &t.d);
+  Bake(conv, scene, s.child, t);
   ASSERT_EQ(t.d.type, 6u);
   ASSERT_EQ(t.d.length, 3u * 64);
   for (int f = 0; f < 3; ++f) EXPECT_EQ(t.matrix(f), Translation(0, 4, 0)) << f;
 
   // The parent's own table follows its keys; the last frame pairs the last key with itself.
   Table p;
-  conv.convertAnimationNode(&scene, s.parent, &p.d);
+  const korvex::FrameFields frame = Bake(conv, scene, s.parent, p);
   for (int f = 0; f < 3; ++f) EXPECT_EQ(p.matrix(f), Translation(float(f), 0, 0)) << f;
-  EXPECT_EQ(scene.m_pImpl->fCurrentFrame, 2.0f);
-  EXPECT_EQ(scene.m_pImpl->nFrameIndex, 2);
-  EXPECT_EQ(scene.m_pImpl->fFrameBlend, 0.0f);
+  // The frame fields handed on to the next record are those of the last frame; the scene's own
+  // evaluation state is not the converter's to change.
+  EXPECT_EQ(frame.frame, 2.0f);
+  EXPECT_EQ(frame.index, 2);
+  EXPECT_EQ(frame.blend, 0.0f);
+  EXPECT_EQ(scene.m_pImpl->fCurrentFrame, 0.0f);
 }
 
 TEST(AnimationNodeConverter, TheMatrixChannelReplacesTheOthersAndFollowsItsFlag) {
@@ -77,7 +87,7 @@ TEST(AnimationNodeConverter, TheMatrixChannelReplacesTheOthersAndFollowsItsFlag)
     ASSERT_TRUE(s.b.Build(scene));
     AnimationNodeConverter conv;
     Table t;
-    conv.convertAnimationNode(&scene, s.parent, &t.d);
+    Bake(conv, scene, s.parent, t);
     for (int f = 0; f < 3; ++f) {
       EXPECT_EQ(t.matrix(f), Translation(animated ? 10.0f * f : 0.0f, 0, 1)) << f << animated;
     }
@@ -97,7 +107,7 @@ TEST(AnimationNodeConverter, UnflaggedChannelsReadTheirFirstKey) {
   ASSERT_TRUE(s.b.Build(scene));
   AnimationNodeConverter conv;
   Table t;
-  conv.convertAnimationNode(&scene, s.parent, &t.d);
+  Bake(conv, scene, s.parent, t);
   // Rows of the rotation (0, 0, s, s): x -> (0, -1, 0), y -> (1, 0, 0).
   const std::vector<float> expected = {0, -1, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 1, 2, 3, 1};
   for (int f = 0; f < 2; ++f) {
@@ -105,7 +115,7 @@ TEST(AnimationNodeConverter, UnflaggedChannelsReadTheirFirstKey) {
     for (int e = 0; e < 16; ++e) EXPECT_NEAR(m[e], expected[e], 1e-6f) << f << " " << e;
   }
   Table c;
-  conv.convertAnimationNode(&scene, s.child, &c.d);
+  Bake(conv, scene, s.child, c);
   EXPECT_EQ(c.matrix(1), Translation(0, 0, 0));
 }
 

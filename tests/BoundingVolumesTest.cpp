@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -47,6 +48,100 @@ TEST(BoundingVolumes, TwoPointsUnderTheIdentity) {
   EXPECT_EQ(std::vector<float>(bc, bc + 3), (std::vector<float>{1, 0, 0}));
 }
 
+// The sphere and box as the documented loops form them, one vertex after the other.
+struct Volumes {
+  float sphere[4];  // centre, radius
+  float box[9];     // centre, min, max
+};
+
+Volumes OneAfterTheOther(const PODMATRIXf* m, const std::vector<float>& p) {
+  std::vector<float> v;
+  for (size_t k = 0; k < p.size(); k += 3) {
+    const float x = p[k], y = p[k + 1], z = p[k + 2];
+    if (m == nullptr) {
+      v.insert(v.end(), {x, y, z});
+      continue;
+    }
+    for (int c = 0; c < 3; ++c)
+      v.push_back(m->f[12 + c] + (x * m->f[c] + y * m->f[4 + c] + z * m->f[8 + c]));
+  }
+  const size_t n = v.size() / 3;
+  Volumes out = {};
+  float c[3] = {0, 0, 0};
+  for (size_t k = 0; k < n; ++k) {
+    const float t = float(k), w = 1.0f + t;
+    for (int i = 0; i < 3; ++i) c[i] = v[3 * k + i] / w + c[i] * (t / w);
+  }
+  float mx2 = 0;
+  for (size_t k = 0; k < n; ++k) {
+    const float dx = v[3 * k] - c[0], dy = v[3 * k + 1] - c[1], dz = v[3 * k + 2] - c[2];
+    const float d2 = dz * dz + (dx * dx + dy * dy);
+    if (d2 > mx2) mx2 = d2;
+  }
+  out.sphere[0] = c[0], out.sphere[1] = c[1], out.sphere[2] = c[2];
+  out.sphere[3] = std::sqrt(mx2);
+  float* mn = out.box + 3;
+  float* mx = out.box + 6;
+  for (size_t k = 0; k < n; ++k) {
+    for (int i = 0; i < 3; ++i) {
+      const float e = v[3 * k + i];
+      if (k == 0 || e < mn[i]) mn[i] = e;
+      if (k == 0 || e > mx[i]) mx[i] = e;
+    }
+  }
+  for (int i = 0; i < 3; ++i) out.box[i] = (mn[i] + mx[i]) / 2.0f;
+  return out;
+}
+
+// The volumes are computed several vertices at a time; the results must be those of the loops
+// above to the bit, whatever the count (tails), the order of equal values and the signs of zeros
+// (an extreme of zero keeps the sign of the first zero met).
+TEST(BoundingVolumes, SeveralVerticesAtATimeGiveTheOneAfterTheOtherResultToTheBit) {
+  PODMATRIXf turned = Identity();  // mirrors x, moves by -0 so that zeros keep their signs
+  turned.f[0] = -1.0f;
+  turned.f[9] = 0.5f;
+  turned.f[12] = turned.f[13] = turned.f[14] = -0.0f;
+  PODMATRIXf identity = Identity();
+  struct Case {
+    const char* what;
+    std::vector<float> pool;  // the values positions are drawn from
+  };
+  const Case cases[] = {
+      {"mixed signs", {-0.0f, 0.0f, 1.5f, -2.25f, 3.0f, 0.1f, -7.0f}},
+      {"nothing above zero", {-0.0f, 0.0f, -1.0f, -2.5f}},
+      {"nothing below zero", {0.0f, -0.0f, 1.0f, 2.5f}},
+      {"zeros only", {0.0f, -0.0f}},
+  };
+  uint32_t seed = 12345;
+  for (const Case& c : cases) {
+    for (int count : {1, 3, 4, 5, 8, 11, 64, 203}) {
+      for (int order = 0; order < 4; ++order) {
+        std::vector<float> p;
+        for (int i = 0; i < 3 * count; ++i) {
+          seed = seed * 1664525u + 1013904223u;
+          p.push_back(c.pool[(seed >> 16) % c.pool.size()]);
+        }
+        CPODData d = Positions(p);
+        for (PODMATRIXf* m : {static_cast<PODMATRIXf*>(nullptr), &identity, &turned}) {
+          SCOPED_TRACE(testing::Message() << c.what << ", " << count << " vertices, draw " << order
+                                          << (m == nullptr ? ", as stored"
+                                                           : m == &identity ? ", identity"
+                                                                            : ", mirrored"));
+          const Volumes expected = OneAfterTheOther(m, p);
+          Volumes got;
+          ASSERT_TRUE(CreateBoundingSphere(m, &d, count, got.sphere, &got.sphere[3]));
+          ASSERT_TRUE(CreateBoundingAABB(m, &d, count, got.box, got.box + 3, got.box + 6));
+          EXPECT_EQ(std::memcmp(got.sphere, expected.sphere, sizeof got.sphere), 0);
+          for (int i = 0; i < 9; ++i) {
+            EXPECT_EQ(std::signbit(got.box[i]), std::signbit(expected.box[i])) << i;
+            EXPECT_EQ(got.box[i], expected.box[i]) << i;
+          }
+        }
+      }
+    }
+  }
+}
+
 // The assertion line: expression, function and source name.
 std::string Assertion(const char* function, const char* expression) {
   std::string escaped;
@@ -79,11 +174,24 @@ TEST(BoundingVolumesDeathTest, PositionsMustBeThreeFloatsAtStride12) {
 }
 
 TEST(BoundingVolumesDeathTest, NaNPositionFailsTheBoxOrder) {
-  std::vector<float> p = {std::numeric_limits<float>::quiet_NaN(), 0, 0};
-  CPODData d = Positions(p);
-  float c[3], mn[3], mx[3];
-  EXPECT_DEATH(CreateBoundingAABB(nullptr, &d, 1, c, mn, mx),
-               Assertion("CreateBoundingAABB", "mMin.x <= psV2->x"));
+  // The first check that fails names the component; wherever the NaN stands (alone, inside a
+  // group of four, in the vertices after the last whole group).
+  struct Case {
+    int count, vertex, component;
+    const char* expression;
+  };
+  const Case cases[] = {{1, 0, 0, "mMin.x <= psV2->x"},
+                        {9, 5, 1, "mMin.y <= psV2->y"},
+                        {6, 5, 2, "mMin.z <= psV2->z"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.expression);
+    std::vector<float> p(3 * size_t(c.count), 1.0f);
+    p[3 * size_t(c.vertex) + size_t(c.component)] = std::numeric_limits<float>::quiet_NaN();
+    CPODData d = Positions(p);
+    float ctr[3], mn[3], mx[3];
+    EXPECT_DEATH(CreateBoundingAABB(nullptr, &d, c.count, ctr, mn, mx),
+                 Assertion("CreateBoundingAABB", c.expression));
+  }
 }
 
 }  // namespace

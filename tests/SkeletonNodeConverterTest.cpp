@@ -24,6 +24,7 @@ struct Skin {
   int mesh, skin, hip, knee;
   CPODScene scene;
   SkeletonNodeConverter conv;
+  korvex::FrameFields frame;
   SSGQelSkeletalMeshNodeData* r =
       static_cast<SSGQelSkeletalMeshNodeData*>(std::calloc(1, sizeof(SSGQelSkeletalMeshNodeData)));
   explicit Skin(uint32_t frames) {
@@ -53,7 +54,7 @@ struct Skin {
   void convert(const std::vector<int32_t>& bones) {
     b.SetBoneBatches(mesh, int32_t(bones.size()), {bones}, {0});
     ASSERT_TRUE(b.Build(scene));
-    conv.convertSkeletonNode(&scene, skin, r);
+    conv.convertSkeletonNode(&scene, skin, r, frame);
   }
   std::vector<float> floats(const SSGNodeData& d, size_t first, size_t count) const {
     std::vector<float> v(count);

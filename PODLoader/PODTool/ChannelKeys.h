@@ -1,6 +1,6 @@
 #pragma once
-// Bounded reads of the animation keys of a node's channels, shared by the scene's own evaluation
-// and the two animation converters. Keys are counted from the bytes a channel really holds, never
+// Bounded reads of the animation keys of a node's channels and a camera's field of view, for every
+// evaluation of a node and for the checks made before baking. Keys are counted from the bytes a channel really holds, never
 // from the frame count: a key asked for past the last one reads the last one. That is what the
 // interpolating rules need at the last frame (key n+1 with weight 0) and for a single-key channel
 // read at frame f. Rotation is the exception: see RotationBetweenKeys.
@@ -33,6 +33,9 @@ inline size_t ScaleKeyCount(const SPODNode& node) {
 }
 inline size_t MatrixKeyCount(const SPODNode& node) {
   return node.pfAnimMatrix ? node.nAnimMatrixSize / (kMatrixKeyFloats * 4) : 0;
+}
+inline size_t FOVKeyCount(const SPODCamera& camera) {
+  return camera.pfAnimFOV ? camera.nAnimFOVSize / 4 : 0;
 }
 
 // Key k of a channel of `count` keys (count > 0), clamped into the keys that exist.
@@ -70,6 +73,10 @@ inline PODQUATERNIONf RotationBetweenKeys(const SPODNode& node, int64_t n, float
   PODQUATERNIONf q = RotationKey(node, n);
   PODMatrixQuaternionNormalizeF(q);
   return q;
+}
+
+inline float FOVKey(const SPODCamera& camera, int64_t k) {
+  return camera.pfAnimFOV[ClampKey(k, FOVKeyCount(camera))];
 }
 
 inline PODMATRIXf MatrixKey(const SPODNode& node, int64_t k) {

@@ -1,7 +1,6 @@
-// Evaluation of a POD scene at a point in time: frame selection, the three transform channels
-// of a node, world matrices with their per-node caches, bone matrices, cameras and lights.
-//
-// Channel rules (the reference for the converters, which keep rule sets of their own):
+// Evaluation of a POD scene at a point in time: frame selection, world matrices with their
+// per-node caches, bone matrices, cameras and lights. The channels follow the scene's own rules
+// (korvex::kSceneRules, the reference the bakers' rule sets depart from):
 //   array absent           -> the node's static value
 //   animation flag set     -> blend of key nFrameIndex and key nFrameIndex + 1 by fFrameBlend
 //                             (a rotation with no key nFrameIndex + 1 is key nFrameIndex
@@ -20,10 +19,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <vector>
 
 #include "pod/ChannelKeys.h"
+#include "pod/NodeEvaluator.h"
 #include "pod/PODModel.h"
+
+using korvex::kSceneRules;
 
 namespace {
 
@@ -39,36 +40,10 @@ int64_t NodeIndex(const SPODScene& scene, const SPODNode& node) {
   return &node - scene.pNode;
 }
 
-// The parent of a node, or null for a root and for a parent index outside the node array.
-const SPODNode* Parent(const SPODScene& scene, const SPODNode& node) {
-  if (node.nIdxParent < 0 || static_cast<uint32_t>(node.nIdxParent) >= NodeCount(scene))
-    return nullptr;
-  return &scene.pNode[node.nIdxParent];
-}
-
-// Frame index and blend of the current frame; a scene without evaluation state sits at frame 0.
-struct FrameKey {
-  int64_t index;
-  float blend;
-};
-
-FrameKey CurrentKey(const SPODImpl* impl) {
-  if (impl == nullptr) return {0, 0.0f};
-  return {impl->nFrameIndex, impl->fFrameBlend};
-}
-
-// Whole keys held by an animation array of `bytes` bytes.
-size_t KeyCount(const float* keys, size_t bytes, size_t floatsPerKey) {
-  return keys ? bytes / (floatsPerKey * sizeof(float)) : 0;
-}
-
-// First float of key n, with n clamped into the keys that exist (count > 0): before the first
-// key reads key 0, past the last one reads the last. At the last frame the blend therefore
-// pairs the last key with itself, and nothing beyond the array can influence the result.
-const float* Key(const float* keys, size_t count, size_t floatsPerKey, int64_t n) {
-  size_t k = 0;
-  if (n > 0) k = static_cast<uint64_t>(n) >= count ? count - 1 : static_cast<size_t>(n);
-  return keys + k * floatsPerKey;
+// Where the current frame reads the keys; a scene without evaluation state sits at frame 0.
+korvex::KeyPoint CurrentKey(const SPODImpl* impl) {
+  if (impl == nullptr) return {0, 0.0f, 0};
+  return {impl->nFrameIndex, impl->fFrameBlend, 0};
 }
 
 // Integer part of a frame, truncated toward zero; NaN and values beyond the 32-bit range
@@ -79,66 +54,6 @@ int32_t TruncateFrame(float frame) {
   if (frame <= -2147483648.0f) return INT32_MIN;
   return static_cast<int32_t>(frame);
 }
-
-// Vector channels (position: 3 floats a key, scale: 7 floats a key of which 3 are read).
-PODVECTOR3f VectorChannel(const float* keys, size_t bytes, size_t floatsPerKey, bool animated,
-                          const float* staticValue, const SPODImpl* impl) {
-  const size_t count = KeyCount(keys, bytes, floatsPerKey);
-  if (count == 0) return {staticValue[0], staticValue[1], staticValue[2]};
-  if (animated) {
-    const FrameKey fk = CurrentKey(impl);
-    const float* a = Key(keys, count, floatsPerKey, fk.index);
-    const float* b = Key(keys, count, floatsPerKey, fk.index + 1);
-    PODVECTOR3f out;
-    PODMatrixVec3LerpF(out, PODVECTOR3f{a[0], a[1], a[2]}, PODVECTOR3f{b[0], b[1], b[2]},
-                       fk.blend);
-    return out;
-  }
-  return {keys[0], keys[1], keys[2]};
-}
-
-// S * R * T of one node at the current frame, in that grouping: (S * R) * T.
-void LocalMatrix(const CPODScene& scene, PODMATRIXf& out, const SPODNode& node) {
-  PODMATRIXf tmp;
-  scene.GetScalingMatrix(out, node);
-  scene.GetRotationMatrix(tmp, node);
-  PODMatrixMultiplyF(out, out, tmp);
-  scene.GetTranslationMatrix(tmp, node);
-  PODMatrixMultiplyF(out, out, tmp);
-}
-
-// The chain of a node and its ancestors, nearest first. A cycle cannot make it endless: it is cut
-// after nNumNode parent steps (readers refuse such scenes; this guards scenes built in memory).
-class AncestorChain {
- public:
-  AncestorChain(const SPODScene& scene, const SPODNode& node) {
-    const uint32_t limit = NodeCount(scene);
-    const SPODNode* current = &node;
-    push(current);
-    for (uint32_t steps = 0; steps < limit; ++steps) {
-      current = Parent(scene, *current);
-      if (current == nullptr) break;
-      push(current);
-    }
-  }
-  size_t size() const { return m_size; }
-  const SPODNode& operator[](size_t i) const {
-    return *(i < kInline ? m_inline[i] : m_overflow[i - kInline]);
-  }
-
- private:
-  static constexpr size_t kInline = 32;  // deeper hierarchies are rare
-  void push(const SPODNode* n) {
-    if (m_size < kInline)
-      m_inline[m_size] = n;
-    else
-      m_overflow.push_back(n);
-    ++m_size;
-  }
-  const SPODNode* m_inline[kInline];
-  std::vector<const SPODNode*> m_overflow;
-  size_t m_size = 0;
-};
 
 }  // namespace
 
@@ -176,56 +91,17 @@ void CPODScene::FlushCache() {
   if (m_pImpl == nullptr) return;
   SetFrame(0.0f);
   const uint32_t count = NodeCount(*this);
-  PODMATRIXf* world = m_pImpl->pmWorldFrameZero;
-  // pfCachedFrame is borrowed as a "computed" mark per node and cleared at the end.
-  float* computed = m_pImpl->pfCachedFrame;
-  for (uint32_t i = 0; i < count; ++i) computed[i] = 0.0f;
+  if (count == 0) return;
   // Each world matrix reuses its parent's instead of walking to the root again, so a long
-  // hierarchy costs linear rather than quadratic time. world(n) = local(n) * world(parent) is
-  // exactly the product GetWorldMatrixNoCache forms, so the results are bit-identical.
-  std::vector<uint32_t> path;
+  // hierarchy costs linear rather than quadratic time, with the very products of the walk.
+  korvex::WorldTable table;
+  table.reset(count);
+  const korvex::KeyPoint at = CurrentKey(m_pImpl);
   for (uint32_t i = 0; i < count; ++i) {
-    if (computed[i] != 0.0f) continue;
-    path.clear();
-    const PODMATRIXf* above = nullptr;
-    bool cyclic = false;
-    for (uint32_t n = i;;) {
-      path.push_back(n);
-      const SPODNode* parent = Parent(*this, pNode[n]);
-      if (parent == nullptr) break;
-      const uint32_t p = static_cast<uint32_t>(parent - pNode);
-      if (computed[p] != 0.0f) {
-        above = &world[p];
-        break;
-      }
-      // More distinct ancestors than nodes: the chain loops.
-      if (path.size() >= count) {
-        cyclic = true;
-        break;
-      }
-      n = p;
-    }
-    if (cyclic) {
-      // Cut chains depend on where they start: computed on their own and never reused.
-      GetWorldMatrixNoCache(world[i], pNode[i]);
-      continue;
-    }
-    for (size_t k = path.size(); k-- > 0;) {
-      const uint32_t n = path[k];
-      PODMATRIXf local;
-      LocalMatrix(*this, local, pNode[n]);
-      if (above != nullptr)
-        PODMatrixMultiplyF(world[n], local, *above);
-      else
-        world[n] = local;
-      computed[n] = 1.0f;
-      above = &world[n];
-    }
+    m_pImpl->pmWorldFrameZero[i] = table.world(*this, i, kSceneRules, at);
   }
-  if (count > 0) {
-    std::memcpy(m_pImpl->pmWorldCache, world, count * sizeof(PODMATRIXf));
-    for (uint32_t i = 0; i < count; ++i) computed[i] = 0.0f;
-  }
+  std::memcpy(m_pImpl->pmWorldCache, m_pImpl->pmWorldFrameZero, count * sizeof(PODMATRIXf));
+  for (uint32_t i = 0; i < count; ++i) m_pImpl->pfCachedFrame[i] = 0.0f;
 }
 
 void CPODScene::SetFrame(float fFrame) {
@@ -241,8 +117,7 @@ void CPODScene::SetFrame(float fFrame) {
 }
 
 void CPODScene::GetTranslation(PODVECTOR3f& out, const SPODNode& node) const {
-  out = VectorChannel(node.pfAnimPosition, node.nAnimPositionSize, 3,
-                      (node.nAnimFlags & ePODHasPositionAni) != 0, node.pfPosition, m_pImpl);
+  out = korvex::NodePosition(node, kSceneRules, CurrentKey(m_pImpl));
 }
 
 void CPODScene::GetTranslationMatrix(PODMATRIXf& out, const SPODNode& node) const {
@@ -252,39 +127,16 @@ void CPODScene::GetTranslationMatrix(PODMATRIXf& out, const SPODNode& node) cons
 }
 
 void CPODScene::GetScalingMatrix(PODMATRIXf& out, const SPODNode& node) const {
-  const PODVECTOR3f s = VectorChannel(node.pfAnimScale, node.nAnimScaleSize, 7,
-                                      (node.nAnimFlags & ePODHasScaleAni) != 0, node.pfScale,
-                                      m_pImpl);
+  const PODVECTOR3f s = korvex::NodeScale(node, kSceneRules, CurrentKey(m_pImpl));
   PODMatrixScalingF(out, s.x, s.y, s.z);
 }
 
 void CPODScene::GetRotationMatrix(PODMATRIXf& out, const SPODNode& node) const {
-  PODQUATERNIONf q{node.pfRotation[0], node.pfRotation[1], node.pfRotation[2],
-                   node.pfRotation[3]};
-  // Unlike position and scale, an unflagged rotation array is ignored in favour of the static
-  // rotation, not read at key 0.
-  if (korvex::RotationKeyCount(node) > 0 && (node.nAnimFlags & ePODHasRotationAni) != 0) {
-    const FrameKey fk = CurrentKey(m_pImpl);
-    q = korvex::RotationBetweenKeys(node, fk.index, fk.blend);
-  }
-  PODMatrixRotationQuaternionF(out, q);
+  korvex::NodeRotationMatrix(out, node, kSceneRules, CurrentKey(m_pImpl));
 }
 
 void CPODScene::GetWorldMatrixNoCache(PODMATRIXf& out, const SPODNode& node) const {
-  // world(n) = S * R * T * world(parent), multiplied in exactly the grouping of the recursive
-  // definition: local(n) * (local(parent) * (local(grandparent) * ...)). Built from the root
-  // down so that deep hierarchies need no recursion.
-  const AncestorChain chain(*this, node);
-  PODMATRIXf world;
-  PODMATRIXf local;
-  for (size_t k = chain.size(); k-- > 0;) {
-    LocalMatrix(*this, local, chain[k]);
-    if (k + 1 == chain.size())
-      world = local;
-    else
-      PODMatrixMultiplyF(world, local, world);
-  }
-  out = world;
+  korvex::NodeWorldMatrix(out, *this, node, kSceneRules, CurrentKey(m_pImpl));
 }
 
 void CPODScene::GetWorldMatrix(PODMATRIXf& out, const SPODNode& node) const {
@@ -310,19 +162,16 @@ void CPODScene::GetWorldMatrix(PODMATRIXf& out, const SPODNode& node) const {
 
 void CPODScene::GetBoneWorldMatrix(PODMATRIXf& out, const SPODNode& meshNode,
                                    const SPODNode& boneNode) {
-  // meshWorld(0) * inverse(boneWorld(0)) * boneWorld(frame): from the mesh's bind pose into the
-  // bone's animated pose.
+  // meshWorld(0) x inverse(boneWorld(0)) x boneWorld(frame).
   const float frame = m_pImpl ? m_pImpl->fCurrentFrame : 0.0f;
   SetFrame(0.0f);
-  PODMATRIXf result;
-  PODMATRIXf tmp;
-  GetWorldMatrix(result, meshNode);
-  GetWorldMatrix(tmp, boneNode);
-  PODMatrixInverseF(tmp, tmp);
-  PODMatrixMultiplyF(result, result, tmp);
+  PODMATRIXf bindPose, boneWorld, bindTerm;
+  GetWorldMatrix(bindPose, meshNode);
+  GetWorldMatrix(boneWorld, boneNode);
+  korvex::BoneBindTerm(bindTerm, bindPose, boneWorld);
   SetFrame(frame);
-  GetWorldMatrix(tmp, boneNode);
-  PODMatrixMultiplyF(out, result, tmp);
+  GetWorldMatrix(boneWorld, boneNode);
+  korvex::BoneMatrix(out, bindTerm, boneWorld);
 }
 
 namespace {
@@ -350,12 +199,11 @@ const SPODNode* LightNode(const SPODScene& scene, unsigned int light) {
 float CameraFOV(const SPODScene& scene, const SPODImpl* impl, unsigned int camera) {
   const SPODCamera* cam = CameraRecord(scene, camera);
   if (cam == nullptr) return 0.0f;
-  const size_t count = KeyCount(cam->pfAnimFOV, cam->nAnimFOVSize, 1);
-  if (count == 0) return cam->fFOV;
-  const FrameKey fk = CurrentKey(impl);
-  const float a = *Key(cam->pfAnimFOV, count, 1, fk.index);
-  const float b = *Key(cam->pfAnimFOV, count, 1, fk.index + 1);
-  return a + (b - a) * fk.blend;
+  if (korvex::FOVKeyCount(*cam) == 0) return cam->fFOV;
+  const korvex::KeyPoint at = CurrentKey(impl);
+  const float a = korvex::FOVKey(*cam, at.index);
+  const float b = korvex::FOVKey(*cam, at.index + 1);
+  return a + (b - a) * at.blend;
 }
 
 }  // namespace

@@ -58,6 +58,10 @@ ImportArguments ParseImportArguments(const std::vector<std::string>& args) {
       result.outcome = ImportArguments::kHelp;
       return result;
     }
+    if (arg == "--version") {
+      result.outcome = ImportArguments::kVersion;
+      return result;
+    }
     if (arg == "--quiet" || arg == "-q") {
       result.options.quiet = true;
       continue;
@@ -118,6 +122,7 @@ std::string ImportUsageText() {
          "  --max-bones K       bones per bone batch, 1 to 255 (default 60)\n"
          "  --quiet             print nothing when all goes well\n"
          "  --help              print this text\n"
+         "  --version           print the version\n"
          "\n"
          "Exit status: 0 written, 1 the input could not be read or converted (nothing is\n"
          "written), 2 wrong command line.\n";

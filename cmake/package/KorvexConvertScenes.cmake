@@ -56,6 +56,9 @@ function(korvex_convert_scenes)
   if(KX_UNPARSED_ARGUMENTS)
     message(FATAL_ERROR "korvex_convert_scenes: unknown arguments: ${KX_UNPARSED_ARGUMENTS}")
   endif()
+  if(KX_KEYWORDS_MISSING_VALUES)
+    message(FATAL_ERROR "korvex_convert_scenes: ${KX_KEYWORDS_MISSING_VALUES} given without a value")
+  endif()
   if(NOT KX_TARGET)
     message(FATAL_ERROR "korvex_convert_scenes: TARGET is needed")
   endif()
@@ -101,12 +104,15 @@ function(korvex_convert_scenes)
     endif()
     get_filename_component(folder "${copy}" DIRECTORY)
     korvex_scene_output_names("${name}" qsn podx)
-    get_property(claimed GLOBAL PROPERTY KORVEX_SCENE_OUTPUT_${folder}/${qsn})
-    if(claimed)
-      message(FATAL_ERROR "korvex_convert_scenes(${KX_TARGET}): ${scene} and ${claimed} would "
-                          "both be converted to ${folder}/${qsn}")
-    endif()
-    set_property(GLOBAL PROPERTY KORVEX_SCENE_OUTPUT_${folder}/${qsn} "${scene}")
+    # Two scenes must not write one file ("a.pod" and "a.podx" share "a.PODx").
+    foreach(output ${qsn} ${podx} ${name})
+      get_property(claimed GLOBAL PROPERTY KORVEX_SCENE_OUTPUT_${folder}/${output})
+      if(claimed)
+        message(FATAL_ERROR "korvex_convert_scenes(${KX_TARGET}): ${scene} and ${claimed} would "
+                            "both write ${folder}/${output}")
+      endif()
+      set_property(GLOBAL PROPERTY KORVEX_SCENE_OUTPUT_${folder}/${output} "${scene}")
+    endforeach()
 
     add_custom_command(
       OUTPUT ${folder}/${qsn} ${folder}/${podx} ${copy}

@@ -8,7 +8,7 @@ FUZZ_SECONDS ?= 60
 # Ninja when the machine has it, make otherwise.
 GENERATOR  ?= $(shell command -v ninja >/dev/null 2>&1 && echo Ninja || echo 'Unix Makefiles')
 
-.PHONY: all build run test asan bench fuzz fuzz-run clean deps
+.PHONY: all build run test asan bench fuzz fuzz-run clean deps package
 
 all: build
 
@@ -41,6 +41,11 @@ run: build
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The Debian package korvex_<version>_<arch>.deb of the tools and the CMake package, in $(BUILD).
+package: build
+	cd $(BUILD) && cpack -G DEB
+	@ls -l $(BUILD)/korvex_*.deb
 
 $(ASAN_BUILD)/CMakeCache.txt: | deps
 	cmake -S . -B $(ASAN_BUILD) -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=Debug -DKORVEX_SANITIZE=ON -DKORVEX_BENCH=OFF

@@ -58,6 +58,10 @@ ImportArguments ParseImportArguments(const std::vector<std::string>& args) {
       result.outcome = ImportArguments::kHelp;
       return result;
     }
+    if (arg == "--version") {
+      result.outcome = ImportArguments::kVersion;
+      return result;
+    }
     if (arg == "--quiet" || arg == "-q") {
       result.options.quiet = true;
       continue;
@@ -71,7 +75,8 @@ ImportArguments ParseImportArguments(const std::vector<std::string>& args) {
       value = arg.substr(equals + 1);
       hasValue = true;
     }
-    if (name != "--frames" && name != "--fps" && name != "--animation" && name != "--max-bones")
+    if (name != "--frames" && name != "--fps" && name != "--animation" && name != "--max-bones" &&
+        name != "--texture-names")
       return UsageError("unknown option " + name);
     if (!hasValue) {
       if (i + 1 >= args.size()) return UsageError(name + " needs a value");
@@ -86,6 +91,11 @@ ImportArguments ParseImportArguments(const std::vector<std::string>& args) {
     } else if (name == "--fps") {
       if (!ParseRate(value, result.options.fps))
         return UsageError("--fps takes a number above 0 and at most 1000, not \"" + value + "\"");
+    } else if (name == "--texture-names") {
+      if (value == "keep") result.options.textureNames = TextureNamePolicy::kKeep;
+      else if (value == "base") result.options.textureNames = TextureNamePolicy::kBase;
+      else if (value == "relative") result.options.textureNames = TextureNamePolicy::kRelative;
+      else return UsageError("--texture-names takes keep, base or relative, not \"" + value + "\"");
     } else if (name == "--animation") {
       if (value.empty()) return UsageError("--animation needs a name or an index");
       result.options.animation = value;
@@ -116,8 +126,13 @@ std::string ImportUsageText() {
          "  --fps F             frames sampled per second of animation (default 30)\n"
          "  --animation NAME|I  the animation to sample, by name or index (default: the first)\n"
          "  --max-bones K       bones per bone batch, 1 to 255 (default 60)\n"
+         "  --texture-names P   how texture file names are written: relative (default: the\n"
+         "                      path from the model's folder when the texture lies below it,\n"
+         "                      else the file name alone), base (the file name alone) or\n"
+         "                      keep (as the model gives it)\n"
          "  --quiet             print nothing when all goes well\n"
          "  --help              print this text\n"
+         "  --version           print the version\n"
          "\n"
          "Exit status: 0 written, 1 the input could not be read or converted (nothing is\n"
          "written), 2 wrong command line.\n";

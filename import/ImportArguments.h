@@ -9,7 +9,7 @@
 namespace korvex::podimport {
 
 struct ImportArguments {
-  enum Outcome { kRun, kHelp, kUsageError };
+  enum Outcome { kRun, kHelp, kVersion, kUsageError };
   Outcome outcome = kUsageError;
   ImportOptions options;
   std::string input;

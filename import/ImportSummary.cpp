@@ -23,6 +23,8 @@ std::string FormatImportSummary(const ImportSummary& s, const std::string& outpu
           Count(s.triangles, "triangle", "triangles") + ")\n";
   text += "  materials: " + std::to_string(s.materials) + " (" +
           Count(s.textures, "texture", "textures") + ")\n";
+  for (const ImportSummary::RenamedTexture& t : s.renamedTextures)
+    text += "  texture:   \"" + t.written + "\" -> \"" + t.name + "\"\n";
   if (s.frames == 0) {
     text += "  frames:    0 (still scene)\n";
   } else {

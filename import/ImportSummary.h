@@ -24,6 +24,11 @@ struct ImportSummary {
   double fps = 0.0;
   uint32_t bones = 0;  // nodes that some written bone batch names
   uint32_t skinnedMeshNodes = 0;
+  struct RenamedTexture {
+    std::string written;  // as the model gives it
+    std::string name;     // as the POD file names it
+  };
+  std::vector<RenamedTexture> renamedTextures;  // each texture name --texture-names changed
   std::vector<std::string> notes;  // what was left out or changed, one line each
 };
 

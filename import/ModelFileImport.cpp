@@ -67,7 +67,7 @@ bool ImportAndWrite(const std::string& input, const std::string& output,
     return false;
   }
   CPODScene pod;
-  PODSceneImporter converter(*scene, options);
+  PODSceneImporter converter(*scene, options, ModelFolderOf(input));
   std::string problem;
   if (!converter.Convert(pod, summary, problem)) {
     error = "cannot convert " + input + ": " + problem;

@@ -50,8 +50,8 @@ void GetColour(const aiMaterial& material, const char* key, unsigned int type, u
   out[2] = FiniteOr(colour.b, fallback);
 }
 
-// The file name of a material's diffuse texture as the source gives it, with "/" separators.
-// Embedded textures ("*N") have no file name.
+// The file name of a material's diffuse texture as the source gives it. Embedded textures ("*N")
+// have no file name.
 std::string DiffuseTexture(const aiMaterial& material, bool& embedded) {
   embedded = false;
   aiString path;
@@ -63,7 +63,6 @@ std::string DiffuseTexture(const aiMaterial& material, bool& embedded) {
     embedded = true;
     return std::string();
   }
-  std::replace(name.begin(), name.end(), '\\', '/');
   return name;
 }
 
@@ -77,12 +76,32 @@ bool AllKeysEqual(const std::vector<float>& keys, size_t floats) {
 
 }  // namespace
 
-PODSceneImporter::PODSceneImporter(const aiScene& scene, const ImportOptions& options)
-    : m_scene(scene), m_options(options) {}
+PODSceneImporter::PODSceneImporter(const aiScene& scene, const ImportOptions& options,
+                                   const std::string& modelFolder)
+    : m_scene(scene), m_options(options), m_modelFolder(modelFolder) {}
 
 void PODSceneImporter::Note(const std::string& text) {
   std::vector<std::string>& notes = m_summary.notes;
   if (std::find(notes.begin(), notes.end(), text) == notes.end()) notes.push_back(text);
+}
+
+// The name the POD file gives a texture the model names `written`; each change is listed in the
+// summary once, and so are distinct textures that end up with one name.
+std::string PODSceneImporter::TextureNameOf(const std::string& written) {
+  const auto known = m_textureNamed.find(written);
+  if (known != m_textureNamed.end()) return known->second;
+  const TextureName named = NameTexture(written, m_modelFolder, m_options.textureNames);
+  m_textureNamed.emplace(written, named.name);
+  if (named.name != written)
+    m_summary.renamedTextures.push_back({written, named.name});
+  if (named.outsideModelFolder)
+    Note("texture " + Quoted(written) + " lies outside the model's folder: named by its file name " +
+         "(--texture-names keep keeps the path)");
+  const auto first = m_textureFrom.emplace(named.name, written);
+  if (!first.second)
+    Note("textures " + Quoted(first.first->second) + " and " + Quoted(written) +
+         " are both named " + Quoted(named.name) + ": one texture");
+  return named.name;
 }
 
 bool PODSceneImporter::Convert(CPODScene& out, ImportSummary& summary, std::string& error) {
@@ -642,7 +661,8 @@ bool PODSceneImporter::Build(CPODScene& out, std::string& error) {
   for (uint32_t source : m_usedMaterials) {
     const aiMaterial& material = *m_scene.mMaterials[source];
     bool embedded = false;
-    const std::string texture = DiffuseTexture(material, embedded);
+    const std::string written = DiffuseTexture(material, embedded);
+    const std::string texture = written.empty() ? written : TextureNameOf(written);
     if (embedded) Note("textures embedded in the file are not kept (no file name to refer to)");
     int32_t tex = -1;
     if (!texture.empty()) {

@@ -22,7 +22,8 @@
 //   bytes (n = the most bones any vertex of the mesh follows), weights floats; batches of at most
 //   --max-bones bones, each batch's offset counted in triangles of its mesh.
 // - Materials are the source materials some mesh node uses (mesh nodes named MARKER... use none);
-//   textures are the diffuse textures of those materials, by the file name the source gives.
+//   textures are the diffuse textures of those materials, by the file name the source gives as
+//   --texture-names has it (TextureNames.h).
 // - Light maps as Korvex links them (a mesh node LIGHTMAPxyz of exactly 11 characters defines
 //   one, with its material; other LIGHTMAP... mesh nodes use the one their first 11 characters
 //   name) are checked: a scene Korvex would stop at is refused.
@@ -31,6 +32,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "import/ImportOptions.h"
@@ -40,6 +42,7 @@
 #include "pod/PODModel.h"
 #include "pod/PODSceneBuilder.h"
 #include "import/SourceHierarchy.h"
+#include "import/TextureNames.h"
 
 namespace korvex::podimport {
 
@@ -49,7 +52,10 @@ const uint64_t kMaxNodeFrames = uint64_t{1} << 22;  // moving nodes times frames
 
 class PODSceneImporter {
  public:
-  PODSceneImporter(const aiScene& scene, const ImportOptions& options);
+  // `modelFolder`: the folder of the model file, from which relative texture names are taken
+  // (ModelFolderOf).
+  PODSceneImporter(const aiScene& scene, const ImportOptions& options,
+                   const std::string& modelFolder = ModelFolderOf("./model"));
 
   // Fills `out` (anything it held is released). False with a one-line `error` when the scene
   // cannot be converted; `summary` then holds nothing of use.
@@ -104,9 +110,11 @@ class PODSceneImporter {
   void BuildMeshPiece(korvex::PODSceneBuilder& builder, uint32_t mesh, uint32_t piece);
   void BuildChannels(korvex::PODSceneBuilder& builder, const PlannedNode& node, int index);
   void Note(const std::string& text);
+  std::string TextureNameOf(const std::string& written);
 
   const aiScene& m_scene;
   const ImportOptions m_options;
+  const std::string m_modelFolder;
   SourceHierarchy m_hierarchy;
   ImportSummary m_summary;
 
@@ -132,6 +140,8 @@ class PODSceneImporter {
   std::vector<int32_t> m_order[4];        // planned nodes of each kind, in order
   std::vector<int32_t> m_materialOf;      // source material -> POD material, -1
   std::vector<uint32_t> m_usedMaterials;  // source materials, in POD order
+  std::unordered_map<std::string, std::string> m_textureNamed;  // written name -> name
+  std::unordered_map<std::string, std::string> m_textureFrom;   // name -> first written name
 };
 
 }  // namespace korvex::podimport

@@ -24,6 +24,10 @@ int main(int argc, char** argv) {
     std::fputs(ImportUsageText().c_str(), stdout);
     return 0;
   }
+  if (parsed.outcome == ImportArguments::kVersion) {
+    std::puts("podimport " KORVEX_VERSION);
+    return 0;
+  }
   if (parsed.outcome == ImportArguments::kUsageError) {
     std::fprintf(stderr, "podimport: %s\n%s", parsed.error.c_str(), ImportUsageText().c_str());
     return 2;

@@ -3,6 +3,7 @@
 //   qsndump [--pod-dir DIR] FILE.qsn           the full dump of every header and record
 //   qsndump [--pod-dir DIR] --check FILE.qsn   texture-coordinate warnings of plain meshes
 //   qsndump [--pod-dir DIR] --json FILE.qsn    one JSON document describing the file
+//   qsndump --version
 //
 // --pod-dir re-reads the mesh streams from the POD file named in the file header, found in DIR,
 // before printing. Exit status: 0 success, 1 unreadable or invalid file (one message on standard
@@ -36,6 +37,7 @@ const char* const kUsage =
     "  --pod-dir DIR  first re-read the mesh streams from the POD file named in the\n"
     "                 file header, looked up in DIR\n"
     "  --help         print this text\n"
+    "  --version      print the version\n"
     "\n"
     "Exit status: 0 success, 1 unreadable or invalid file, 2 usage error.\n";
 
@@ -62,6 +64,10 @@ int main(int argc, char** argv) {
     const std::string arg = argv[i];
     if (!optionsEnded && arg == "--help") {
       std::fputs(kUsage, stdout);
+      return 0;
+    }
+    if (!optionsEnded && arg == "--version") {
+      std::puts("qsndump " KORVEX_VERSION);
       return 0;
     }
     if (!optionsEnded && (arg == "--check" || arg == "--json")) {

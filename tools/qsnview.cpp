@@ -46,6 +46,7 @@ const char* const kUsage =
     "  --pod-dir DIR     re-read the mesh streams from the POD file named in the file\n"
     "                    header, looked up in DIR\n"
     "  --help            print this text\n"
+    "  --version         print the version\n"
     "\n"
     "Exit status: 0 image written, 1 file unreadable or not rendered, 2 usage error.\n";
 
@@ -88,7 +89,7 @@ struct Options {
 };
 
 // 0 when the options are read, otherwise the exit status.
-int ParseCommandLine(int argc, char** argv, Options& o, bool& help) {
+int ParseCommandLine(int argc, char** argv, Options& o, bool& help, bool& version) {
   int files = 0;
   bool optionsEnded = false;
   for (int i = 1; i < argc; ++i) {
@@ -109,6 +110,9 @@ int ParseCommandLine(int argc, char** argv, Options& o, bool& help) {
       optionsEnded = true;
     } else if (arg == "--help") {
       help = true;
+      return 0;
+    } else if (arg == "--version") {
+      version = true;
       return 0;
     } else if (arg == "--size") {
       const char* v = value("a size WxH");
@@ -176,10 +180,14 @@ bool LoadPODStreams(QelSceneGraphModel& model, std::string dir, const std::strin
 int main(int argc, char** argv) {
   korvex::EndRunOnFailedNew("qsnview");
   Options o;
-  bool help = false;
-  if (const int status = ParseCommandLine(argc, argv, o, help)) return status;
+  bool help = false, version = false;
+  if (const int status = ParseCommandLine(argc, argv, o, help, version)) return status;
   if (help) {
     std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (version) {
+    std::puts("qsnview " KORVEX_VERSION);
     return 0;
   }
 

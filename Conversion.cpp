@@ -125,10 +125,13 @@ ConversionOutcome RunConversion(const ConversionRequest& request) {
   for (const std::string& warning : check.warnings) Warn(inputPath, warning);
 
   renameMeshTextureName(&inputScene);
-  if (request.weld) reduceMeshVertexForSave(&inputScene, request.nearly);
+  // How the meshes are welded travels from the reduction to the save as a value; the scene keeps
+  // its streams until then.
+  PODWeldPlan welds;
+  if (request.weld) welds = reduceMeshVertexForSave(&inputScene, request.nearly);
 
-  check = CheckSceneForSave(inputScene);
-  if (!check.found() && inputRead) check = CheckSceneForConversion(inputScene, true);
+  check = CheckSceneForSave(inputScene, &welds);
+  if (!check.found() && inputRead) check = CheckSceneForConversion(inputScene, true, &welds);
   if (check.found()) {
     return Refused(inputScene, check, inputPath);
   }
@@ -140,7 +143,7 @@ ConversionOutcome RunConversion(const ConversionRequest& request) {
     Say("Korvex: out of memory");
     return Ended(1);
   }
-  const bool saveSucceeded = inputScene.SavePOD(intermediatePath.c_str(), exportOptions);
+  const bool saveSucceeded = inputScene.SavePOD(intermediatePath.c_str(), exportOptions, welds);
   // Nothing reads the input scene again: its memory goes before the intermediate file comes in.
   inputScene.Destroy();
 

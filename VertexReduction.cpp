@@ -534,18 +534,26 @@ void ScanNear(const MeshStreams& m, uint32_t uvSetsCompared, ReductionScratch& s
   }
 }
 
-// When to rebuild a mesh's streams: right away, or as the scene is saved.
-enum class Rebuild { Now, OnSave };
+// The vertex count of mesh `index` as the save will write it.
+uint32_t CountAfterWelds(const SPODMesh& mesh, uint32_t index, const PODWeldPlan* plan) {
+  const SPODMeshWeld* weld = plan != nullptr ? plan->weld(index) : nullptr;
+  return weld != nullptr ? weld->nKept : mesh.nNumVertex;
+}
 
-// Reduces the mesh; null when done, otherwise why the mesh was left as it is.
-const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
-                       ReductionScratch& scratch, Rebuild rebuild) {
+// Reduces the mesh (mesh `index` of its scene); null when done, otherwise why the mesh was left as
+// it is. With a plan, the weld goes into it and the mesh keeps its streams; without, the streams
+// are rebuilt at once.
+const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useUV, bool nearly,
+                       ReductionScratch& scratch, PODWeldPlan* plan) {
   if (mesh == nullptr) return "no mesh";
   // A mesh used by two nodes is reduced twice; the second pass reads the first one's result.
-  if (mesh->pWeld != nullptr) {
-    if (!PODMeshApplyWeld(*mesh, *mesh->pWeld)) return "out of memory";
-    PODMeshWeldFree(mesh->pWeld);
-    mesh->pWeld = nullptr;
+  if (SPODMeshWeld* earlier = plan != nullptr ? plan->take(index) : nullptr) {
+    const bool applied = PODMeshApplyWeld(*mesh, *earlier);
+    if (!applied) {
+      plan->set(index, earlier);
+      return "out of memory";
+    }
+    PODMeshWeldFree(earlier);
   }
   size_t addressable = 0;  // old vertices the indices can reach
   if (const char* why = WhyNotReducible(*mesh, addressable)) return why;
@@ -584,10 +592,10 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
     for (size_t i = 0; i < addressable; ++i)
       weld->pnKeptOf[i] = static_cast<uint16_t>(std::max(scratch.resolved[i], 0));
   }
+  PODMeshWeldNote(*weld, *mesh, addressable);
 
-  if (rebuild == Rebuild::OnSave) {
-    mesh->pWeld = weld;
-    mesh->nNumVertex = static_cast<uint32_t>(n);
+  if (plan != nullptr) {
+    plan->set(index, weld);
     return nullptr;
   }
   const bool applied = PODMeshApplyWeld(*mesh, *weld);
@@ -600,7 +608,8 @@ void NoteUnreduced(const SPODNode* node, const char* why) {
   std::fprintf(stderr, "Note: vertices of \"%s\" not reduced: %s\n", NodeName(node), why);
 }
 
-void ReduceScene(SPODScene* scene, bool nearly, Rebuild rebuild) {
+// With a plan, the welds go into it (see ReduceMesh).
+void ReduceScene(SPODScene* scene, bool nearly, PODWeldPlan* plan) {
   // Like the texture renaming's line, this one is left open: the count lines follow on it.
   std::fputs(nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
                     : "Reducing vertex number with vertex have SAME UV...",
@@ -611,6 +620,9 @@ void ReduceScene(SPODScene* scene, bool nearly, Rebuild rebuild) {
   // Mesh nodes beyond the node array cannot be visited.
   const uint32_t meshNodes =
       scene != nullptr && scene->pNode != nullptr ? std::min(scene->nNumMeshNode, scene->nNumNode) : 0;
+  // Without room for the welds of every mesh, the streams are rebuilt at once: the same counts
+  // and the same file.
+  if (plan != nullptr && !plan->reserve(scene != nullptr ? scene->nNumMesh : 0)) plan = nullptr;
   ReductionScratch scratch;
   for (uint32_t k = 0; k < meshNodes; ++k) {
     SPODNode* node = &scene->pNode[k];
@@ -622,11 +634,12 @@ void ReduceScene(SPODScene* scene, bool nearly, Rebuild rebuild) {
       NoteUnreduced(node, "no such mesh");
       continue;
     }
-    SPODMesh* mesh = &scene->pMesh[node->nIdx];
-    before += mesh->nNumVertex;
-    if (const char* why = ReduceMesh(node, mesh, node->nIdxMaterial >= 0, nearly, scratch, rebuild))
+    const uint32_t index = static_cast<uint32_t>(node->nIdx);
+    SPODMesh* mesh = &scene->pMesh[index];
+    before += CountAfterWelds(*mesh, index, plan);
+    if (const char* why = ReduceMesh(node, mesh, index, node->nIdxMaterial >= 0, nearly, scratch, plan))
       NoteUnreduced(node, why);
-    after += mesh->nNumVertex;
+    after += CountAfterWelds(*mesh, index, plan);
   }
   std::printf("Total vertex before reduction: %d\n", static_cast<int32_t>(before));
   std::printf("Total vertex after reduction: %d\n", static_cast<int32_t>(after));
@@ -637,11 +650,13 @@ void ReduceScene(SPODScene* scene, bool nearly, Rebuild rebuild) {
 
 void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
   ReductionScratch scratch;
-  ReduceMesh(node, mesh, useUV, nearly, scratch, Rebuild::Now);
+  ReduceMesh(node, mesh, 0, useUV, nearly, scratch, nullptr);
 }
 
-void reduceMeshVertex(SPODScene* scene, bool nearly) { ReduceScene(scene, nearly, Rebuild::Now); }
+void reduceMeshVertex(SPODScene* scene, bool nearly) { ReduceScene(scene, nearly, nullptr); }
 
-void reduceMeshVertexForSave(SPODScene* scene, bool nearly) {
-  ReduceScene(scene, nearly, Rebuild::OnSave);
+PODWeldPlan reduceMeshVertexForSave(SPODScene* scene, bool nearly) {
+  PODWeldPlan plan;
+  ReduceScene(scene, nearly, &plan);
+  return plan;
 }

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 
+#include "PODMeshWeld.h"
 #include "PODModel.h"
 
 // Reduces the mesh of every mesh node (printing the header line, then the totals). `nearly`
@@ -20,10 +21,12 @@
 // error. Takes the scene's records, so a CPODScene is passed as it is.
 void reduceMeshVertex(SPODScene* scene, bool nearly);
 
-// The same, but the streams of each reduced mesh are only rebuilt as the scene is saved
-// (SPODMesh::pWeld): the printed lines and counts are the same, and so is the saved file. For a
-// scene that is saved next and then released; nothing but saving may read its meshes.
-void reduceMeshVertexForSave(SPODScene* scene, bool nearly);
+// The same, but the meshes keep their streams and counts: how each reduced mesh is welded comes
+// back as a plan, which the save applies as it writes (CPODScene::SavePOD with the plan). The
+// printed lines and counts are the same, and so is the saved file. A mesh shared by several
+// nodes is rebuilt at once when it is reduced the second time, as the second pass reads the
+// first one's result.
+PODWeldPlan reduceMeshVertexForSave(SPODScene* scene, bool nearly);
 
 // Reduces one mesh in place. `useUV`: texture coordinates take part in the comparison.
 // A mesh whose streams are not laid out as this reduction expects is left untouched.

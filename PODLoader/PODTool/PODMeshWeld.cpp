@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "IndexRange.h"
+
 namespace {
 
 // Rebuilt arrays are made of elements of this many bytes: a corner's index, a vertex's position,
@@ -161,6 +163,47 @@ SPODMeshWeld* PODMeshWeldCreate(uint32_t kept, bool byOldVertex, size_t oldVerti
 
 void PODMeshWeldFree(SPODMeshWeld* weld) { std::free(weld); }
 
+namespace {
+
+// The same layout and length; the array may have moved (a scene about to overwrite its own
+// file copies the arrays it borrows from it).
+bool SameStream(const CPODData& a, const CPODData& b) {
+  return a.eType == b.eType && a.n == b.n && a.nStride == b.nStride &&
+         (a.pData == nullptr) == (b.pData == nullptr) && a.nDataSize == b.nDataSize;
+}
+
+}  // namespace
+
+void PODMeshWeldNote(SPODMeshWeld& weld, const SPODMesh& mesh, size_t oldVertices) {
+  weld.nReach = static_cast<uint32_t>(oldVertices);
+  weld.nFaces = mesh.nNumFaces;
+  weld.nNumUVW = mesh.nNumUVW;
+  weld.sFaces = mesh.sFaces;
+  weld.sVertex = mesh.sVertex;
+  weld.sNormals = mesh.sNormals;
+  for (uint32_t k = 0; k < 2; ++k) weld.sUVW[k] = k < weld.nUVW ? mesh.psUVW[k] : CPODData{};
+  weld.sBoneIdx = weld.bBones ? mesh.sBoneIdx : CPODData{};
+  weld.sBoneWeight = weld.bBones ? mesh.sBoneWeight : CPODData{};
+}
+
+bool PODMeshWeldFits(const SPODMesh& mesh, const SPODMeshWeld& weld) {
+  if (mesh.nNumFaces != weld.nFaces || mesh.nNumUVW != weld.nNumUVW || mesh.pInterleaved != nullptr ||
+      !SameStream(mesh.sFaces, weld.sFaces) || !SameStream(mesh.sVertex, weld.sVertex) ||
+      !SameStream(mesh.sNormals, weld.sNormals))
+    return false;
+  if (weld.nUVW > 0 && (mesh.psUVW == nullptr || mesh.nUVWCount < weld.nUVW)) return false;
+  for (uint32_t k = 0; k < weld.nUVW; ++k)
+    if (!SameStream(mesh.psUVW[k], weld.sUVW[k])) return false;
+  if (weld.bBones != (mesh.sBoneBatches.nBatchCnt > 0)) return false;
+  if (weld.bBones &&
+      (!SameStream(mesh.sBoneIdx, weld.sBoneIdx) || !SameStream(mesh.sBoneWeight, weld.sBoneWeight)))
+    return false;
+  // The arrays are laid out alike; their indices may still have been rewritten since.
+  const size_t corners = Corners(mesh);
+  if (weld.pnKeptOf == nullptr || corners == 0) return true;
+  return HighestIndex(mesh.sFaces.pData, corners) < weld.nReach;
+}
+
 const CPODData* PODMeshWeldedStream(const SPODMesh& mesh, const SPODMeshWeld& weld,
                                     EPODWeldStream stream) {
   return StreamOf(mesh, weld, stream);
@@ -205,6 +248,7 @@ void PODMeshWeldGather(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldS
 }
 
 bool PODMeshApplyWeld(SPODMesh& mesh, const SPODMeshWeld& weld) {
+  if (!PODMeshWeldFits(mesh, weld)) return false;
   const EPODWeldStream arrays[] = {EPODWeldStream::Vertex, EPODWeldStream::Normals,
                                    EPODWeldStream::UVW0,   EPODWeldStream::UVW1,
                                    EPODWeldStream::BoneIdx, EPODWeldStream::BoneWeight};
@@ -237,4 +281,61 @@ bool PODMeshApplyWeld(SPODMesh& mesh, const SPODMeshWeld& weld) {
   }
   mesh.nNumVertex = weld.nKept;
   return true;
+}
+
+PODWeldPlan::PODWeldPlan(PODWeldPlan&& other) noexcept
+    : m_welds(other.m_welds), m_meshes(other.m_meshes) {
+  other.m_welds = nullptr;
+  other.m_meshes = 0;
+}
+
+PODWeldPlan& PODWeldPlan::operator=(PODWeldPlan&& other) noexcept {
+  if (this != &other) {
+    clear();
+    m_welds = other.m_welds;
+    m_meshes = other.m_meshes;
+    other.m_welds = nullptr;
+    other.m_meshes = 0;
+  }
+  return *this;
+}
+
+PODWeldPlan::~PODWeldPlan() { clear(); }
+
+void PODWeldPlan::clear() {
+  for (uint32_t k = 0; k < m_meshes; ++k) PODMeshWeldFree(m_welds[k]);
+  std::free(m_welds);
+  m_welds = nullptr;
+  m_meshes = 0;
+}
+
+bool PODWeldPlan::reserve(uint32_t meshes) {
+  clear();
+  if (meshes == 0) return true;
+  m_welds = static_cast<SPODMeshWeld**>(std::calloc(meshes, sizeof(SPODMeshWeld*)));
+  if (m_welds == nullptr) return false;
+  m_meshes = meshes;
+  return true;
+}
+
+bool PODWeldPlan::empty() const {
+  for (uint32_t k = 0; k < m_meshes; ++k)
+    if (m_welds[k] != nullptr) return false;
+  return true;
+}
+
+const SPODMeshWeld* PODWeldPlan::weld(uint32_t index) const {
+  return index < m_meshes ? m_welds[index] : nullptr;
+}
+
+void PODWeldPlan::set(uint32_t index, SPODMeshWeld* weld) {
+  PODMeshWeldFree(m_welds[index]);
+  m_welds[index] = weld;
+}
+
+SPODMeshWeld* PODWeldPlan::take(uint32_t index) {
+  if (index >= m_meshes) return nullptr;
+  SPODMeshWeld* weld = m_welds[index];
+  m_welds[index] = nullptr;
+  return weld;
 }

@@ -3,7 +3,6 @@
 
 #include "PODModel.h"
 
-#include "PODMeshWeld.h"
 #include "PODSource.h"
 #include "PODRecordLayout.h"
 
@@ -70,10 +69,8 @@ void PODModelRelease(SPODMaterial& material) { ReleaseRecord(material); }
 void PODModelRelease(SPODNode& node) { ReleaseRecord(node); }
 void PODModelRelease(SPODTexture& texture) { ReleaseRecord(texture); }
 
-// The descriptors go after the streams they hold, and with them the weld not yet applied.
+// The descriptors go after the streams they hold.
 void PODModelRelease(SPODMesh& mesh) {
-  PODMeshWeldFree(mesh.pWeld);
-  mesh.pWeld = nullptr;
   CPODData* sets = mesh.psUVW;
   ReleaseRecord(mesh);
   std::free(sets);

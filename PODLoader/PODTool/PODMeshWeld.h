@@ -49,8 +49,9 @@ void PODMeshWeldFree(SPODMeshWeld* weld);
 void PODMeshWeldNote(SPODMeshWeld& weld, const SPODMesh& mesh, size_t oldVertices);
 
 // Whether `mesh` still has the shape `weld` was decided on: streams of the same layouts and
-// lengths, the same counts, and indices that stay below what it covers. Saving or applying a weld
-// that does not fit would read outside the arrays.
+// lengths and the same counts. Saving or applying a weld that does not fit would read outside the
+// arrays. Indices beyond the old vertices the weld covers are found as they are read
+// (PODMeshWeldGather, PODMeshApplyWeld).
 bool PODMeshWeldFits(const SPODMesh& mesh, const SPODMeshWeld& weld);
 
 // The streams a weld rebuilds.
@@ -65,12 +66,13 @@ const CPODData* PODMeshWeldedStream(const SPODMesh& mesh, const SPODMeshWeld& we
 size_t PODMeshWeldedBytes(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream);
 
 // Bytes [first, first + count) of the rebuilt array of `stream`, into `out`; the range lies
-// inside PODMeshWeldedBytes.
-void PODMeshWeldGather(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream,
+// inside PODMeshWeldedBytes and the weld fits the mesh. False when an index of the range lies
+// beyond the old vertices the weld covers (what `out` then holds is of no use).
+bool PODMeshWeldGather(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream,
                        size_t first, size_t count, uint8_t* out);
 
-// Rebuilds the streams of `mesh` (which the weld fits) into arrays of their own and sets its
-// vertex count. False, with the mesh as it was, when memory runs out or the weld does not fit.
+// Rebuilds the streams of `mesh` into arrays of their own and sets its vertex count. False, with
+// the mesh as it was, when memory runs out, the weld does not fit, or an index lies beyond it.
 bool PODMeshApplyWeld(SPODMesh& mesh, const SPODMeshWeld& weld);
 
 // The welds decided for the meshes of one scene, by mesh index, as the reduction hands them to

@@ -120,8 +120,8 @@ struct StreamWriter : korvex::PODFieldVisitor {
     bool good = WriteMarker(f, tag, false, nLen);
     for (size_t at = 0; good && at < nLen; at += kSlice) {
       const size_t count = std::min<size_t>(nLen - at, kSlice);
-      PODMeshWeldGather(*mesh, *weld, welded, at, count, slice);
-      good = WriteFileSafe(f, slice, static_cast<unsigned int>(count));
+      good = PODMeshWeldGather(*mesh, *weld, welded, at, count, slice) &&
+             WriteFileSafe(f, slice, static_cast<unsigned int>(count));
     }
     free(slice);
     return good && WriteMarker(f, tag, true, 0);

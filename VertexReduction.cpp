@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "Assertion.h"
@@ -180,6 +179,7 @@ struct buffer {
 struct ReductionScratch {
   VertexGroupIndex index;
   std::vector<buffer> entries;
+  size_t kept = 0;  // entries in use
   std::vector<uint16_t> newFaces;  // the rewritten triangle indices
   std::vector<int32_t> resolved;   // kept vertex of each old vertex (negative: none)
   // Some old vertex matches nothing and is a new kept vertex at each of its corners: only
@@ -205,19 +205,20 @@ bool UVsNear(const Corner& b, const Corner& c, uint32_t uvSets) {
 // Cells of side 0.002 in each compared coordinate, scaled by 500 (exact for a float) and floored.
 // Two coordinates within 0.001 lie in the same or adjacent cells, on the side of the half-cell
 // the corner sits in. A float of magnitude 2^20 or more is at least 1/16 away from any other
-// float, so only equal values are near it: such values share one far cell.
+// float, so only equal values are near it: such values share one far cell. Below 2^20 a cell
+// number stays within +-2^29.
 constexpr float kFarCoordinate = 1048576.0f;
-constexpr int64_t kFarCell = INT64_MIN;
+constexpr int32_t kFarCell = INT32_MIN;
 constexpr double kSlack = 1e-9;  // covers the tolerance's excess over 0.001 and any rounding
 
-int64_t CellOf(float x) {
+int32_t CellOf(float x) {
   if (!(std::fabs(x) < kFarCoordinate)) return kFarCell;
-  return static_cast<int64_t>(std::floor(static_cast<double>(x) * 500.0));
+  return static_cast<int32_t>(std::floor(static_cast<double>(x) * 500.0));
 }
 
 // The cells a kept coordinate near `x` can lie in; returns how many (1 to 3).
-int CellsNear(float x, int64_t* out) {
-  const int64_t own = CellOf(x);
+int CellsNear(float x, int32_t* out) {
+  const int32_t own = CellOf(x);
   if (own == kFarCell) {
     out[0] = own;
     return 1;
@@ -230,13 +231,15 @@ int CellsNear(float x, int64_t* out) {
   return n;
 }
 
-// Kept vertices of long position groups (near mode) by group and cell. The kept vertices of one
+// Kept vertices of long position groups (near mode) by group and cell, in one open-addressed
+// table of cells, each cell chaining its kept vertices in list order. The kept vertices of one
 // group match none of each other, so a cell holds at most one in each half-cell combination
-// (2^d for d compared coordinates): a lookup probes at most 3^d cells of at most 2^d entries,
-// and the first match in list order is the smallest first match over the probed cells.
+// (2^d for d compared coordinates): a lookup probes at most 3^d cells (2^d but at the exact middle
+// of a cell) of at most 2^d entries, and the first match in list order is the smallest first match
+// over the probed cells.
 class NearCells {
  public:
-  NearCells(uint32_t uvSets) : m_dims(2 * uvSets) {}
+  explicit NearCells(uint32_t uvSets) : m_dims(2 * uvSets) { rehash(64); }
 
   bool covers(uint32_t group) const { return group < m_covered.size() && m_covered[group]; }
 
@@ -244,14 +247,24 @@ class NearCells {
   void add(uint32_t group, int32_t entry, const Corner& b) {
     if (group >= m_covered.size()) m_covered.resize(size_t{group} + 1, false);
     m_covered[group] = true;
+    if (static_cast<size_t>(entry) >= m_next.size()) m_next.resize(std::max(2 * m_next.size(), size_t(entry) + 1));
+    m_next[static_cast<size_t>(entry)] = -1;
     Key key{group, {}};
     for (uint32_t d = 0; d < m_dims; ++d) key.cell[d] = CellOf(coordinate(b.u, b.v, d));
-    m_cells[key].push_back(entry);
+    if (2 * (m_used + 1) > m_cells.size()) rehash(2 * m_cells.size());
+    Cell& cell = m_cells[slotOf(key, HashOf(key))];
+    if (cell.head < 0) {
+      cell = Cell{key, entry, entry};
+      ++m_used;
+    } else {
+      m_next[static_cast<size_t>(cell.tail)] = entry;
+      cell.tail = entry;
+    }
   }
 
   template <typename Kept>
   int32_t firstMatch(uint32_t group, const Corner& c, const Kept& kept) const {
-    int64_t options[2 * kMaxUVSets][3];
+    int32_t options[2 * kMaxUVSets][3];
     int count[2 * kMaxUVSets];
     for (uint32_t d = 0; d < m_dims; ++d) count[d] = CellsNear(coordinate(c.u, c.v, d), options[d]);
     int choice[2 * kMaxUVSets] = {};
@@ -259,14 +272,11 @@ class NearCells {
     for (;;) {
       Key key{group, {}};
       for (uint32_t d = 0; d < m_dims; ++d) key.cell[d] = options[d][choice[d]];
-      const auto it = m_cells.find(key);
-      if (it != m_cells.end()) {
-        for (int32_t e : it->second) {
-          if (best >= 0 && e >= best) break;
-          if (UVsNear(kept(e), c, m_dims / 2)) {
-            best = e;
-            break;
-          }
+      for (int32_t e = m_cells[slotOf(key, HashOf(key))].head; e >= 0; e = m_next[static_cast<size_t>(e)]) {
+        if (best >= 0 && e >= best) break;
+        if (UVsNear(kept(e), c, m_dims / 2)) {
+          best = e;
+          break;
         }
       }
       uint32_t d = 0;
@@ -278,30 +288,51 @@ class NearCells {
  private:
   struct Key {
     uint32_t group;
-    int64_t cell[2 * kMaxUVSets];
+    int32_t cell[2 * kMaxUVSets];  // unused ones 0
     bool operator==(const Key& o) const {
       return group == o.group && std::equal(cell, cell + 2 * kMaxUVSets, o.cell);
     }
   };
-  struct KeyHash {
-    size_t operator()(const Key& k) const {
-      uint64_t h = k.group * 0x9E3779B97F4A7C15ull;
-      for (int64_t c : k.cell) {
-        h = (h ^ static_cast<uint64_t>(c)) * 0xFF51AFD7ED558CCDull;
-        h ^= h >> 29;
-      }
-      return static_cast<size_t>(h);
-    }
+  struct Cell {
+    Key key;
+    int32_t head = -1;  // -1: an empty slot
+    int32_t tail = -1;
   };
+
+  static uint64_t HashOf(const Key& k) {
+    uint64_t h = (k.group + 1) * 0x9E3779B97F4A7C15ull;
+    for (int32_t c : k.cell) {
+      h = (h ^ static_cast<uint32_t>(c)) * 0xFF51AFD7ED558CCDull;
+      h ^= h >> 29;
+    }
+    return h;
+  }
+
+  // The slot holding `key`, or the empty one where it goes.
+  size_t slotOf(const Key& key, uint64_t hash) const {
+    size_t pos = static_cast<size_t>(hash) & (m_cells.size() - 1);
+    while (m_cells[pos].head >= 0 && !(m_cells[pos].key == key)) pos = (pos + 1) & (m_cells.size() - 1);
+    return pos;
+  }
+
+  void rehash(size_t capacity) {
+    std::vector<Cell> old;
+    old.swap(m_cells);
+    m_cells.assign(capacity, Cell{});
+    for (const Cell& cell : old)
+      if (cell.head >= 0) m_cells[slotOf(cell.key, HashOf(cell.key))] = cell;
+  }
 
   template <typename Coordinates>
   static float coordinate(const Coordinates& u, const Coordinates& v, uint32_t d) {
     return d % 2 == 0 ? u[d / 2] : v[d / 2];
   }
 
-  std::vector<bool> m_covered;
   uint32_t m_dims;
-  std::unordered_map<Key, std::vector<int32_t>, KeyHash> m_cells;
+  std::vector<bool> m_covered;
+  std::vector<Cell> m_cells;  // a power of two, at most half used
+  size_t m_used = 0;
+  std::vector<int32_t> m_next;  // of each kept vertex in a cell: the next one in the same cell
 };
 
 // Whether a corner can match a kept vertex at all. One that cannot (a NaN compared exactly, or
@@ -537,10 +568,11 @@ void ResolveCorners(const MeshStreams& m, uint32_t uvSetsCompared, ReductionScra
     entries[k].normalFrom = i;
     if (kLoners) newFaces[f] = static_cast<uint16_t>(k);  // wraps above 65,535 by design
   }
-  s.entries.resize(static_cast<size_t>(n));
+  s.kept = static_cast<size_t>(n);
 }
 
-// Fills scratch.entries, and scratch.resolved or (perCorner) scratch.newFaces, for a mesh.
+// Fills scratch.entries (the first scratch.kept of them), and scratch.resolved or (perCorner)
+// scratch.newFaces, for a mesh.
 void Scan(const MeshStreams& m, uint32_t uvSetsCompared, bool nearly, ReductionScratch& s) {
   // Near mode compares positions exactly too; without texture coordinates it is exact mode.
   const bool near = nearly && uvSetsCompared > 0;
@@ -563,14 +595,16 @@ void Scan(const MeshStreams& m, uint32_t uvSetsCompared, bool nearly, ReductionS
     for (uint32_t i = 0; near && i < vertices; ++i) bound += s.group[i] != vertices;
     for (size_t f = 0; f < m.corners; ++f) bound += s.group[m.faceIndex(f)] == vertices;
   }
-  s.entries.resize(std::min(bound, m.corners));
+  // Grown only: what is there is overwritten entry by entry.
+  const size_t room = std::min(bound, m.corners);
+  if (s.entries.size() < room) s.entries.resize(room);
   s.rank.assign(groups, -1);
   s.perCorner = anyLoner;
   if (anyLoner) s.newFaces.resize(m.corners);
-  if (near) {
-    s.next.resize(s.entries.size());
-    s.last.resize(s.entries.size());
-    s.length.resize(s.entries.size());
+  if (near && s.next.size() < room) {
+    s.next.resize(room);
+    s.last.resize(room);
+    s.length.resize(room);
   }
   if (near) {
     if (anyLoner)
@@ -622,7 +656,7 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useU
   Scan(streams, uvSetsCompared, nearly, scratch);
 
   const std::vector<buffer>& entries = scratch.entries;
-  const size_t n = entries.size();
+  const size_t n = scratch.kept;
   SPODMeshWeld* weld = PODMeshWeldCreate(static_cast<uint32_t>(n), !scratch.perCorner, addressable, corners);
   if (weld == nullptr) return "out of memory";
   weld->nUVW = uvSets;

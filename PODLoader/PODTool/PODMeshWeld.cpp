@@ -125,14 +125,16 @@ bool GatherElements(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStre
       if (weld.pnKeptOf != nullptr && first + count <= Corners(mesh)) {
         if (weld.nReach == 0) return count == 0;
         // Clamped so that the lookup stays inside; an index that needed it fails the whole.
+        // Held in locals: `out` could alias them for all the compiler knows.
         const uint8_t* old = mesh.sFaces.pData + 2 * first;
+        const uint16_t* keptOf = weld.pnKeptOf;
         const uint16_t last = static_cast<uint16_t>(weld.nReach - 1);
         uint16_t highest = 0;
         for (size_t e = 0; e < count; ++e) {
           uint16_t i;
           std::memcpy(&i, old + 2 * e, 2);
           highest = std::max(highest, i);
-          std::memcpy(out + 2 * e, &weld.pnKeptOf[std::min(i, last)], 2);
+          std::memcpy(out + 2 * e, &keptOf[std::min(i, last)], 2);
         }
         return highest <= last;
       }

@@ -123,7 +123,7 @@ class VertexGroupIndex {
   // Empties the index for a mesh of at most maxGroups groups, keeping the memory it had.
   void reset(size_t maxGroups) {
     size_t capacity = 16;
-    while (capacity < 2 * maxGroups) capacity *= 2;
+    while (capacity < 4 * maxGroups) capacity *= 2;
     m_slots.assign(capacity, 0);
     m_mask = capacity - 1;
   }
@@ -139,6 +139,8 @@ class VertexGroupIndex {
     for (uint32_t k = 0; k < kKeySets; ++k)
       h += uint64_t{FloatKeyBits(c.u[k])} * (0xD6E8FEB86659FD93ull + 2 * k) +
            uint64_t{FloatKeyBits(c.v[k])} * (0xFF51AFD7ED558CCDull + 2 * k);
+    h ^= h >> 29;
+    h *= 0xBF58476D1CE4E5B9ull;
     const uint32_t hash = static_cast<uint32_t>(h >> 32);
     return hash != 0 ? hash : 1;
   }

@@ -28,6 +28,12 @@ constexpr uint32_t kLongGroup = 8;
 // nothing, which is resolved out of the corner loop.
 constexpr int32_t kUnseen = -1;
 constexpr int32_t kUnseenShared = -2;
+// An old vertex resolved out of the corner loop keeps its kept vertex k as SharedMemo(k), below
+// both: that kept vertex may take the normal of a later corner of another old vertex, so each of
+// its corners sets the normal. One alone in its group is the only old vertex of its kept vertex,
+// whose normal is its own from the start, and its memo is k itself.
+constexpr int32_t SharedMemo(int32_t k) { return -k - 3; }
+constexpr int32_t KeptOfMemo(int32_t memo) { return memo >= 0 ? memo : memo <= -3 ? -memo - 3 : -1; }
 
 const char* NodeName(const SPODNode* node) {
   // A node without a name prints as an empty name rather than passing null to printf.
@@ -526,7 +532,7 @@ class SharedSight {
       k = m_sharedGroups.firstMatch(i, g);
       if (k < 0) m_sharedGroups.append(g, k = make(i, n));
     }
-    m_resolved[i] = k;
+    m_resolved[i] = SharedMemo(k);
     return k;
   }
 
@@ -561,13 +567,13 @@ void ResolveCorners(const MeshStreams& m, uint32_t uvSetsCompared, ReductionScra
       if (k == kUnseen) {
         // Alone in its group: nothing before it can match, and it is its own kept vertex.
         k = n++;
-        entries[k].source = i;
+        entries[k] = buffer{i, i};
         resolved[i] = k;
       } else {
-        k = shared.kept(i, n);
+        k = k == kUnseenShared ? shared.kept(i, n) : KeptOfMemo(k);
+        entries[k].normalFrom = i;
       }
     }
-    entries[k].normalFrom = i;
     if (kLoners) newFaces[f] = static_cast<uint16_t>(k);  // wraps above 65,535 by design
   }
   s.kept = static_cast<size_t>(n);
@@ -673,7 +679,7 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useU
   } else {
     // Without such vertices fewer than 65,536 are kept. Vertices no corner uses map to 0.
     for (size_t i = 0; i < addressable; ++i)
-      weld->pnKeptOf[i] = static_cast<uint16_t>(std::max(scratch.resolved[i], 0));
+      weld->pnKeptOf[i] = static_cast<uint16_t>(std::max(KeptOfMemo(scratch.resolved[i]), 0));
   }
   PODMeshWeldNote(*weld, *mesh, addressable);
 

@@ -8,13 +8,6 @@
 
 namespace {
 
-// Values a 16-bit index can take: a weld by old vertex has an entry for each.
-constexpr size_t kIndexValues = 65536;
-
-}  // namespace
-
-namespace {
-
 // Rebuilt arrays are made of elements of this many bytes: a corner's index, a vertex's position,
 // normal or coordinates, a vertex's bone indices, or one bone weight (weights are packed by bone
 // index, not by the weight stride, so they are gathered one at a time).
@@ -131,19 +124,18 @@ bool GatherElements(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStre
     case EPODWeldStream::Faces:
       if (weld.pnKeptOf != nullptr && first + count <= Corners(mesh)) {
         if (weld.nReach == 0) return count == 0;
-        // Every 16-bit index has its entry, so the lookup stays inside; an index beyond the
-        // weld's old vertices fails the whole. Pointers in locals: `out` could alias them for
-        // all the compiler knows.
+        // The range is checked first (its indices are in the nearest cache for the lookups
+        // that follow): an index beyond the weld's old vertices fails the whole. Pointers in
+        // locals: `out` could alias them for all the compiler knows.
         const uint8_t* old = mesh.sFaces.pData + 2 * first;
+        if (HighestIndex(old, count) >= weld.nReach) return false;
         const uint16_t* keptOf = weld.pnKeptOf;
-        uint16_t highest = 0;
         for (size_t e = 0; e < count; ++e) {
           uint16_t i;
           std::memcpy(&i, old + 2 * e, 2);
-          highest = std::max(highest, i);
           std::memcpy(out + 2 * e, &keptOf[i], 2);
         }
-        return highest < weld.nReach;
+        return true;
       }
       break;
     default:
@@ -171,7 +163,7 @@ void Install(CPODData& d, uint8_t* data, size_t bytes) {
 }  // namespace
 
 SPODMeshWeld* PODMeshWeldCreate(uint32_t kept, bool byOldVertex, size_t oldVertices, size_t corners) {
-  const size_t perCorner = byOldVertex ? kIndexValues : corners;
+  const size_t perCorner = byOldVertex ? oldVertices : corners;
   const size_t header = (sizeof(SPODMeshWeld) + 15) / 16 * 16;
   auto* block = static_cast<uint8_t*>(
       std::malloc(header + sizeof(uint16_t) * (2 * size_t{kept} + perCorner)));
@@ -182,8 +174,6 @@ SPODMeshWeld* PODMeshWeldCreate(uint32_t kept, bool byOldVertex, size_t oldVerti
   weld->pnSource = reinterpret_cast<uint16_t*>(block + header);
   weld->pnNormalFrom = weld->pnSource + kept;
   (byOldVertex ? weld->pnKeptOf : weld->pnCornerKept) = weld->pnNormalFrom + kept;
-  if (byOldVertex && oldVertices < kIndexValues)
-    std::memset(weld->pnKeptOf + oldVertices, 0, sizeof(uint16_t) * (kIndexValues - oldVertices));
   return weld;
 }
 

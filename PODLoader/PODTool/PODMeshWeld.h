@@ -25,10 +25,9 @@ struct SPODMeshWeld {
   bool bBones;    // bone streams rebuilt
   uint16_t* pnSource;      // nKept old vertices
   uint16_t* pnNormalFrom;  // nKept old vertices
-  // The kept vertex of each corner, by the old vertex it uses (pnKeptOf, one per 16-bit index
-  // value, 0 beyond the old vertices an index could reach) when every old vertex resolves to one
-  // kept vertex, else by corner (pnCornerKept, one per corner; wrapped to 16 bits like the
-  // indices).
+  // The kept vertex of each corner, by the old vertex it uses (pnKeptOf, one per old vertex an
+  // index can reach) when every old vertex resolves to one kept vertex, else by corner
+  // (pnCornerKept, one per corner; wrapped to 16 bits like the indices).
   uint16_t* pnKeptOf;
   uint16_t* pnCornerKept;
   // What the weld was decided on (PODMeshWeldNote): a mesh whose streams have changed since then
@@ -40,8 +39,7 @@ struct SPODMeshWeld {
 };
 
 // A weld for a mesh of `corners` corners keeping `kept` vertices, with room for one kept vertex
-// per old vertex (`byOldVertex`: the first `oldVertices` to be filled, the rest of the 65,536 are
-// 0) or per corner. Null when memory runs out.
+// per old vertex (`byOldVertex`, `oldVertices` of them) or per corner. Null when memory runs out.
 // Released with PODMeshWeldFree.
 SPODMeshWeld* PODMeshWeldCreate(uint32_t kept, bool byOldVertex, size_t oldVertices, size_t corners);
 void PODMeshWeldFree(SPODMeshWeld* weld);

@@ -189,7 +189,7 @@ struct ReductionScratch {
   std::vector<buffer> entries;
   size_t kept = 0;  // entries in use
   std::vector<uint16_t> newFaces;  // the rewritten triangle indices
-  std::vector<int32_t> resolved;   // kept vertex of each old vertex (negative: none)
+  std::vector<int32_t> resolved;   // memo of each old vertex (kUnseen, SharedMemo...)
   // Some old vertex matches nothing and is a new kept vertex at each of its corners: only
   // newFaces tells the kept vertex of a corner. Otherwise resolved does, and newFaces is unused.
   bool perCorner = false;

@@ -5,11 +5,13 @@
 // rebuilt with one element per kept vertex, in order of first use by the triangles.
 //
 // The result is that of scanning the list of kept vertices from its start for every triangle
-// corner and taking the first that matches; this implementation reaches the same result with
-// one hash lookup per distinct old vertex (plus, in near mode, a walk of the kept vertices at
-// that position, or of a few cells of them when there are many). A kept vertex is held as the
-// old vertex that introduced it and the old vertex of the last corner merged into it (whose normal
-// it takes); the streams are rebuilt from those, so no vertex record is copied around.
+// corner and taking the first that matches; this implementation reaches the same result by
+// grouping the old vertices first (one hash lookup each, by position, and in exact mode by
+// texture coordinates too) and then walking the corners once. Only old vertices whose group
+// others share are compared with anything: in near mode with the kept vertices of their position
+// in list order, or with a few cells of them when there are many. A kept vertex is held as the old
+// vertex that introduced it and the old vertex of the last corner merged into it (whose normal it
+// takes); the streams are rebuilt from those, so no vertex record is copied around.
 
 #include <cstdint>
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "pod/Diagnostics.h"
+#include "pod/PODMeshWeld.h"
 #include "pod/PODModel.h"
 #include "pod/PODReadReport.h"
 #include "qsn/QelSceneGraphModel.h"
@@ -137,16 +138,17 @@ class ConversionRun {
     return true;
   }
 
-  // Edit: texture names, then (asked for) welding.
+  // Edit: texture names, then (asked for) welding, whose plan travels to the save as a value;
+  // the scene keeps its streams until then.
   void Edit() {
     renameMeshTextureName(&m_input);
-    if (m_request.weld) reduceMeshVertexForSave(&m_input, m_request.nearly);
+    if (m_request.weld) m_welds = reduceMeshVertexForSave(&m_input, m_request.nearly);
   }
 
   // Check: the edited scene must be saveable and, read completely, convertible.
   bool CheckEdited() {
-    SceneCheck check = CheckSceneForSave(m_input);
-    if (!check.found() && m_inputRead) check = CheckSceneForConversion(m_input, true);
+    SceneCheck check = CheckSceneForSave(m_input, &m_welds);
+    if (!check.found() && m_inputRead) check = CheckSceneForConversion(m_input, true, &m_welds);
     if (check.found()) return Refuse(m_input, check);
     return true;
   }
@@ -156,7 +158,7 @@ class ConversionRun {
   // link to it): then they are copied out first.
   bool Save() {
     if (SameFile(m_files.input, m_files.intermediate)) PODModelOwnBorrowedArrays(m_input);
-    const bool saved = m_input.SavePOD(m_files.intermediate.c_str(), m_options.get());
+    const bool saved = m_input.SavePOD(m_files.intermediate.c_str(), m_options.get(), m_welds);
     // Nothing reads the input scene again: its memory goes before the intermediate file comes in.
     m_input.Destroy();
     return saved;
@@ -227,6 +229,7 @@ class ConversionRun {
   std::unique_ptr<char, FreeDeleter> m_options;
   CPODScene m_input;
   bool m_inputRead = false;
+  PODWeldPlan m_welds;
   CPODScene m_reloaded;
   PODReadReport m_reloadReport;
 };

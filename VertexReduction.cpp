@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "pod/Assertion.h"
@@ -25,9 +25,17 @@ constexpr double kNearTolerance = 0.001;
 // A position group of near mode this long is searched through its cells instead of one by one.
 constexpr uint32_t kLongGroup = 8;
 
-// Memo states of an old vertex besides the index of the kept vertex it resolves to.
+// Memo states of an old vertex not resolved to a kept vertex (yet): one alone in its group, which
+// becomes a kept vertex of its own at its first corner, and one that shares its group or can match
+// nothing, which is resolved out of the corner loop.
 constexpr int32_t kUnseen = -1;
-constexpr int32_t kNeverMatches = -2;
+constexpr int32_t kUnseenShared = -2;
+// An old vertex resolved out of the corner loop keeps its kept vertex k as SharedMemo(k), below
+// both: that kept vertex may take the normal of a later corner of another old vertex, so each of
+// its corners sets the normal. One alone in its group is the only old vertex of its kept vertex,
+// whose normal is its own from the start, and its memo is k itself.
+constexpr int32_t SharedMemo(int32_t k) { return -k - 3; }
+constexpr int32_t KeptOfMemo(int32_t memo) { return memo >= 0 ? memo : memo <= -3 ? -memo - 3 : -1; }
 
 const char* NodeName(const SPODNode* node) {
   // A node without a name prints as an empty name rather than passing null to printf.
@@ -112,120 +120,61 @@ uint32_t FloatKeyBits(float f) {
   return (bits & 0x7FFFFFFFu) == 0 ? 0 : bits;
 }
 
-// Kept vertices grouped by the components that must compare equal (the position, and in exact
-// mode the texture coordinates when they take part). Each group lists its kept vertices in list
-// order, so the first match of the full scan is the first match in the group. Only near mode with
-// texture coordinates needs more than a group's first entry: the other modes compare everything
-// the key holds, so a group never grows past it and no list is kept.
-class KeptVertexIndex {
+// Old vertices grouped by the components that must compare equal: the position, and in exact mode
+// the texture coordinates when they take part. Each group is held by its first vertex in stream
+// order; the table only ever grows within one mesh. A slot is one word, small enough that the
+// table of a mesh stays in the nearest caches while it is probed at random: a tag of the hash
+// (never 0) in the upper half and the first vertex (below 65,536: indices are 16-bit) in the lower
+// half; 0 for an empty slot.
+class VertexGroupIndex {
  public:
   // Empties the index for a mesh of at most maxGroups groups, keeping the memory it had.
-  void reset(size_t maxGroups, uint32_t uvSetsInKey, bool listsGroups) {
-    m_uvSetsInKey = uvSetsInKey;
-    m_listsGroups = listsGroups;
+  void reset(size_t maxGroups) {
     size_t capacity = 16;
     while (capacity < 4 * maxGroups) capacity *= 2;
-    m_slots.assign(capacity, Slot{0, -1});
+    m_slots.assign(capacity, 0);
     m_mask = capacity - 1;
-    m_next.clear();
-    m_tail.clear();
-    m_length.clear();
   }
 
-  uint32_t hashOf(const Corner& c) const {
-    // Two components a multiplication, the products independent of each other, then one mix.
-    auto pair = [](float a, float b) {
-      return uint64_t{FloatKeyBits(a)} | uint64_t{FloatKeyBits(b)} << 32;
-    };
-    uint64_t h = pair(c.position[0], c.position[1]) * 0x9E3779B97F4A7C15ull;
-    h ^= pair(c.position[2], 0.0f) * 0xC2B2AE3D27D4EB4Full;
-    for (uint32_t k = 0; k < m_uvSetsInKey; ++k) h ^= pair(c.u[k], c.v[k]) * (0x165667B19E3779F9ull + k);
-    h ^= h >> 32;
-    h *= 0xFF51AFD7ED558CCDull;
+  // Of a key that holds the position and the first kKeySets texture-coordinate sets; never 0.
+  // One multiplication a component, independent of each other, summed: the upper half of the sum
+  // depends on every bit of every component.
+  template <uint32_t kKeySets>
+  static uint32_t hashOf(const Corner& c) {
+    uint64_t h = uint64_t{FloatKeyBits(c.position[0])} * 0x9E3779B97F4A7C15ull +
+                 uint64_t{FloatKeyBits(c.position[1])} * 0xC2B2AE3D27D4EB4Full +
+                 uint64_t{FloatKeyBits(c.position[2])} * 0x165667B19E3779F9ull;
+    for (uint32_t k = 0; k < kKeySets; ++k)
+      h += uint64_t{FloatKeyBits(c.u[k])} * (0xD6E8FEB86659FD93ull + 2 * k) +
+           uint64_t{FloatKeyBits(c.v[k])} * (0xFF51AFD7ED558CCDull + 2 * k);
     h ^= h >> 29;
-    h *= 0xC4CEB9FE1A85EC53ull;
-    h ^= h >> 32;
-    return static_cast<uint32_t>(h);
+    h *= 0xBF58476D1CE4E5B9ull;
+    const uint32_t hash = static_cast<uint32_t>(h >> 32);
+    return hash != 0 ? hash : 1;
   }
 
-  // Probes land at random in a table larger than the nearest caches: the caller asks for the
-  // slot of a corner some way ahead while it works on the current one.
+  // Probes land at random: the caller asks for the slot of a vertex some way ahead while it works
+  // on the current one.
   void prefetch(uint32_t hash) const { __builtin_prefetch(&m_slots[hash & m_mask]); }
 
-  // The slot of the group of `c` (whose hash is `hash`): an occupied one if the group exists,
-  // else where it goes. kept(e) gives the components of kept vertex e.
-  template <typename Kept>
-  size_t find(const Corner& c, uint32_t hash, const Kept& kept) const {
+  // The first vertex of the group of vertex i (whose hash is `hash`), or -1 after making i the
+  // first of a new group. equal(a, b) compares the keys of old vertices a and b.
+  template <typename Equal>
+  int32_t findOrAdd(uint32_t i, uint32_t hash, const Equal& equal) {
+    const uint32_t tag = hash & 0xFFFF0000u ? hash & 0xFFFF0000u : 0x10000u;
     size_t pos = hash & m_mask;
-    while (m_slots[pos].head >= 0) {
-      if (m_slots[pos].hash == hash && keyEquals(kept(m_slots[pos].head), c)) return pos;
-      pos = (pos + 1) & m_mask;
+    for (uint32_t slot; (slot = m_slots[pos]) != 0; pos = (pos + 1) & m_mask) {
+      if ((slot & 0xFFFF0000u) == tag && equal(slot & 0xFFFFu, i)) return static_cast<int32_t>(slot & 0xFFFFu);
     }
-    return pos;
-  }
-
-  int32_t head(size_t slot) const { return m_slots[slot].head; }
-  // Of an occupied slot.
-  uint32_t length(size_t slot) const { return m_length[m_slots[slot].head]; }
-  size_t capacity() const { return m_slots.size(); }
-  int32_t next(int32_t entry) const { return m_next[entry]; }
-
-  // Every kept vertex is registered, grouped or not, so entry numbers stay aligned.
-  void registerUngrouped() {
-    if (m_listsGroups) registerEntry();
-  }
-
-  void append(size_t slot, uint32_t hash, int32_t entry) {
-    Slot& s = m_slots[slot];
-    if (!m_listsGroups) {
-      s = Slot{hash, entry};
-      return;
-    }
-    registerEntry();
-    if (s.head < 0) {
-      s = Slot{hash, entry};
-      m_tail[entry] = entry;
-      m_length[entry] = 1;
-    } else {
-      m_next[m_tail[s.head]] = entry;
-      m_tail[s.head] = entry;
-      ++m_length[s.head];
-    }
+    m_slots[pos] = tag | i;
+    return -1;
   }
 
  private:
-  // Small, so that the table probed at random stays in the cache as far as it can; a group's last
-  // entry and length are kept by its first entry.
-  struct Slot {
-    uint32_t hash;
-    int32_t head;  // first kept vertex of the group, -1 for an empty slot
-  };
-
-  void registerEntry() {
-    m_next.push_back(-1);
-    m_tail.push_back(-1);
-    m_length.push_back(0);
-  }
-
-  bool keyEquals(const Corner& b, const Corner& c) const {
-    for (int a = 0; a < 3; ++a)
-      if (!(b.position[a] == c.position[a])) return false;
-    for (uint32_t k = 0; k < m_uvSetsInKey; ++k)
-      if (!(b.u[k] == c.u[k]) || !(b.v[k] == c.v[k])) return false;
-    return true;
-  }
-
-  std::vector<Slot> m_slots;
-  std::vector<int32_t> m_next;
-  std::vector<int32_t> m_tail;     // of group heads: the group's last entry
-  std::vector<uint32_t> m_length;  // of group heads: the group's entry count
+  std::vector<uint32_t> m_slots;
   size_t m_mask = 0;
-  uint32_t m_uvSetsInKey = 0;
-  bool m_listsGroups = false;
 };
 
-// Working memory of the reduction, kept from one mesh to the next: requesting (and touching)
-// it anew for every mesh of a large scene costs more than the reduction itself.
 // One entry of the list of distinct vertices, held as the old vertices it is made of: `source`
 // introduced it (its position, texture coordinates and bones are that vertex's) and `normalFrom`
 // is the vertex of the last corner that merged into it (whose normal it has). Its new index is
@@ -235,17 +184,22 @@ struct buffer {
   uint32_t normalFrom;
 };
 
+// Working memory of the reduction, kept from one mesh to the next: requesting (and touching)
+// it anew for every mesh of a large scene costs more than the reduction itself.
 struct ReductionScratch {
-  KeptVertexIndex index;
+  VertexGroupIndex index;
   std::vector<buffer> entries;
+  size_t kept = 0;  // entries in use
   std::vector<uint16_t> newFaces;  // the rewritten triangle indices
-  std::vector<int32_t> resolved;   // kept vertex of each old vertex (negative: none)
+  std::vector<int32_t> resolved;   // memo of each old vertex (kUnseen, SharedMemo...)
   // Some old vertex matches nothing and is a new kept vertex at each of its corners: only
   // newFaces tells the kept vertex of a corner. Otherwise resolved does, and newFaces is unused.
   bool perCorner = false;
-  std::vector<uint32_t> hashes;  // exact mode: of each old vertex
-  std::vector<uint32_t> group;   // exact mode: of each old vertex
-  std::vector<int32_t> rank;     // exact mode: kept vertex of each group
+  std::vector<uint32_t> group;   // of each old vertex
+  std::vector<int32_t> rank;     // of each group: its kept vertex (exact), its first one (near)
+  std::vector<int32_t> last;     // near mode, of each group's first kept vertex: its last one
+  std::vector<uint32_t> length;  // near mode, of each group's first kept vertex: how many
+  std::vector<int32_t> next;     // near mode, of each kept vertex: the next one of its group
 };
 
 bool IsNear(float a, float b) {
@@ -261,19 +215,20 @@ bool UVsNear(const Corner& b, const Corner& c, uint32_t uvSets) {
 // Cells of side 0.002 in each compared coordinate, scaled by 500 (exact for a float) and floored.
 // Two coordinates within 0.001 lie in the same or adjacent cells, on the side of the half-cell
 // the corner sits in. A float of magnitude 2^20 or more is at least 1/16 away from any other
-// float, so only equal values are near it: such values share one far cell.
+// float, so only equal values are near it: such values share one far cell. Below 2^20 a cell
+// number stays within +-2^29.
 constexpr float kFarCoordinate = 1048576.0f;
-constexpr int64_t kFarCell = INT64_MIN;
+constexpr int32_t kFarCell = INT32_MIN;
 constexpr double kSlack = 1e-9;  // covers the tolerance's excess over 0.001 and any rounding
 
-int64_t CellOf(float x) {
+int32_t CellOf(float x) {
   if (!(std::fabs(x) < kFarCoordinate)) return kFarCell;
-  return static_cast<int64_t>(std::floor(static_cast<double>(x) * 500.0));
+  return static_cast<int32_t>(std::floor(static_cast<double>(x) * 500.0));
 }
 
 // The cells a kept coordinate near `x` can lie in; returns how many (1 to 3).
-int CellsNear(float x, int64_t* out) {
-  const int64_t own = CellOf(x);
+int CellsNear(float x, int32_t* out) {
+  const int32_t own = CellOf(x);
   if (own == kFarCell) {
     out[0] = own;
     return 1;
@@ -286,27 +241,40 @@ int CellsNear(float x, int64_t* out) {
   return n;
 }
 
-// Kept vertices of long position groups (near mode) by group and cell. The kept vertices of one
+// Kept vertices of long position groups (near mode) by group and cell, in one open-addressed
+// table of cells, each cell chaining its kept vertices in list order. The kept vertices of one
 // group match none of each other, so a cell holds at most one in each half-cell combination
-// (2^d for d compared coordinates): a lookup probes at most 2^d cells of at most 2^d entries,
-// and the first match in list order is the smallest first match over the probed cells.
+// (2^d for d compared coordinates): a lookup probes at most 3^d cells (2^d but at the exact middle
+// of a cell) of at most 2^d entries, and the first match in list order is the smallest first match
+// over the probed cells.
 class NearCells {
  public:
-  NearCells(size_t groups, uint32_t uvSets) : m_covered(groups, false), m_dims(2 * uvSets) {}
+  explicit NearCells(uint32_t uvSets) : m_dims(2 * uvSets) { rehash(64); }
 
-  bool covers(size_t group) const { return m_covered[group]; }
+  bool covers(uint32_t group) const { return group < m_covered.size() && m_covered[group]; }
 
   // Entries of a group are added in list order.
-  void add(size_t group, int32_t entry, const Corner& b) {
+  void add(uint32_t group, int32_t entry, const Corner& b) {
+    if (group >= m_covered.size()) m_covered.resize(size_t{group} + 1, false);
     m_covered[group] = true;
+    if (static_cast<size_t>(entry) >= m_next.size()) m_next.resize(std::max(2 * m_next.size(), size_t(entry) + 1));
+    m_next[static_cast<size_t>(entry)] = -1;
     Key key{group, {}};
     for (uint32_t d = 0; d < m_dims; ++d) key.cell[d] = CellOf(coordinate(b.u, b.v, d));
-    m_cells[key].push_back(entry);
+    if (2 * (m_used + 1) > m_cells.size()) rehash(2 * m_cells.size());
+    Cell& cell = m_cells[slotOf(key, HashOf(key))];
+    if (cell.head < 0) {
+      cell = Cell{key, entry, entry};
+      ++m_used;
+    } else {
+      m_next[static_cast<size_t>(cell.tail)] = entry;
+      cell.tail = entry;
+    }
   }
 
   template <typename Kept>
-  int32_t firstMatch(size_t group, const Corner& c, const Kept& kept) const {
-    int64_t options[2 * kMaxUVSets][3];
+  int32_t firstMatch(uint32_t group, const Corner& c, const Kept& kept) const {
+    int32_t options[2 * kMaxUVSets][3];
     int count[2 * kMaxUVSets];
     for (uint32_t d = 0; d < m_dims; ++d) count[d] = CellsNear(coordinate(c.u, c.v, d), options[d]);
     int choice[2 * kMaxUVSets] = {};
@@ -314,14 +282,11 @@ class NearCells {
     for (;;) {
       Key key{group, {}};
       for (uint32_t d = 0; d < m_dims; ++d) key.cell[d] = options[d][choice[d]];
-      const auto it = m_cells.find(key);
-      if (it != m_cells.end()) {
-        for (int32_t e : it->second) {
-          if (best >= 0 && e >= best) break;
-          if (UVsNear(kept(e), c, m_dims / 2)) {
-            best = e;
-            break;
-          }
+      for (int32_t e = m_cells[slotOf(key, HashOf(key))].head; e >= 0; e = m_next[static_cast<size_t>(e)]) {
+        if (best >= 0 && e >= best) break;
+        if (UVsNear(kept(e), c, m_dims / 2)) {
+          best = e;
+          break;
         }
       }
       uint32_t d = 0;
@@ -332,31 +297,52 @@ class NearCells {
 
  private:
   struct Key {
-    size_t group;
-    int64_t cell[2 * kMaxUVSets];
+    uint32_t group;
+    int32_t cell[2 * kMaxUVSets];  // unused ones 0
     bool operator==(const Key& o) const {
       return group == o.group && std::equal(cell, cell + 2 * kMaxUVSets, o.cell);
     }
   };
-  struct KeyHash {
-    size_t operator()(const Key& k) const {
-      uint64_t h = k.group * 0x9E3779B97F4A7C15ull;
-      for (int64_t c : k.cell) {
-        h = (h ^ static_cast<uint64_t>(c)) * 0xFF51AFD7ED558CCDull;
-        h ^= h >> 29;
-      }
-      return static_cast<size_t>(h);
-    }
+  struct Cell {
+    Key key;
+    int32_t head = -1;  // -1: an empty slot
+    int32_t tail = -1;
   };
+
+  static uint64_t HashOf(const Key& k) {
+    uint64_t h = (k.group + 1) * 0x9E3779B97F4A7C15ull;
+    for (int32_t c : k.cell) {
+      h = (h ^ static_cast<uint32_t>(c)) * 0xFF51AFD7ED558CCDull;
+      h ^= h >> 29;
+    }
+    return h;
+  }
+
+  // The slot holding `key`, or the empty one where it goes.
+  size_t slotOf(const Key& key, uint64_t hash) const {
+    size_t pos = static_cast<size_t>(hash) & (m_cells.size() - 1);
+    while (m_cells[pos].head >= 0 && !(m_cells[pos].key == key)) pos = (pos + 1) & (m_cells.size() - 1);
+    return pos;
+  }
+
+  void rehash(size_t capacity) {
+    std::vector<Cell> old;
+    old.swap(m_cells);
+    m_cells.assign(capacity, Cell{});
+    for (const Cell& cell : old)
+      if (cell.head >= 0) m_cells[slotOf(cell.key, HashOf(cell.key))] = cell;
+  }
 
   template <typename Coordinates>
   static float coordinate(const Coordinates& u, const Coordinates& v, uint32_t d) {
     return d % 2 == 0 ? u[d / 2] : v[d / 2];
   }
 
-  std::vector<bool> m_covered;
   uint32_t m_dims;
-  std::unordered_map<Key, std::vector<int32_t>, KeyHash> m_cells;
+  std::vector<bool> m_covered;
+  std::vector<Cell> m_cells;  // a power of two, at most half used
+  size_t m_used = 0;
+  std::vector<int32_t> m_next;  // of each kept vertex in a cell: the next one in the same cell
 };
 
 // Whether a corner can match a kept vertex at all. One that cannot (a NaN compared exactly, or
@@ -382,10 +368,12 @@ struct MeshStreams {
   size_t corners;
   size_t vertices;  // those an index can reach
 
-  Corner cornerOf(uint32_t i) const {
+  // The position and the first kSets texture-coordinate sets of old vertex i (at most uvSets).
+  template <uint32_t kSets>
+  Corner load(uint32_t i) const {
     Corner c{};
     for (int a = 0; a < 3; ++a) c.position[a] = LoadFloat(positions + 12 * size_t{i} + 4 * a);
-    for (uint32_t k = 0; k < uvSets; ++k) {
+    for (uint32_t k = 0; k < kSets; ++k) {
       c.u[k] = LoadFloat(uvs[k] + 8 * size_t{i});
       c.v[k] = LoadFloat(uvs[k] + 8 * size_t{i} + 4);
     }
@@ -400,154 +388,267 @@ struct MeshStreams {
 };
 
 // Exact comparison (of positions, and of texture coordinates when they count) is an equivalence
-// on the old vertices that can match at all. The first-match scan then comes down to this: old
-// vertices fall into groups of equal keys; the list keeps one vertex per group, in the order the
-// corners first reach the groups, made of the old vertex of that first corner and the normal of
-// the last; a vertex that can match nothing is a new kept vertex at every corner. Grouping runs
-// over the vertices in stream order, which lets the probes of the table be fetched ahead.
-void ScanByGroups(const MeshStreams& m, uint32_t uvSetsInKey, ReductionScratch& s) {
+// on the old vertices that can match at all, and so is the exact comparison of positions alone.
+// The old vertices fall into groups of equal keys: in exact mode those are the kept vertices to
+// be; in near mode (key: the position) a kept vertex never leaves the group of its position.
+// Grouping runs over the vertices in stream order, which lets the probes of the table be fetched
+// ahead. kSets texture-coordinate sets are compared, exactly (in the key) or nearly. Returns the
+// number of groups; the vertices that can match nothing get group `vertices`. Each vertex's memo
+// starts as kUnseen when it is alone in its group, else as kUnseenShared.
+template <uint32_t kSets, bool kNear>
+uint32_t GroupVertices(const MeshStreams& m, ReductionScratch& s, bool& anyLoner) {
+  constexpr uint32_t kKeySets = kNear ? 0 : kSets;
   const uint32_t vertices = static_cast<uint32_t>(m.vertices);
-  // Group of the vertices that can match nothing: never taken by a vertex that can.
   const uint32_t loner = vertices;
-  KeptVertexIndex& index = s.index;
-  index.reset(vertices, uvSetsInKey, false);
-
-  s.hashes.resize(vertices);
+  VertexGroupIndex& index = s.index;
+  index.reset(vertices);
   s.group.resize(vertices);
-  uint32_t* hashes = s.hashes.data();
+  s.resolved.resize(vertices);
   uint32_t* group = s.group.data();
-  bool anyLoner = false;
-  for (uint32_t i = 0; i < vertices; ++i) {
-    const Corner c = m.cornerOf(i);
-    const bool matches = CanMatch(c, uvSetsInKey, false);
-    hashes[i] = matches ? index.hashOf(c) : 0;
-    group[i] = matches ? 0 : loner;
-    anyLoner = anyLoner || !matches;
-  }
+  int32_t* resolved = s.resolved.data();
 
-  // A group is held in the table by its first vertex.
-  auto vertex = [&m](int32_t e) { return m.cornerOf(static_cast<uint32_t>(e)); };
-  constexpr uint32_t kProbeAhead = 16;  // about a cache miss's worth of vertices
+  // The hash of a vertex, 0 for one that can match nothing; taken kAhead vertices before the
+  // vertex is grouped, so that its slot is on its way by then.
+  auto hashAt = [&m](uint32_t i) -> uint32_t {
+    const Corner c = m.load<kSets>(i);
+    return CanMatch(c, kSets, kNear) ? VertexGroupIndex::hashOf<kKeySets>(c) : 0;
+  };
+  auto equal = [&m](uint32_t a, uint32_t b) {
+    const Corner ca = m.load<kKeySets>(a), cb = m.load<kKeySets>(b);
+    for (int k = 0; k < 3; ++k)
+      if (!(ca.position[k] == cb.position[k])) return false;
+    for (uint32_t k = 0; k < kKeySets; ++k)
+      if (!(ca.u[k] == cb.u[k]) || !(ca.v[k] == cb.v[k])) return false;
+    return true;
+  };
+  constexpr uint32_t kAhead = 16;  // about a cache miss's worth of vertices
+  uint32_t ahead[kAhead];
+  for (uint32_t i = 0; i < kAhead && i < vertices; ++i) {
+    ahead[i] = hashAt(i);
+    index.prefetch(ahead[i]);
+  }
   uint32_t groups = 0;
+  bool lonely = false;
   for (uint32_t i = 0; i < vertices; ++i) {
-    if (i + kProbeAhead < vertices) index.prefetch(hashes[i + kProbeAhead]);
-    if (group[i] == loner) continue;
-    const size_t slot = index.find(m.cornerOf(i), hashes[i], vertex);
-    const int32_t first = index.head(slot);
+    const uint32_t hash = ahead[i % kAhead];
+    if (i + kAhead < vertices) {
+      const uint32_t later = hashAt(i + kAhead);
+      ahead[i % kAhead] = later;
+      index.prefetch(later);
+    }
+    if (hash == 0) {
+      group[i] = loner;
+      resolved[i] = kUnseenShared;
+      lonely = true;
+      continue;
+    }
+    const int32_t first = index.findOrAdd(i, hash, equal);
     if (first >= 0) {
-      group[i] = group[static_cast<size_t>(first)];
+      group[i] = group[first];
+      resolved[i] = resolved[first] = kUnseenShared;
     } else {
-      index.append(slot, hashes[i], static_cast<int32_t>(i));
       group[i] = groups++;
+      resolved[i] = kUnseen;
     }
   }
-
-  // At most one kept vertex per group, plus one per corner of a vertex that matches nothing.
-  size_t bound = groups;
-  if (anyLoner) {
-    for (size_t f = 0; f < m.corners; ++f) bound += group[m.faceIndex(f)] == loner;
-  }
-  s.entries.resize(std::min(bound, m.corners));
-  s.rank.assign(size_t{vertices} + 1, -1);
-  s.perCorner = anyLoner;
-  if (anyLoner) s.newFaces.resize(m.corners);
-
-  buffer* entries = s.entries.data();
-  int32_t* rank = s.rank.data();
-  uint16_t* newFaces = s.newFaces.data();
-  int32_t n = 0;
-  for (size_t f = 0; f < m.corners; ++f) {
-    const uint16_t i = m.faceIndex(f);
-    const uint32_t g = group[i];
-    int32_t k = rank[g];
-    const bool fresh = k < 0 || g == loner;
-    if (fresh) {
-      k = n++;
-      rank[g] = k;
-      entries[k].source = i;
-    }
-    entries[k].normalFrom = i;
-    if (anyLoner) newFaces[f] = static_cast<uint16_t>(k);  // wraps above 65,535 by design
-  }
-  s.entries.resize(static_cast<size_t>(n));
-  if (!anyLoner) {
-    s.resolved.resize(vertices);
-    for (uint32_t i = 0; i < vertices; ++i) s.resolved[i] = rank[group[i]];
-  }
+  anyLoner = lonely;
+  return groups;
 }
 
-// Near mode with texture coordinates: coordinates within the tolerance of each other match, which
-// is not an equivalence, so the corners are resolved in order against the kept vertices so far.
-// Each position group lists its kept vertices in list order; the first match in the group is the
-// first match of the full scan.
-void ScanNear(const MeshStreams& m, uint32_t uvSetsCompared, ReductionScratch& s) {
-  std::vector<buffer>& entries = s.entries;
-  entries.clear();
-  entries.reserve(std::min(m.corners, m.vertices));
-  KeptVertexIndex& index = s.index;
-  index.reset(m.vertices, 0, true);
-  NearCells cells(index.capacity(), uvSetsCompared);
-  // An old vertex resolves to the same kept vertex at every corner that uses it: kept vertices
-  // are only ever appended and never change what they compare on, so the ones the first scan
-  // passed over still fail and the one it stopped at still matches.
-  std::vector<int32_t>& resolved = s.resolved;
-  resolved.assign(m.vertices, kUnseen);
-  s.perCorner = false;
-  std::vector<uint16_t>& newFaces = s.newFaces;
-  newFaces.resize(m.corners);  // every element is written below
+// Near mode: the kept vertices of the groups whose position several old vertices share, each
+// group's in list order. Kept out of the corner loop, which mostly meets resolved vertices.
+class SharedGroups {
+ public:
+  SharedGroups(const MeshStreams& m, uint32_t uvSets, ReductionScratch& s)
+      : m_m(m), m_uvSets(uvSets), m_s(s) {}
 
-  auto kept = [&](int32_t e) { return m.cornerOf(entries[static_cast<size_t>(e)].source); };
-  auto appendKept = [&](uint32_t i) {
-    entries.push_back(buffer{i, i});
-    return static_cast<int32_t>(entries.size() - 1);
-  };
+  // The first kept vertex of group g that old vertex i matches, -1 for none.
+  __attribute__((noinline)) int32_t firstMatch(uint32_t i, uint32_t g) const {
+    const int32_t head = m_s.rank[g];
+    if (head < 0) return -1;
+    const Corner c = corner(i);
+    auto kept = [this](int32_t e) { return corner(m_s.entries[static_cast<size_t>(e)].source); };
+    if (m_cells && m_cells->covers(g)) return m_cells->firstMatch(g, c, kept);
+    for (int32_t e = head; e >= 0; e = m_s.next[static_cast<size_t>(e)])
+      if (UVsNear(kept(e), c, m_uvSets)) return e;
+    return -1;
+  }
 
-  for (size_t f = 0; f < m.corners; ++f) {
-    const uint16_t i = m.faceIndex(f);
-    int32_t entry = resolved[i];
-    if (entry < 0) {
-      const Corner c = m.cornerOf(i);
-      if (entry == kNeverMatches || !CanMatch(c, uvSetsCompared, true)) {
-        s.perCorner = true;
-        entry = appendKept(i);
-        index.registerUngrouped();
-        resolved[i] = kNeverMatches;
+  // Kept vertex e, just made, joins group g.
+  __attribute__((noinline)) void append(uint32_t g, int32_t e) {
+    std::vector<int32_t>& next = m_s.next;
+    next[static_cast<size_t>(e)] = -1;
+    const int32_t head = m_s.rank[g];
+    if (head < 0) {
+      m_s.rank[g] = e;
+      m_s.last[static_cast<size_t>(e)] = e;
+      m_s.length[static_cast<size_t>(e)] = 1;
+      return;
+    }
+    next[static_cast<size_t>(m_s.last[static_cast<size_t>(head)])] = e;
+    m_s.last[static_cast<size_t>(head)] = e;
+    const uint32_t length = ++m_s.length[static_cast<size_t>(head)];
+    auto kept = [this](int32_t k) { return corner(m_s.entries[static_cast<size_t>(k)].source); };
+    if (m_cells && m_cells->covers(g)) {
+      m_cells->add(g, e, kept(e));
+    } else if (length >= kLongGroup) {
+      if (!m_cells) m_cells.reset(new NearCells(m_uvSets));
+      for (int32_t k = head; k >= 0; k = next[static_cast<size_t>(k)]) m_cells->add(g, k, kept(k));
+    }
+  }
+
+ private:
+  Corner corner(uint32_t i) const {
+    return m_uvSets == 1 ? m_m.load<1>(i) : m_m.load<kMaxUVSets>(i);
+  }
+
+  const MeshStreams& m_m;
+  uint32_t m_uvSets;
+  ReductionScratch& m_s;
+  std::unique_ptr<NearCells> m_cells;
+};
+
+// The kept vertex of an old vertex whose group others share (exact mode: the group's one kept
+// vertex; near mode: the first match among the group's kept vertices) or that can match nothing
+// (a new one each time), met for the first time; appended to the list when there is none yet.
+template <bool kNear, bool kLoners>
+class SharedSight {
+ public:
+  SharedSight(const MeshStreams& m, uint32_t uvSetsCompared, ReductionScratch& s)
+      : m_loner(static_cast<uint32_t>(m.vertices)),
+        m_group(s.group.data()),
+        m_rank(s.rank.data()),
+        m_resolved(s.resolved.data()),
+        m_entries(s.entries.data()),
+        m_sharedGroups(m, uvSetsCompared, s) {}
+
+  // Out of the corner loop, which keeps its few values in registers across the call.
+  __attribute__((noinline)) int32_t kept(uint16_t i, int32_t& n) {
+    const uint32_t g = m_group[i];
+    if (kLoners && g == m_loner) return make(i, n);
+    int32_t k;
+    if (!kNear) {
+      k = m_rank[g];
+      if (k < 0) m_rank[g] = k = make(i, n);
+    } else {
+      k = m_sharedGroups.firstMatch(i, g);
+      if (k < 0) m_sharedGroups.append(g, k = make(i, n));
+    }
+    m_resolved[i] = SharedMemo(k);
+    return k;
+  }
+
+ private:
+  int32_t make(uint16_t i, int32_t& n) {
+    m_entries[n].source = i;
+    return n++;
+  }
+
+  uint32_t m_loner;
+  const uint32_t* m_group;
+  int32_t* m_rank;
+  int32_t* m_resolved;
+  buffer* m_entries;
+  SharedGroups m_sharedGroups;
+};
+
+template <bool kNear, bool kLoners>
+void ResolveCorners(const MeshStreams& m, uint32_t uvSetsCompared, ReductionScratch& s) {
+  SharedSight<kNear, kLoners> shared(m, uvSetsCompared, s);
+  int32_t* resolved = s.resolved.data();
+  buffer* entries = s.entries.data();
+  uint16_t* newFaces = kLoners ? s.newFaces.data() : nullptr;
+  const uint8_t* faces = m.faces;
+  const size_t corners = m.corners;
+  int32_t n = 0;
+  for (size_t f = 0; f < corners; ++f) {
+    uint16_t i;
+    std::memcpy(&i, faces + 2 * f, 2);
+    int32_t k = resolved[i];
+    if (k < 0) {
+      if (k == kUnseen) {
+        // Alone in its group: nothing before it can match, and it is its own kept vertex.
+        k = n++;
+        entries[k] = buffer{i, i};
+        resolved[i] = k;
       } else {
-        const uint32_t hash = index.hashOf(c);
-        const size_t slot = index.find(c, hash, kept);
-        entry = cells.covers(slot) ? cells.firstMatch(slot, c, kept) : index.head(slot);
-        if (!cells.covers(slot)) {
-          while (entry >= 0 && !UVsNear(kept(entry), c, uvSetsCompared)) entry = index.next(entry);
-        }
-        if (entry < 0) {
-          entry = appendKept(i);
-          index.append(slot, hash, entry);
-          if (cells.covers(slot)) {
-            cells.add(slot, entry, c);
-          } else if (index.length(slot) >= kLongGroup) {
-            for (int32_t e = index.head(slot); e >= 0; e = index.next(e)) cells.add(slot, e, kept(e));
-          }
-        }
-        resolved[i] = entry;
+        k = k == kUnseenShared ? shared.kept(i, n) : KeptOfMemo(k);
+        entries[k].normalFrom = i;
       }
     }
-    entries[static_cast<size_t>(entry)].normalFrom = i;
-    newFaces[f] = static_cast<uint16_t>(entry);  // wraps above 65,535 by design
+    if (kLoners) newFaces[f] = static_cast<uint16_t>(k);  // wraps above 65,535 by design
+  }
+  s.kept = static_cast<size_t>(n);
+}
+
+// Fills scratch.entries (the first scratch.kept of them), and scratch.resolved or (perCorner)
+// scratch.newFaces, for a mesh.
+void Scan(const MeshStreams& m, uint32_t uvSetsCompared, bool nearly, ReductionScratch& s) {
+  // Near mode compares positions exactly too; without texture coordinates it is exact mode.
+  const bool near = nearly && uvSetsCompared > 0;
+  bool anyLoner = false;
+  uint32_t groups = 0;
+  switch (uvSetsCompared * 2 + near) {
+    case 0: groups = GroupVertices<0, false>(m, s, anyLoner); break;
+    case 2: groups = GroupVertices<1, false>(m, s, anyLoner); break;
+    case 3: groups = GroupVertices<1, true>(m, s, anyLoner); break;
+    case 4: groups = GroupVertices<2, false>(m, s, anyLoner); break;
+    default: groups = GroupVertices<2, true>(m, s, anyLoner); break;
+  }
+  const uint32_t vertices = static_cast<uint32_t>(m.vertices);
+
+  // At most one kept vertex per old vertex that can match, plus one per corner of one that
+  // cannot (exact mode: one per group).
+  size_t bound = near ? vertices : groups;
+  if (anyLoner) {
+    if (near) bound = 0;
+    for (uint32_t i = 0; near && i < vertices; ++i) bound += s.group[i] != vertices;
+    for (size_t f = 0; f < m.corners; ++f) bound += s.group[m.faceIndex(f)] == vertices;
+  }
+  // Grown only: what is there is overwritten entry by entry.
+  const size_t room = std::min(bound, m.corners);
+  if (s.entries.size() < room) s.entries.resize(room);
+  s.rank.assign(groups, -1);
+  s.perCorner = anyLoner;
+  if (anyLoner) s.newFaces.resize(m.corners);
+  if (near && s.next.size() < room) {
+    s.next.resize(room);
+    s.last.resize(room);
+    s.length.resize(room);
+  }
+  if (near) {
+    if (anyLoner)
+      ResolveCorners<true, true>(m, uvSetsCompared, s);
+    else
+      ResolveCorners<true, false>(m, uvSetsCompared, s);
+  } else {
+    if (anyLoner)
+      ResolveCorners<false, true>(m, uvSetsCompared, s);
+    else
+      ResolveCorners<false, false>(m, uvSetsCompared, s);
   }
 }
 
-// When to rebuild a mesh's streams: right away, or as the scene is saved.
-enum class Rebuild { Now, OnSave };
+// The vertex count of mesh `index` as the save will write it.
+uint32_t CountAfterWelds(const SPODMesh& mesh, uint32_t index, const PODWeldPlan* plan) {
+  const SPODMeshWeld* weld = plan != nullptr ? plan->weld(index) : nullptr;
+  return weld != nullptr ? weld->nKept : mesh.nNumVertex;
+}
 
-// Reduces the mesh; null when done, otherwise why the mesh was left as it is.
-const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
-                       ReductionScratch& scratch, Rebuild rebuild) {
+// Reduces the mesh (mesh `index` of its scene); null when done, otherwise why the mesh was left as
+// it is. With a plan, the weld goes into it and the mesh keeps its streams; without, the streams
+// are rebuilt at once.
+const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useUV, bool nearly,
+                       ReductionScratch& scratch, PODWeldPlan* plan) {
   if (mesh == nullptr) return "no mesh";
   // A mesh used by two nodes is reduced twice; the second pass reads the first one's result.
-  if (mesh->pWeld != nullptr) {
-    if (!PODMeshApplyWeld(*mesh, *mesh->pWeld)) return "out of memory";
-    PODMeshWeldFree(mesh->pWeld);
-    mesh->pWeld = nullptr;
+  if (SPODMeshWeld* earlier = plan != nullptr ? plan->take(index) : nullptr) {
+    const bool applied = PODMeshApplyWeld(*mesh, *earlier);
+    if (!applied) {
+      plan->set(index, earlier);
+      return "out of memory";
+    }
+    PODMeshWeldFree(earlier);
   }
   size_t addressable = 0;  // old vertices the indices can reach
   if (const char* why = WhyNotReducible(*mesh, addressable)) return why;
@@ -562,14 +663,10 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
 
   MeshStreams streams{mesh->sVertex.pData, {}, uvSets, mesh->sFaces.pData, corners, addressable};
   for (uint32_t k = 0; k < uvSets; ++k) streams.uvs[k] = mesh->psUVW[k].pData;
-  // Near mode compares positions exactly too; without texture coordinates it is exact mode.
-  if (nearly && uvSetsCompared > 0)
-    ScanNear(streams, uvSetsCompared, scratch);
-  else
-    ScanByGroups(streams, uvSetsCompared, scratch);
+  Scan(streams, uvSetsCompared, nearly, scratch);
 
   const std::vector<buffer>& entries = scratch.entries;
-  const size_t n = entries.size();
+  const size_t n = scratch.kept;
   SPODMeshWeld* weld = PODMeshWeldCreate(static_cast<uint32_t>(n), !scratch.perCorner, addressable, corners);
   if (weld == nullptr) return "out of memory";
   weld->nUVW = uvSets;
@@ -584,12 +681,12 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly,
   } else {
     // Without such vertices fewer than 65,536 are kept. Vertices no corner uses map to 0.
     for (size_t i = 0; i < addressable; ++i)
-      weld->pnKeptOf[i] = static_cast<uint16_t>(std::max(scratch.resolved[i], 0));
+      weld->pnKeptOf[i] = static_cast<uint16_t>(std::max(KeptOfMemo(scratch.resolved[i]), 0));
   }
+  PODMeshWeldNote(*weld, *mesh, addressable);
 
-  if (rebuild == Rebuild::OnSave) {
-    mesh->pWeld = weld;
-    mesh->nNumVertex = static_cast<uint32_t>(n);
+  if (plan != nullptr) {
+    plan->set(index, weld);
     return nullptr;
   }
   const bool applied = PODMeshApplyWeld(*mesh, *weld);
@@ -602,7 +699,8 @@ void NoteUnreduced(const SPODNode* node, const char* why) {
   korvex::ReportProblem(std::string("Note: vertices of \"") + NodeName(node) + "\" not reduced: " + why);
 }
 
-void ReduceScene(SPODScene* scene, bool nearly, Rebuild rebuild) {
+// With a plan, the welds go into it (see ReduceMesh).
+void ReduceScene(SPODScene* scene, bool nearly, PODWeldPlan* plan) {
   // Like the texture renaming's line, this one is left open: the count lines follow on it.
   korvex::PrintText(std::string(nearly ? "Reducing vertex number with vertex have NEARLY same UV..."
                                        : "Reducing vertex number with vertex have SAME UV..."));
@@ -612,6 +710,9 @@ void ReduceScene(SPODScene* scene, bool nearly, Rebuild rebuild) {
   // Mesh nodes beyond the node array cannot be visited.
   const uint32_t meshNodes =
       scene != nullptr && scene->pNode != nullptr ? std::min(scene->nNumMeshNode, scene->nNumNode) : 0;
+  // Without room for the welds of every mesh, the streams are rebuilt at once: the same counts
+  // and the same file.
+  if (plan != nullptr && !plan->reserve(scene != nullptr ? scene->nNumMesh : 0)) plan = nullptr;
   ReductionScratch scratch;
   for (uint32_t k = 0; k < meshNodes; ++k) {
     SPODNode* node = &scene->pNode[k];
@@ -623,11 +724,12 @@ void ReduceScene(SPODScene* scene, bool nearly, Rebuild rebuild) {
       NoteUnreduced(node, "no such mesh");
       continue;
     }
-    SPODMesh* mesh = &scene->pMesh[node->nIdx];
-    before += mesh->nNumVertex;
-    if (const char* why = ReduceMesh(node, mesh, node->nIdxMaterial >= 0, nearly, scratch, rebuild))
+    const uint32_t index = static_cast<uint32_t>(node->nIdx);
+    SPODMesh* mesh = &scene->pMesh[index];
+    before += CountAfterWelds(*mesh, index, plan);
+    if (const char* why = ReduceMesh(node, mesh, index, node->nIdxMaterial >= 0, nearly, scratch, plan))
       NoteUnreduced(node, why);
-    after += mesh->nNumVertex;
+    after += CountAfterWelds(*mesh, index, plan);
   }
   korvex::PrintText("Total vertex before reduction: %d\n", static_cast<int32_t>(before));
   korvex::PrintText("Total vertex after reduction: %d\n", static_cast<int32_t>(after));
@@ -638,11 +740,13 @@ void ReduceScene(SPODScene* scene, bool nearly, Rebuild rebuild) {
 
 void reduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly) {
   ReductionScratch scratch;
-  ReduceMesh(node, mesh, useUV, nearly, scratch, Rebuild::Now);
+  ReduceMesh(node, mesh, 0, useUV, nearly, scratch, nullptr);
 }
 
-void reduceMeshVertex(SPODScene* scene, bool nearly) { ReduceScene(scene, nearly, Rebuild::Now); }
+void reduceMeshVertex(SPODScene* scene, bool nearly) { ReduceScene(scene, nearly, nullptr); }
 
-void reduceMeshVertexForSave(SPODScene* scene, bool nearly) {
-  ReduceScene(scene, nearly, Rebuild::OnSave);
+PODWeldPlan reduceMeshVertexForSave(SPODScene* scene, bool nearly) {
+  PODWeldPlan plan;
+  ReduceScene(scene, nearly, &plan);
+  return plan;
 }

@@ -15,8 +15,9 @@ namespace {
 // The node and parent checks ask the scene's rules (`rules`, set for the conversion's checks).
 class Checker {
  public:
-  Checker(const CPODScene& scene, SceneCheck& out, const korvex::SceneRules* rules = nullptr)
-      : s(scene), out(out), rules(rules) {}
+  Checker(const CPODScene& scene, SceneCheck& out, const korvex::SceneRules* rules = nullptr,
+          const PODWeldPlan* plan = nullptr)
+      : s(scene), out(out), rules(rules), plan(plan) {}
 
   bool fail(int64_t node, std::string problem) {
     out.node = node;
@@ -48,13 +49,13 @@ class Checker {
   }
 
   // A weld decided for `mesh` rebuilds stream `d` as the scene is saved: whatever the old stream
-  // holds, the saved one holds as many elements as the mesh then has vertices.
-  static bool Rebuilt(const SPODMesh& mesh, const CPODData& d) {
-    if (mesh.pWeld == nullptr) return false;
+  // holds, the saved one holds as many elements as the weld keeps vertices.
+  static bool Rebuilt(const SPODMesh& mesh, const SPODMeshWeld* weld, const CPODData& d) {
+    if (weld == nullptr) return false;
     for (EPODWeldStream w : {EPODWeldStream::Vertex, EPODWeldStream::Normals, EPODWeldStream::UVW0,
                              EPODWeldStream::UVW1, EPODWeldStream::BoneIdx,
                              EPODWeldStream::BoneWeight}) {
-      if (PODMeshWeldedStream(mesh, *mesh.pWeld, w) == &d) return true;
+      if (PODMeshWeldedStream(mesh, *weld, w) == &d) return true;
     }
     return false;
   }
@@ -118,17 +119,18 @@ class Checker {
   bool meshRecord(int64_t i, bool beforeSave) {
     const SPODNode& n = s.pNode[i];
     const SPODMesh& mesh = s.pMesh[n.nIdx];
+    const SPODMeshWeld* weld = plan != nullptr ? plan->weld(uint32_t(n.nIdx)) : nullptr;
     if (!transformArrays(i)) return false;
     // The bounding volumes assert on the position format before anything is read.
     if (mesh.sVertex.eType != EPODDataFloat || mesh.sVertex.n != 3 || mesh.sVertex.nStride != 12)
       return assertionAhead();
-    const uint64_t v = mesh.nNumVertex;
-    if (!Rebuilt(mesh, mesh.sVertex) &&
+    const uint64_t v = weld != nullptr ? weld->nKept : mesh.nNumVertex;
+    if (!Rebuilt(mesh, weld, mesh.sVertex) &&
         !streamCovers(i, mesh, mesh.sVertex, v * 12, "position stream"))
       return false;
     const uint64_t normalBytes = v * mesh.sNormals.n * 4;
     if (normalBytes > UINT32_MAX) return fail(i, "normal stream is too large");
-    if (!Rebuilt(mesh, mesh.sNormals) &&
+    if (!Rebuilt(mesh, weld, mesh.sNormals) &&
         !streamCovers(i, mesh, mesh.sNormals, normalBytes, "normal stream"))
       return false;
     if (!streamFaces(i, mesh)) return false;
@@ -138,7 +140,7 @@ class Checker {
         return fail(i, "mesh declares " + std::to_string(mesh.nNumUVW) +
                            " texture-coordinate sets but stores fewer");
       for (uint32_t k = 0; k < sets; ++k) {
-        if (!Rebuilt(mesh, mesh.psUVW[k]) &&
+        if (!Rebuilt(mesh, weld, mesh.psUVW[k]) &&
             !streamCovers(i, mesh, mesh.psUVW[k], v * 8,
                           "texture-coordinate set " + std::to_string(k)))
           return false;
@@ -228,7 +230,7 @@ class Checker {
   // Bone-batch counts that are both negative give the writer a length all the same; the
   // conversion refuses them.
   bool savedScene() {
-    const std::string shortfall = PODWriteShortfall(s);
+    const std::string shortfall = PODWriteShortfall(s, plan);
     if (!shortfall.empty()) return fail(-1, shortfall);
     for (uint32_t m = 0; m < s.nNumMesh; ++m) {
       const CPODBoneBatches& bb = s.pMesh[m].sBoneBatches;
@@ -254,6 +256,7 @@ class Checker {
   const CPODScene& s;
   SceneCheck& out;
   const korvex::SceneRules* rules;
+  const PODWeldPlan* plan;  // the welds the save applies; null for none
 };
 
 }  // namespace
@@ -288,18 +291,18 @@ SceneCheck CheckSceneForEdits(const CPODScene& scene, bool reduction) {
   return out;
 }
 
-SceneCheck CheckSceneForSave(const CPODScene& scene) {
+SceneCheck CheckSceneForSave(const CPODScene& scene, const PODWeldPlan* plan) {
   SceneCheck out;
-  Checker c(scene, out);
+  Checker c(scene, out, nullptr, plan);
   if (c.recordArrays()) c.savedScene();
   return out;
 }
 
-SceneCheck CheckSceneForConversion(const CPODScene& scene, bool beforeSave) {
+SceneCheck CheckSceneForConversion(const CPODScene& scene, bool beforeSave, const PODWeldPlan* plan) {
   SceneCheck out;
-  if (!Checker(scene, out).recordArrays()) return out;
+  if (!Checker(scene, out, nullptr, plan).recordArrays()) return out;
   const korvex::SceneRules rules(scene);
-  Checker c(scene, out, &rules);
+  Checker c(scene, out, &rules, plan);
   for (uint32_t i = 0; i < rules.nodeCount(); ++i) {
     const korvex::NodeKind kind = rules.kind(i);
     if (kind == korvex::NodeKind::kNotConverted) continue;

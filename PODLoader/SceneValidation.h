@@ -15,6 +15,7 @@
 #include <vector>
 
 class CPODScene;
+class PODWeldPlan;
 
 struct SceneCheck {
   int64_t node = -1;          // index in pNode of the node at fault; -1 for the scene as a whole
@@ -31,16 +32,18 @@ struct SceneCheck {
 SceneCheck CheckSceneForEdits(const CPODScene& scene, bool reduction);
 
 // What the POD writer reads, on the edited scene: every array of every record, as long as its
-// counts say. Streams that a vertex weld rebuilds while saving are its own business.
-SceneCheck CheckSceneForSave(const CPODScene& scene);
+// counts say. Streams that a vertex weld of `plan` rebuilds while saving are its own business;
+// a weld that no longer fits its mesh is refused.
+SceneCheck CheckSceneForSave(const CPODScene& scene, const PODWeldPlan* plan = nullptr);
 
 // What the conversion reads: node, mesh, material, texture, camera and light indices of the nodes
 // it walks (those that exist: counts of mesh, light and camera nodes beyond the node array are
 // left to the header-count assertion), stream lengths, the arrays each node kind needs, parent
 // chains; in an animated scene the animated nodes' own needs. `beforeSave`: the scene will be
-// saved and read back first, so names (which the save settles) are not required yet, and a
-// mesh's welded streams count as rebuilt.
-SceneCheck CheckSceneForConversion(const CPODScene& scene, bool beforeSave);
+// saved and read back first, so names (which the save settles) are not required yet, and the
+// streams a weld of `plan` rebuilds count as rebuilt.
+SceneCheck CheckSceneForConversion(const CPODScene& scene, bool beforeSave,
+                                   const PODWeldPlan* plan = nullptr);
 
 // One line for the user: "Korvex: FILE: node I "NAME": PROBLEM" (no node part for the scene).
 std::string DescribeSceneCheck(const CPODScene& scene, const SceneCheck& check,

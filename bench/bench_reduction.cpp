@@ -5,10 +5,19 @@
 // coordinates too far apart to merge, so one position group holds every kept vertex (searched
 // by cells of coordinates once it is long, instead of one by one).
 //
+// BM_PlanExact and BM_PlanNear time what the tool runs before saving: the weld plan of a scene of
+// 32 meshes shaped like podgen's large-still sheets (4 patches of 125 x 125 vertices whose seams
+// repeat a column, the third one shifted by 0.0005 in u so that only near mode welds it), the
+// streams left as they are. Target: near mode no slower than exact mode.
+//
 //   build/bench_reduction --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
 #include <benchmark/benchmark.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -64,6 +73,32 @@ Source OnePosition(int vertices) {
   }
   for (int t = 0; t < vertices; ++t)
     s.faces.insert(s.faces.end(), {uint16_t(t), uint16_t((t + 1) % vertices), uint16_t((t + 2) % vertices)});
+  return s;
+}
+
+// Four patches of side x side vertices side by side, each repeating the last column of the one
+// before; the third patch's first column is 0.0005 off in u.
+Source Sheet(int side) {
+  Source s;
+  const int columns = 4 * (side - 1);
+  for (int p = 0; p < 4; ++p) {
+    const int base = int(s.positions.size() / 3);
+    for (int row = 0; row < side; ++row) {
+      for (int c = 0; c < side; ++c) {
+        const int column = p * (side - 1) + c;
+        s.positions.insert(s.positions.end(), {0.1f * float(column), 0.1f * float(row), float(column % 7)});
+        s.normals.insert(s.normals.end(), {0, 0, 1});
+        const float u = float(column) / float(columns) + (p == 2 && c == 0 ? 0.0005f : 0.0f);
+        s.uvs.insert(s.uvs.end(), {u, float(row) / float(side - 1)});
+      }
+    }
+    for (int row = 0; row + 1 < side; ++row) {
+      for (int c = 0; c + 1 < side; ++c) {
+        const uint16_t a = uint16_t(base + row * side + c), b = uint16_t(a + 1), d = uint16_t(a + side), e = uint16_t(d + 1);
+        s.faces.insert(s.faces.end(), {a, b, e, a, e, d});
+      }
+    }
+  }
   return s;
 }
 
@@ -124,6 +159,47 @@ void BM_FastNear(benchmark::State& state) { Run(state, GridOf(int(state.range(0)
 void BM_ReferenceNear(benchmark::State& state) {
   Run(state, GridOf(int(state.range(0))), true, reference_reduction::ReduceVertex);
 }
+// The plan for a scene of `meshes` copies of the sheet, one mesh node with material each.
+void RunPlan(benchmark::State& state, bool nearly) {
+  const Source sheet = Sheet(125);
+  const uint32_t meshes = 32;
+  std::vector<SPODMesh> mesh(meshes);
+  std::vector<SPODNode> nodes(meshes);
+  for (uint32_t k = 0; k < meshes; ++k) {
+    mesh[k] = MakeMesh(sheet);
+    nodes[k] = SPODNode{};
+    nodes[k].nIdx = int32_t(k);
+    nodes[k].nIdxMaterial = 0;
+    nodes[k].pszName = const_cast<char*>("sheet");
+  }
+  SPODScene scene{};
+  scene.nNumMesh = meshes;
+  scene.pMesh = mesh.data();
+  scene.nNumNode = scene.nNumMeshNode = meshes;
+  scene.pNode = nodes.data();
+  // The reduction's lines go to /dev/null while it runs; the benchmark's own report is on stdout.
+  std::fflush(stdout);
+  const int saved = dup(STDOUT_FILENO);
+  const int null = open("/dev/null", O_WRONLY);
+  if (saved < 0 || null < 0 || dup2(null, STDOUT_FILENO) < 0) state.SkipWithError("stdout not redirected");
+  size_t kept = 0;
+  for (auto _ : state) {
+    const PODWeldPlan plan = reduceMeshVertexForSave(&scene, nearly);
+    kept = plan.weld(0) != nullptr ? plan.weld(0)->nKept : 0;
+    benchmark::DoNotOptimize(kept);
+  }
+  std::fflush(stdout);
+  if (saved >= 0) dup2(saved, STDOUT_FILENO);
+  if (saved >= 0) close(saved);
+  if (null >= 0) close(null);
+  for (SPODMesh& m : mesh) FreeMesh(m);
+  state.counters["corners"] = double(sheet.faces.size() * meshes);
+  state.counters["kept a mesh"] = double(kept);
+}
+
+void BM_PlanExact(benchmark::State& state) { RunPlan(state, false); }
+void BM_PlanNear(benchmark::State& state) { RunPlan(state, true); }
+
 void BM_FastNearOnePosition(benchmark::State& state) {
   Run(state, OnePosition(int(state.range(0))), true, reduceVertex);
 }
@@ -134,6 +210,8 @@ BENCHMARK(BM_FastExact)->Arg(1000)->Arg(10000)->Arg(65535)->Unit(benchmark::kMil
 BENCHMARK(BM_ReferenceExact)->Arg(1000)->Arg(10000)->Arg(65535)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FastNear)->Arg(1000)->Arg(10000)->Arg(65535)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ReferenceNear)->Arg(1000)->Arg(10000)->Arg(65535)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PlanExact)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PlanNear)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FastNearOnePosition)->Arg(1000)->Arg(10000)->Arg(65535)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

@@ -170,11 +170,11 @@ TEST(VertexReductionDifferential, MatchesTheFirstMatchScanWithStreamsCutToWhatTh
   }
 }
 
-// The file WritePOD makes of a scene.
-std::string Saved(const SPODScene& scene) {
+// The file WritePOD makes of a scene, welded as `plan` says.
+std::string Saved(const SPODScene& scene, const PODWeldPlan& plan = PODWeldPlan()) {
   FILE* f = std::tmpfile();
   if (f == nullptr) return "<no temporary file>";
-  std::string bytes = WritePOD(f, nullptr, scene) ? "" : "<write refused>";
+  std::string bytes = WritePOD(f, nullptr, scene, plan) ? "" : "<write refused>";
   std::rewind(f);
   char chunk[4096];
   for (size_t got; (got = std::fread(chunk, 1, sizeof chunk, f)) > 0;) bytes.append(chunk, got);
@@ -187,12 +187,14 @@ bool ExpectSameSave(const SPODScene& scene, bool nearly, const std::string& wher
   SPODScene now = CopyScene(scene);
   SPODScene onSave = CopyScene(scene);
   const std::string nowOut = Printed(reduceMeshVertex, now, nearly);
-  EXPECT_EQ(nowOut, Printed(reduceMeshVertexForSave, onSave, nearly)) << where;
-  bool deferred = false;
-  for (uint32_t k = 0; k < onSave.nNumMesh; ++k) deferred = deferred || onSave.pMesh[k].pWeld != nullptr;
+  PODWeldPlan plan;
+  testing::internal::CaptureStdout();
+  plan = reduceMeshVertexForSave(&onSave, nearly);
+  EXPECT_EQ(nowOut, testing::internal::GetCapturedStdout()) << where;
+  const bool deferred = !plan.empty();
   const std::string nowFile = Saved(now);
   EXPECT_NE(nowFile.substr(0, 1), "<") << where << ": " << nowFile;
-  EXPECT_TRUE(nowFile == Saved(onSave)) << where << (deferred ? " (rebuilt on save)" : "");
+  EXPECT_TRUE(nowFile == Saved(onSave, plan)) << where << (deferred ? " (rebuilt on save)" : "");
   FreeScene(now);
   FreeScene(onSave);
   return deferred;
@@ -218,6 +220,87 @@ TEST(VertexReductionDifferential, RebuildingOnSaveWritesTheSameFileWithStreamsCu
     FreeScene(scene);
   }
   EXPECT_GT(deferredScenes, 900u);
+}
+
+// Texture coordinates where the near comparison is decided by its last bit: on the edges and at
+// the middles of the 0.002 cells the search is organised in (multiples of 0.002 and 0.001, and
+// 0.125 and -0.875, which are exactly the middle of one), one
+// float either side of them, pairs exactly 0.001 apart as floats, either side of 2^20 (beyond
+// which only equal values are near), huge, tiny and signed-zero values, and non-finite ones.
+std::vector<float> BoundaryCoordinates() {
+  std::vector<float> bases = {0.0f,   -0.0f,    0.001f,  0.002f, -0.001f, -0.002f, 0.003f,   0.5f,
+                              0.501f, 0.499f,   0.5005f, 1.0f,   -1.0f,   0.999f,  0.0009999f, 1e-40f,
+                              2.0e-3f * 3.0f,   1048575.9375f, 1048576.0f, 1048576.125f, -1048576.0f,
+                              524287.999f, 1e30f, 0.125f, -0.875f};
+  std::vector<float> pool;
+  for (float b : bases) {
+    for (float x : {b, std::nextafter(b, 2e30f), std::nextafter(b, -2e30f), b + 0.001f, b - 0.001f,
+                    b + 0.0009999f, b + 0.0010001f})
+      pool.push_back(x);
+  }
+  pool.push_back(std::numeric_limits<float>::infinity());
+  pool.push_back(std::numeric_limits<float>::quiet_NaN());
+  return pool;
+}
+
+// Meshes whose vertices mostly share one or two positions, with coordinates drawn from the
+// boundary values: long position groups, searched by cells, in one and two texture sets.
+SPODScene BoundaryScene(unsigned seed) {
+  static const std::vector<float> pool = BoundaryCoordinates();
+  std::mt19937 rng(seed);
+  auto number = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+  MeshData m;
+  const int vertices = number(20, 300);
+  m.uvs.resize(size_t(number(1, 2)));
+  for (int v = 0; v < vertices; ++v) {
+    const float p = number(0, 9) == 0 ? 1.0f : 0.0f;
+    m.positions.insert(m.positions.end(), {p, -0.0f, 0.0f});
+    m.normals.insert(m.normals.end(), {float(v), 0, 1});
+    for (auto& set : m.uvs) {
+      // Mostly one coordinate of a set from the pool and the other on a short run, so that many
+      // vertices differ in one coordinate only.
+      set.push_back(pool[size_t(number(0, int(pool.size()) - 1))]);
+      set.push_back(number(0, 2) == 0 ? pool[size_t(number(0, int(pool.size()) - 1))] : 0.25f);
+    }
+  }
+  const int corners = 3 * number(vertices / 2, 2 * vertices);
+  for (int c = 0; c < corners; ++c) m.faces.push_back(uint16_t(number(0, vertices - 1)));
+  return MakeScene({MakeMesh(m)}, {{0, 0, "boundary"}});
+}
+
+TEST(VertexReductionDifferential, NearMatchesTheFirstMatchScanAtCellBoundaries) {
+  for (unsigned seed = 1; seed <= 400 && !HasFailure(); ++seed) {
+    SPODScene scene = BoundaryScene(seed);
+    ExpectSameAsPlainScan(scene, true, "seed " + std::to_string(seed));
+    FreeScene(scene);
+  }
+}
+
+// Every pair of boundary coordinates, each kept vertex in a group long enough to be searched by
+// cells: the kept vertices are the pool's values, then each value again in both orders.
+TEST(VertexReductionDifferential, NearMatchesTheFirstMatchScanForEveryPairOfBoundaryValues) {
+  const std::vector<float> pool = BoundaryCoordinates();
+  MeshData m;
+  m.uvs.resize(1);
+  for (size_t a = 0; a < pool.size(); ++a) {
+    for (size_t b = 0; b < pool.size(); ++b) {
+      for (float u : {pool[a], pool[b]}) {
+        m.positions.insert(m.positions.end(), {0, 0, 0});
+        m.normals.insert(m.normals.end(), {float(a), float(b), 1});
+        m.uvs[0].insert(m.uvs[0].end(), {u, 0.5f});
+      }
+    }
+  }
+  // Corners in stream order, then the pairs again reversed.
+  const size_t vertices = m.positions.size() / 3;
+  ASSERT_LT(vertices, 65536u);
+  for (size_t v = 0; v < vertices; ++v) m.faces.push_back(uint16_t(v));
+  for (size_t v = vertices; v-- > 0;) m.faces.push_back(uint16_t(v));
+  while (m.faces.size() % 3 != 0) m.faces.push_back(0);
+  SPODScene scene = MakeScene({MakeMesh(m)}, {{0, 0, "pairs"}});
+  ExpectSameAsPlainScan(scene, true, "pairs");
+  EXPECT_TRUE(ExpectSameSave(scene, true, "pairs"));
+  FreeScene(scene);
 }
 
 // Eight vertices of which the triangles use the first six: repeated positions, coordinates that
@@ -300,14 +383,20 @@ TEST(VertexReductionDifferential, StreamsShorterThanTheCountAreWeldedWhenTheyHol
                                 (nearly ? "NEARLY same" : "SAME") + " UV...Total vertex before reduction: " +
                                 std::to_string(count) + "\nTotal vertex after reduction: " +
                                 std::to_string(count) + "\nDifference: 0\n";
-      for (auto reduce : {reduceMeshVertex, reduceMeshVertexForSave}) {
+      for (bool forSave : {false, true}) {
         SPODScene copy = CopyScene(scene);
+        PODWeldPlan plan;
         testing::internal::CaptureStderr();
-        EXPECT_EQ(Printed(reduce, copy, nearly), lines);
+        testing::internal::CaptureStdout();
+        if (forSave)
+          plan = reduceMeshVertexForSave(&copy, nearly);
+        else
+          reduceMeshVertex(&copy, nearly);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), lines);
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   "Note: vertices of \"short\" not reduced: " + std::string(c.note) + "\n");
         const SPODMesh& after = copy.pMesh[0];
-        EXPECT_EQ(after.pWeld, nullptr);
+        EXPECT_TRUE(plan.empty());
         EXPECT_EQ(after.nNumVertex, c.count);
         const SPODMesh& before = scene.pMesh[0];
         for (auto stream : {&SPODMesh::sFaces, &SPODMesh::sVertex, &SPODMesh::sNormals, &SPODMesh::sBoneIdx,

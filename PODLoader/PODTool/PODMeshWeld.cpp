@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "pod/IndexRange.h"
+
 namespace {
 
 // Rebuilt arrays are made of elements of this many bytes: a corner's index, a vertex's position,
@@ -40,56 +42,59 @@ auto StreamOf(Mesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream) -> de
 
 size_t Corners(const SPODMesh& mesh) { return static_cast<size_t>(mesh.nNumFaces) * 3; }
 
-// Element e of the rebuilt array, into out (ElementBytes of them).
-void Element(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream, size_t e,
+// Element e of the rebuilt array, into out (ElementBytes of them). False for an index beyond the
+// old vertices the weld covers.
+bool Element(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream, size_t e,
              uint8_t* out) {
   switch (stream) {
     case EPODWeldStream::Faces: {
       const uint8_t* old = mesh.sFaces.pData + 2 * e;
       if (e >= Corners(mesh)) {
         std::memcpy(out, old, 2);  // past the triangles the array keeps its bytes
-        return;
+        return true;
       }
       uint16_t kept;
       if (weld.pnKeptOf != nullptr) {
         uint16_t i;
         std::memcpy(&i, old, 2);
+        if (i >= weld.nReach) return false;
         kept = weld.pnKeptOf[i];
       } else {
         kept = weld.pnCornerKept[e];
       }
       std::memcpy(out, &kept, 2);
-      return;
+      return true;
     }
     case EPODWeldStream::Vertex:
       std::memcpy(out, mesh.sVertex.pData + 12 * size_t{weld.pnSource[e]}, 12);
-      return;
+      return true;
     case EPODWeldStream::Normals:
       std::memcpy(out, mesh.sNormals.pData + 12 * size_t{weld.pnNormalFrom[e]}, 12);
-      return;
+      return true;
     case EPODWeldStream::UVW0:
     case EPODWeldStream::UVW1: {
       const CPODData& uv = mesh.psUVW[stream == EPODWeldStream::UVW0 ? 0 : 1];
       std::memcpy(out, uv.pData + 8 * size_t{weld.pnSource[e]}, 8);
-      return;
+      return true;
     }
     case EPODWeldStream::BoneIdx: {
       const CPODData& idx = mesh.sBoneIdx;
       std::memcpy(out, idx.pData + size_t{idx.nStride} * weld.pnSource[e], idx.n);
-      return;
+      return true;
     }
     case EPODWeldStream::BoneWeight: {
       const uint32_t bones = mesh.sBoneIdx.n;
       const CPODData& weights = mesh.sBoneWeight;
       if (bones == 0 || e >= size_t{weld.nKept} * bones) {
         std::memset(out, 0, 4);
-        return;
+        return true;
       }
       const size_t source = weld.pnSource[e / bones];
       std::memcpy(out, weights.pData + size_t{weights.nStride} * source + 4 * (e % bones), 4);
-      return;
+      return true;
     }
   }
+  return true;
 }
 
 // Elements [first, first + count) of a stream gathered row by row from an old array.
@@ -99,34 +104,47 @@ void GatherRows(const uint8_t* old, const uint16_t* from, size_t first, size_t c
 }
 
 // Whole elements [first, first + count) of the rebuilt array: the streams saving spends its time
-// on have a loop of their own; the bones go element by element.
-void GatherElements(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream,
+// on have a loop of their own; the bones go element by element. False for an index beyond the
+// old vertices the weld covers.
+bool GatherElements(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream,
                     size_t first, size_t count, uint8_t* out) {
   switch (stream) {
     case EPODWeldStream::Vertex:
-      return GatherRows<12>(mesh.sVertex.pData, weld.pnSource, first, count, out);
+      GatherRows<12>(mesh.sVertex.pData, weld.pnSource, first, count, out);
+      return true;
     case EPODWeldStream::Normals:
-      return GatherRows<12>(mesh.sNormals.pData, weld.pnNormalFrom, first, count, out);
+      GatherRows<12>(mesh.sNormals.pData, weld.pnNormalFrom, first, count, out);
+      return true;
     case EPODWeldStream::UVW0:
-      return GatherRows<8>(mesh.psUVW[0].pData, weld.pnSource, first, count, out);
+      GatherRows<8>(mesh.psUVW[0].pData, weld.pnSource, first, count, out);
+      return true;
     case EPODWeldStream::UVW1:
-      return GatherRows<8>(mesh.psUVW[1].pData, weld.pnSource, first, count, out);
+      GatherRows<8>(mesh.psUVW[1].pData, weld.pnSource, first, count, out);
+      return true;
     case EPODWeldStream::Faces:
       if (weld.pnKeptOf != nullptr && first + count <= Corners(mesh)) {
+        if (weld.nReach == 0) return count == 0;
+        // The range is checked first (its indices are in the nearest cache for the lookups
+        // that follow): an index beyond the weld's old vertices fails the whole. Pointers in
+        // locals: `out` could alias them for all the compiler knows.
         const uint8_t* old = mesh.sFaces.pData + 2 * first;
+        if (HighestIndex(old, count) >= weld.nReach) return false;
+        const uint16_t* keptOf = weld.pnKeptOf;
         for (size_t e = 0; e < count; ++e) {
           uint16_t i;
           std::memcpy(&i, old + 2 * e, 2);
-          std::memcpy(out + 2 * e, &weld.pnKeptOf[i], 2);
+          std::memcpy(out + 2 * e, &keptOf[i], 2);
         }
-        return;
+        return true;
       }
       break;
     default:
       break;
   }
   const size_t size = ElementBytes(mesh, stream);
-  for (size_t e = 0; e < count; ++e) Element(mesh, weld, stream, first + e, out + size * e);
+  bool ok = true;
+  for (size_t e = 0; e < count; ++e) ok = Element(mesh, weld, stream, first + e, out + size * e) && ok;
+  return ok;
 }
 
 void* AllocZeroed(size_t bytes) {
@@ -161,6 +179,53 @@ SPODMeshWeld* PODMeshWeldCreate(uint32_t kept, bool byOldVertex, size_t oldVerti
 
 void PODMeshWeldFree(SPODMeshWeld* weld) { std::free(weld); }
 
+namespace {
+
+// The same layout and length; the array may have moved (a scene about to overwrite its own
+// file copies the arrays it borrows from it).
+bool SameStream(const CPODData& a, const CPODData& b) {
+  return a.eType == b.eType && a.n == b.n && a.nStride == b.nStride &&
+         (a.pData == nullptr) == (b.pData == nullptr) && a.nDataSize == b.nDataSize;
+}
+
+}  // namespace
+
+void PODMeshWeldNote(SPODMeshWeld& weld, const SPODMesh& mesh, size_t oldVertices) {
+  weld.nReach = static_cast<uint32_t>(oldVertices);
+  weld.nFaces = mesh.nNumFaces;
+  weld.nNumUVW = mesh.nNumUVW;
+  weld.sFaces = mesh.sFaces;
+  weld.sVertex = mesh.sVertex;
+  weld.sNormals = mesh.sNormals;
+  for (uint32_t k = 0; k < 2; ++k) weld.sUVW[k] = k < weld.nUVW ? mesh.psUVW[k] : CPODData{};
+  weld.sBoneIdx = weld.bBones ? mesh.sBoneIdx : CPODData{};
+  weld.sBoneWeight = weld.bBones ? mesh.sBoneWeight : CPODData{};
+}
+
+bool PODMeshWeldFits(const SPODMesh& mesh, const SPODMeshWeld& weld) {
+  if (mesh.nNumFaces != weld.nFaces || mesh.nNumUVW != weld.nNumUVW || mesh.pInterleaved != nullptr ||
+      !SameStream(mesh.sFaces, weld.sFaces) || !SameStream(mesh.sVertex, weld.sVertex) ||
+      !SameStream(mesh.sNormals, weld.sNormals))
+    return false;
+  if (weld.nUVW > 0 && (mesh.psUVW == nullptr || mesh.nUVWCount < weld.nUVW)) return false;
+  for (uint32_t k = 0; k < weld.nUVW; ++k)
+    if (!SameStream(mesh.psUVW[k], weld.sUVW[k])) return false;
+  if (weld.bBones != (mesh.sBoneBatches.nBatchCnt > 0)) return false;
+  return !weld.bBones ||
+         (SameStream(mesh.sBoneIdx, weld.sBoneIdx) && SameStream(mesh.sBoneWeight, weld.sBoneWeight));
+}
+
+namespace {
+
+// Every index stays below the old vertices the weld covers.
+bool IndicesFit(const SPODMesh& mesh, const SPODMeshWeld& weld) {
+  const size_t corners = Corners(mesh);
+  if (weld.pnKeptOf == nullptr || corners == 0) return true;
+  return HighestIndex(mesh.sFaces.pData, corners) < weld.nReach;
+}
+
+}  // namespace
+
 const CPODData* PODMeshWeldedStream(const SPODMesh& mesh, const SPODMeshWeld& weld,
                                     EPODWeldStream stream) {
   return StreamOf(mesh, weld, stream);
@@ -180,31 +245,35 @@ size_t PODMeshWeldedBytes(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWe
   return 0;
 }
 
-void PODMeshWeldGather(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream,
+bool PODMeshWeldGather(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStream stream,
                        size_t first, size_t count, uint8_t* out) {
   const size_t size = ElementBytes(mesh, stream);
-  if (size == 0 || count == 0) return;
+  if (size == 0 || count == 0) return true;
+  bool ok = true;
   // Whole elements go straight to `out`; the ones cut by the ends of the range through here.
   uint8_t element[64];
   size_t at = first;
   const size_t end = first + count;
   if (at % size != 0) {
     const size_t e = at / size;
-    Element(mesh, weld, stream, e, element);
+    ok = Element(mesh, weld, stream, e, element);
     const size_t take = std::min(size - at % size, end - at);
     std::memcpy(out, element + at % size, take);
     at += take;
   }
   const size_t whole = (end - at) / size;
-  GatherElements(mesh, weld, stream, at / size, whole, out + (at - first));
+  ok = GatherElements(mesh, weld, stream, at / size, whole, out + (at - first)) && ok;
   at += whole * size;
   if (at < end) {
-    Element(mesh, weld, stream, at / size, element);
+    ok = Element(mesh, weld, stream, at / size, element) && ok;
     std::memcpy(out + (at - first), element, end - at);
   }
+  return ok;
 }
 
 bool PODMeshApplyWeld(SPODMesh& mesh, const SPODMeshWeld& weld) {
+  // Checked whole before anything changes: the indices are rewritten where they stand.
+  if (!PODMeshWeldFits(mesh, weld) || !IndicesFit(mesh, weld)) return false;
   const EPODWeldStream arrays[] = {EPODWeldStream::Vertex, EPODWeldStream::Normals,
                                    EPODWeldStream::UVW0,   EPODWeldStream::UVW1,
                                    EPODWeldStream::BoneIdx, EPODWeldStream::BoneWeight};
@@ -237,4 +306,61 @@ bool PODMeshApplyWeld(SPODMesh& mesh, const SPODMeshWeld& weld) {
   }
   mesh.nNumVertex = weld.nKept;
   return true;
+}
+
+PODWeldPlan::PODWeldPlan(PODWeldPlan&& other) noexcept
+    : m_welds(other.m_welds), m_meshes(other.m_meshes) {
+  other.m_welds = nullptr;
+  other.m_meshes = 0;
+}
+
+PODWeldPlan& PODWeldPlan::operator=(PODWeldPlan&& other) noexcept {
+  if (this != &other) {
+    clear();
+    m_welds = other.m_welds;
+    m_meshes = other.m_meshes;
+    other.m_welds = nullptr;
+    other.m_meshes = 0;
+  }
+  return *this;
+}
+
+PODWeldPlan::~PODWeldPlan() { clear(); }
+
+void PODWeldPlan::clear() {
+  for (uint32_t k = 0; k < m_meshes; ++k) PODMeshWeldFree(m_welds[k]);
+  std::free(m_welds);
+  m_welds = nullptr;
+  m_meshes = 0;
+}
+
+bool PODWeldPlan::reserve(uint32_t meshes) {
+  clear();
+  if (meshes == 0) return true;
+  m_welds = static_cast<SPODMeshWeld**>(std::calloc(meshes, sizeof(SPODMeshWeld*)));
+  if (m_welds == nullptr) return false;
+  m_meshes = meshes;
+  return true;
+}
+
+bool PODWeldPlan::empty() const {
+  for (uint32_t k = 0; k < m_meshes; ++k)
+    if (m_welds[k] != nullptr) return false;
+  return true;
+}
+
+const SPODMeshWeld* PODWeldPlan::weld(uint32_t index) const {
+  return index < m_meshes ? m_welds[index] : nullptr;
+}
+
+void PODWeldPlan::set(uint32_t index, SPODMeshWeld* weld) {
+  PODMeshWeldFree(m_welds[index]);
+  m_welds[index] = weld;
+}
+
+SPODMeshWeld* PODWeldPlan::take(uint32_t index) {
+  if (index >= m_meshes) return nullptr;
+  SPODMeshWeld* weld = m_welds[index];
+  m_welds[index] = nullptr;
+  return weld;
 }

@@ -4,7 +4,6 @@
 #include "pod/PODModel.h"
 
 #include "pod/Diagnostics.h"
-#include "pod/PODMeshWeld.h"
 #include "pod/PODSource.h"
 #include "pod/PODRecordLayout.h"
 
@@ -71,10 +70,8 @@ void PODModelRelease(SPODMaterial& material) { ReleaseRecord(material); }
 void PODModelRelease(SPODNode& node) { ReleaseRecord(node); }
 void PODModelRelease(SPODTexture& texture) { ReleaseRecord(texture); }
 
-// The descriptors go after the streams they hold, and with them the weld not yet applied.
+// The descriptors go after the streams they hold.
 void PODModelRelease(SPODMesh& mesh) {
-  PODMeshWeldFree(mesh.pWeld);
-  mesh.pWeld = nullptr;
   CPODData* sets = mesh.psUVW;
   ReleaseRecord(mesh);
   std::free(sets);

@@ -67,8 +67,6 @@ struct CPODBoneBatches {
   size_t nBatchOffsetSize;
 };
 
-struct SPODMeshWeld;
-
 struct SPODMesh {
   uint32_t nNumVertex;
   uint32_t nNumFaces;
@@ -89,9 +87,6 @@ struct SPODMesh {
   size_t nStripLengthSize;
   size_t nInterleavedSize;
   size_t nUVWCount;  // descriptors allocated at psUVW
-  // Welding decided but not yet applied to the streams (PODMeshWeld.h); owned. Only saving
-  // reads a mesh that has one.
-  SPODMeshWeld* pWeld;
 };
 
 // One per-vertex stream of a mesh as ForEachVertexStream hands it over.
@@ -214,6 +209,7 @@ struct SPODImpl {
 
 class CResourceFile;
 struct PODReadReport;
+class PODWeldPlan;
 
 class CPODScene : public SPODScene {
  public:
@@ -228,6 +224,9 @@ class CPODScene : public SPODScene {
                     PODReadReport* report = nullptr);
   bool ReadFromMemory(const SPODScene& scene);
   bool SavePOD(const char* pszFilename, const char* pszExpOpt = nullptr);
+  // The same, with the meshes welded as `plan` (PODMeshWeld.h) says; false, before anything is
+  // opened, when a weld of the plan no longer fits its mesh.
+  bool SavePOD(const char* pszFilename, const char* pszExpOpt, const PODWeldPlan& plan);
   void Destroy();
 
   // Frame evaluation.
@@ -280,3 +279,5 @@ void FixedToFloat(float* dst, const int* src, unsigned int count);
 void FloatToFixed(int* dst, const float* src, unsigned int count);
 
 bool WritePOD(FILE* file, const char* pszExpOpt, const SPODScene& scene);
+// The same, with the meshes welded as `plan` says; false when a weld does not fit its mesh.
+bool WritePOD(FILE* file, const char* pszExpOpt, const SPODScene& scene, const PODWeldPlan& plan);

@@ -119,8 +119,8 @@ struct StreamWriter : korvex::PODFieldVisitor {
     bool good = WriteMarker(f, tag, false, nLen);
     for (size_t at = 0; good && at < nLen; at += kSlice) {
       const size_t count = std::min<size_t>(nLen - at, kSlice);
-      PODMeshWeldGather(*mesh, *weld, welded, at, count, slice);
-      good = WriteFileSafe(f, slice, static_cast<unsigned int>(count));
+      good = PODMeshWeldGather(*mesh, *weld, welded, at, count, slice) &&
+             WriteFileSafe(f, slice, static_cast<unsigned int>(count));
     }
     free(slice);
     return good && WriteMarker(f, tag, true, 0);
@@ -128,15 +128,15 @@ struct StreamWriter : korvex::PODFieldVisitor {
 };
 
 // A stream container of `mesh` (null: a stream on its own), rebuilt as `welded` when the mesh's
-// weld rebuilds it. False, before anything is written,
+// weld (null: none) rebuilds it. False, before anything is written,
 // when the data is asked for beyond what the stream holds, or when an interleaved stream holds
 // an array of its own (a file with the interleaved block after the streams) and so has no
 // offset to write.
 bool WriteStream(FILE* f, unsigned int nName, const CPODData& data, unsigned int nCount,
-                 bool bValidData, const SPODMesh* mesh = nullptr,
+                 bool bValidData, const SPODMesh* mesh = nullptr, const SPODMeshWeld* meshWeld = nullptr,
                  EPODWeldStream welded = EPODWeldStream::Faces) {
   const SPODMeshWeld* weld =
-      mesh && mesh->pWeld && PODMeshWeldedStream(*mesh, *mesh->pWeld, welded) ? mesh->pWeld : nullptr;
+      mesh && meshWeld && PODMeshWeldedStream(*mesh, *meshWeld, welded) ? meshWeld : nullptr;
   unsigned int nLen = 0;
   if (weld != nullptr) {
     if (!ArrayLength(nCount, data.nStride, PODMeshWeldedBytes(*mesh, *weld, welded), nLen)) return false;
@@ -151,11 +151,27 @@ bool WriteStream(FILE* f, unsigned int nName, const CPODData& data, unsigned int
   return writer.ok && WriteMarker(f, nName, true, 0);
 }
 
+// A mesh as the save writes it: welded, it holds the vertices its weld keeps (null: as it is).
+const SPODMesh& AsWritten(const SPODMesh& mesh, const SPODMeshWeld* weld, SPODMesh& welded) {
+  if (weld == nullptr) return mesh;
+  welded = mesh;
+  welded.nNumVertex = weld->nKept;
+  return welded;
+}
+
+// The weld `plan` holds for mesh `index`; null without a plan.
+const SPODMeshWeld* WeldOf(const PODWeldPlan* plan, uint32_t index) {
+  return plan != nullptr ? plan->weld(index) : nullptr;
+}
+
 // Writes the blocks of a record's table in its order.
 struct BlockWriter : korvex::PODFieldVisitor {
   FILE* f;
   unsigned int nNumFrame;
+  const PODWeldPlan* plan = nullptr;
   const SPODMesh* mesh = nullptr;
+  const SPODMeshWeld* weld = nullptr;
+  SPODMesh welded{};
   bool ok = true;
 
   template <class T>
@@ -193,17 +209,21 @@ struct BlockWriter : korvex::PODFieldVisitor {
   void records(unsigned int tag, const char*, const T* array, uint32_t count) {
     ok = ok && (count == 0 || array != nullptr);
     for (uint32_t i = 0; ok && i < count; ++i) {
-      if constexpr (std::is_same<T, SPODMesh>::value) mesh = &array[i];
-      ok = Writable(array[i]) && WriteMarker(f, tag, false, 0);
-      korvex::DescribePOD(array[i], *this);
+      const T* record = &array[i];
+      if constexpr (std::is_same<T, SPODMesh>::value) {
+        weld = WeldOf(plan, i);  // known to fit (PlanFits)
+        record = mesh = &AsWritten(array[i], weld, welded);
+      }
+      ok = ok && Writable(*record) && WriteMarker(f, tag, false, 0);
+      korvex::DescribePOD(*record, *this);
       ok = ok && WriteMarker(f, tag, true, 0);
     }
   }
   void stream(const PODVertexStream& s, const CPODData& d, bool withData) {
     const unsigned int nCount = s.tag == PODTag::MeshFaces ? PODModelCountIndices(*mesh) : mesh->nNumVertex;
-    EPODWeldStream welded = EPODWeldStream::Faces;
-    const bool weldable = WeldedAs(s, welded);
-    ok = ok && WriteStream(f, s.tag, d, nCount, withData, weldable ? mesh : nullptr, welded);
+    EPODWeldStream rebuilt = EPODWeldStream::Faces;
+    const bool weldable = WeldedAs(s, rebuilt);
+    ok = ok && WriteStream(f, s.tag, d, nCount, withData, weldable ? mesh : nullptr, weld, rebuilt);
   }
 };
 
@@ -211,8 +231,11 @@ struct BlockWriter : korvex::PODFieldVisitor {
 // as the writer's, said in words.
 struct Shortfall : korvex::PODFieldVisitor {
   unsigned int nNumFrame;
+  const PODWeldPlan* plan = nullptr;
   std::string where;
   const SPODMesh* mesh = nullptr;
+  const SPODMeshWeld* weld = nullptr;
+  SPODMesh welded{};
   std::string found;
 
   void Found(const char* name, const std::string& what) {
@@ -235,17 +258,22 @@ struct Shortfall : korvex::PODFieldVisitor {
   void records(unsigned int, const char* kind, const T* array, uint32_t count) {
     for (uint32_t i = 0; array != nullptr && i < count && found.empty(); ++i) {
       where = std::string(kind) + " " + std::to_string(i) + ": ";
+      const T* record = &array[i];
       if constexpr (std::is_same<T, SPODMesh>::value) {
-        mesh = &array[i];
-        if (const char* why = WhyUnwritable(array[i])) found = where + why;
+        weld = WeldOf(plan, i);
+        if (weld != nullptr && !PODMeshWeldFits(array[i], *weld))
+          found = where + "its streams have changed since it was welded";
+        record = mesh = &AsWritten(array[i], weld, welded);
+        const char* why = WhyUnwritable(*record);
+        if (why != nullptr && found.empty()) found = where + why;
       }
-      korvex::DescribePOD(array[i], *this);
+      korvex::DescribePOD(*record, *this);
     }
   }
   // A stream a weld rebuilds is written from the weld, whatever its own array holds.
   void stream(const PODVertexStream& s, const CPODData& d, bool withData) {
-    EPODWeldStream welded = EPODWeldStream::Faces;
-    if (mesh->pWeld && WeldedAs(s, welded) && PODMeshWeldedStream(*mesh, *mesh->pWeld, welded)) return;
+    EPODWeldStream rebuilt = EPODWeldStream::Faces;
+    if (weld && WeldedAs(s, rebuilt) && PODMeshWeldedStream(*mesh, *weld, rebuilt)) return;
     const unsigned int count = s.tag == PODTag::MeshFaces ? PODModelCountIndices(*mesh) : mesh->nNumVertex;
     unsigned int nLen;
     if (withData && d.pData && !ArrayLength(count, d.nStride, d.nDataSize, nLen))
@@ -305,25 +333,34 @@ bool WriteCPODData(FILE* pFile, unsigned int nName, const CPODData& data, unsign
   return WriteStream(pFile, nName, data, nCount, bValidData);
 }
 
-bool WritePOD(FILE* pFile, const char* pszExpOpt, const SPODScene& s) {
+namespace {
+
+// Every weld of the plan is for a mesh of the scene and fits it.
+bool PlanFits(const SPODScene& s, const PODWeldPlan* plan) {
+  for (uint32_t m = 0; plan != nullptr && m < plan->meshes(); ++m) {
+    const SPODMeshWeld* weld = plan->weld(m);
+    if (weld != nullptr && (m >= s.nNumMesh || s.pMesh == nullptr || !PODMeshWeldFits(s.pMesh[m], *weld)))
+      return false;
+  }
+  return true;
+}
+
+// The scene's blocks, its meshes welded as `plan` says; the plan is known to fit.
+bool WriteScene(FILE* pFile, const char* pszExpOpt, const SPODScene& s, const PODWeldPlan* plan) {
   if (!pFile) return false;
   if (!WriteData(pFile, PODTag::FormatVersion, PODTag::kFormatVersion,
                  PODTag::kFormatVersionLength))
     return false;
   if (pszExpOpt && *pszExpOpt && !WriteName(pFile, PODTag::ExportOptions, pszExpOpt)) return false;
-  BlockWriter writer{{}, pFile, s.nNumFrame};
+  BlockWriter writer{{}, pFile, s.nNumFrame, plan};
   if (!WriteMarker(pFile, PODTag::Scene, false, 0)) return false;
   korvex::DescribePOD(s, writer);
   return writer.ok && WriteMarker(pFile, PODTag::Scene, true, 0);
 }
 
-std::string PODWriteShortfall(const SPODScene& s) {
-  Shortfall shortfall{{}, s.nNumFrame, "", nullptr, ""};
-  korvex::DescribePOD(s, shortfall);
-  return shortfall.found;
-}
-
-bool CPODScene::SavePOD(const char* pszFilename, const char* pszExpOpt) {
+bool SaveScene(const CPODScene& scene, const char* pszFilename, const char* pszExpOpt,
+               const PODWeldPlan* plan) {
+  if (!PlanFits(scene, plan)) return false;
   // Blocks are small and many: a buffer gathers them into few writes, while stream arrays larger
   // than it go to the file directly rather than through it. Declared first: it outlives the file.
   static const size_t kBuffer = 1 << 16;
@@ -331,7 +368,33 @@ bool CPODScene::SavePOD(const char* pszFilename, const char* pszExpOpt) {
   korvex::FileHandle file(pszFilename, "wb+");
   if (!file) return false;
   setvbuf(file.get(), buffer.get(), _IOFBF, kBuffer);
-  bool ok = WritePOD(file.get(), pszExpOpt, *this);
+  bool ok = WriteScene(file.get(), pszExpOpt, scene, plan);
   // A close that cannot flush the last bytes is a short write too.
   return file.Close() && ok;
+}
+
+}  // namespace
+
+bool WritePOD(FILE* pFile, const char* pszExpOpt, const SPODScene& s) {
+  return WriteScene(pFile, pszExpOpt, s, nullptr);
+}
+
+bool WritePOD(FILE* pFile, const char* pszExpOpt, const SPODScene& s, const PODWeldPlan& plan) {
+  return PlanFits(s, &plan) && WriteScene(pFile, pszExpOpt, s, &plan);
+}
+
+std::string PODWriteShortfall(const SPODScene& s, const PODWeldPlan* plan) {
+  Shortfall shortfall{{}, s.nNumFrame, plan, "", nullptr, nullptr, {}, ""};
+  for (uint32_t m = s.nNumMesh; plan != nullptr && m < plan->meshes(); ++m)
+    if (plan->weld(m) != nullptr) return "mesh " + std::to_string(m) + ": welded, but the scene has no such mesh";
+  korvex::DescribePOD(s, shortfall);
+  return shortfall.found;
+}
+
+bool CPODScene::SavePOD(const char* pszFilename, const char* pszExpOpt) {
+  return SaveScene(*this, pszFilename, pszExpOpt, nullptr);
+}
+
+bool CPODScene::SavePOD(const char* pszFilename, const char* pszExpOpt, const PODWeldPlan& plan) {
+  return SaveScene(*this, pszFilename, pszExpOpt, &plan);
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string>
 
+#include "pod/PODMeshWeld.h"
 #include "pod/PODModel.h"
 
 // One write call of the whole size; a zero size succeeds without writing.
@@ -39,5 +40,6 @@ bool WriteCPODData(FILE* pFile, unsigned int nName, const CPODData& data, unsign
 
 // The first array that writing the scene would read beyond what it holds, named with its record
 // ("mesh 2: pnBatches holds fewer than its 12 elements"); empty when WritePOD reads only what
-// every array holds. Names and a failing file are not its concern.
-std::string PODWriteShortfall(const SPODScene& scene);
+// every array holds. Names and a failing file are not its concern. With a weld plan, as the save
+// with that plan writes the scene: a weld that no longer fits its mesh is a shortfall too.
+std::string PODWriteShortfall(const SPODScene& scene, const PODWeldPlan* plan = nullptr);

@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "pod/PODMeshWeld.h"
 #include "pod/PODModel.h"
 
 namespace reduction_test {
@@ -67,7 +66,6 @@ inline void FreeMesh(SPODMesh& mesh) {
     std::free(d->pData);
   for (size_t k = 0; k < mesh.nUVWCount; ++k) std::free(mesh.psUVW[k].pData);
   std::free(mesh.psUVW);
-  PODMeshWeldFree(mesh.pWeld);
 }
 
 // A scene of the given meshes and mesh nodes (each node: mesh index, material index, name).

@@ -646,7 +646,7 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useU
     const bool applied = PODMeshApplyWeld(*mesh, *earlier);
     if (!applied) {
       plan->set(index, earlier);
-      return "out of memory";
+      return "its streams have changed since it was welded";
     }
     PODMeshWeldFree(earlier);
   }
@@ -668,7 +668,6 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useU
   const std::vector<buffer>& entries = scratch.entries;
   const size_t n = scratch.kept;
   SPODMeshWeld* weld = PODMeshWeldCreate(static_cast<uint32_t>(n), !scratch.perCorner, addressable, corners);
-  if (weld == nullptr) return "out of memory";
   weld->nUVW = uvSets;
   weld->bBones = mesh->sBoneBatches.nBatchCnt > 0;
   // Old vertex indices are below 65,536: they come from 16-bit indices.
@@ -691,7 +690,7 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useU
   }
   const bool applied = PODMeshApplyWeld(*mesh, *weld);
   PODMeshWeldFree(weld);
-  return applied ? nullptr : "out of memory";
+  return applied ? nullptr : "its streams do not fit the weld made of them";
 }
 
 // The tool's texts are fixed, so a mesh left alone is noted as a problem line.
@@ -710,9 +709,7 @@ void ReduceScene(SPODScene* scene, bool nearly, PODWeldPlan* plan) {
   // Mesh nodes beyond the node array cannot be visited.
   const uint32_t meshNodes =
       scene != nullptr && scene->pNode != nullptr ? std::min(scene->nNumMeshNode, scene->nNumNode) : 0;
-  // Without room for the welds of every mesh, the streams are rebuilt at once: the same counts
-  // and the same file.
-  if (plan != nullptr && !plan->reserve(scene != nullptr ? scene->nNumMesh : 0)) plan = nullptr;
+  if (plan != nullptr) plan->reserve(scene != nullptr ? scene->nNumMesh : 0);
   ReductionScratch scratch;
   for (uint32_t k = 0; k < meshNodes; ++k) {
     SPODNode* node = &scene->pNode[k];

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "pod/Assertion.h"
+#include "pod/Diagnostics.h"
 
 namespace {
 
@@ -26,17 +27,11 @@ uint64_t Min(uint64_t a, uint64_t b) {
 }
 
 // A new zero-filled array holding `aBytes` bytes of A's stream followed by `bBytes` of B's; of
-// each only what the stream holds is copied, the rest stays zero. Null for an empty result, or
-// when the allocation fails (`ok` is then cleared).
-uint8_t* Concatenate(const CPODData* a, uint64_t aBytes, const CPODData* b, uint64_t bBytes,
-                     bool& ok) {
+// each only what the stream holds is copied, the rest stays zero. Null for an empty result.
+uint8_t* Concatenate(const CPODData* a, uint64_t aBytes, const CPODData* b, uint64_t bBytes) {
   const uint64_t total = aBytes + bBytes;
   if (total == 0) return nullptr;
-  uint8_t* out = static_cast<uint8_t*>(std::calloc(1, static_cast<size_t>(total)));
-  if (out == nullptr) {
-    ok = false;
-    return nullptr;
-  }
+  uint8_t* out = korvex::AllocateZeroed<uint8_t>(static_cast<size_t>(total), "a combined stream");
   const uint64_t fromA = a != nullptr ? Min(aBytes, Readable(*a)) : 0;
   const uint64_t fromB = b != nullptr ? Min(bBytes, Readable(*b)) : 0;
   if (fromA != 0) std::memcpy(out, a->pData, static_cast<size_t>(fromA));
@@ -98,13 +93,11 @@ SPODMesh* MeshCombiner::combineMesh(SPODMesh* a, SPODMesh* b) {
     if (Readable(m->sFaces) < m->nNumFaces * kTriangleBytes) return nullptr;
   }
 
-  SPODMesh* r = static_cast<SPODMesh*>(std::malloc(sizeof(SPODMesh)));
-  if (r == nullptr) return nullptr;
+  SPODMesh* r = korvex::AllocateZeroed<SPODMesh>(1, "a combined mesh");
   *r = *a;
   r->nNumVertex = static_cast<uint32_t>(vertices);
   r->nNumFaces = static_cast<uint32_t>(faces);
   r->nNumUVW = static_cast<uint32_t>(sets);  // summed as it stands
-  // Cleared first so that a failure below releases only what this call made.
   r->sFaces.pData = r->sVertex.pData = r->sNormals.pData = nullptr;
   r->sFaces.nDataSize = r->sVertex.nDataSize = r->sNormals.nDataSize = 0;
   // The result owns the arrays made below, whatever A's streams were.
@@ -112,37 +105,27 @@ SPODMesh* MeshCombiner::combineMesh(SPODMesh* a, SPODMesh* b) {
   r->psUVW = nullptr;
   r->nUVWCount = 0;
 
-  bool ok = true;
   r->sFaces.pData = Concatenate(&a->sFaces, a->nNumFaces * kTriangleBytes, &b->sFaces,
-                                b->nNumFaces * kTriangleBytes, ok);
+                                b->nNumFaces * kTriangleBytes);
   r->sFaces.nDataSize = static_cast<size_t>(faces * kTriangleBytes);
   r->sVertex.pData = Concatenate(&a->sVertex, a->nNumVertex * kPositionBytes, &b->sVertex,
-                                 b->nNumVertex * kPositionBytes, ok);
+                                 b->nNumVertex * kPositionBytes);
   r->sVertex.nDataSize = static_cast<size_t>(vertices * kPositionBytes);
   r->sNormals.pData = Concatenate(&a->sNormals, a->nNumVertex * kNormalBytes, &b->sNormals,
-                                  b->nNumVertex * kNormalBytes, ok);
+                                  b->nNumVertex * kNormalBytes);
   r->sNormals.nDataSize = static_cast<size_t>(vertices * kNormalBytes);
 
   // Only when A has a set: the result gets its own copy of A's descriptors (A's are never
   // written to), whose first entry aims at A's first set followed by B's (zeros when B has
   // none). Without a set of A, the result has no descriptors at all rather than sharing A's.
   if (const CPODData* aSet = FirstUVSet(*a)) {
-    r->psUVW = static_cast<CPODData*>(std::calloc(a->nUVWCount, sizeof(CPODData)));
-    if (r->psUVW == nullptr) {
-      ok = false;
-    } else {
-      std::memcpy(r->psUVW, a->psUVW, a->nUVWCount * sizeof(CPODData));
-      r->nUVWCount = a->nUVWCount;
-      r->psUVW[0].pData =
-          Concatenate(aSet, a->nNumVertex * kUVBytes, FirstUVSet(*b), b->nNumVertex * kUVBytes, ok);
-      r->psUVW[0].nDataSize = static_cast<size_t>(vertices * kUVBytes);
-      r->psUVW[0].bBorrowed = false;
-    }
-  }
-
-  if (!ok) {
-    releaseCombinedMesh(r);
-    return nullptr;
+    r->psUVW = korvex::AllocateZeroed<CPODData>(a->nUVWCount, "combined stream descriptors");
+    std::memcpy(r->psUVW, a->psUVW, a->nUVWCount * sizeof(CPODData));
+    r->nUVWCount = a->nUVWCount;
+    r->psUVW[0].pData =
+        Concatenate(aSet, a->nNumVertex * kUVBytes, FirstUVSet(*b), b->nNumVertex * kUVBytes);
+    r->psUVW[0].nDataSize = static_cast<size_t>(vertices * kUVBytes);
+    r->psUVW[0].bBorrowed = false;
   }
   return r;
 }

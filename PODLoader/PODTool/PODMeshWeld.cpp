@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "pod/Diagnostics.h"
 #include "pod/IndexRange.h"
 
 namespace {
@@ -148,8 +149,8 @@ bool GatherElements(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldStre
 }
 
 void* AllocZeroed(size_t bytes) {
-  // Never null on success, even for nothing: a present stream stays present.
-  return std::calloc(bytes > 0 ? bytes : 1, 1);
+  // Never null, even for nothing: a present stream stays present.
+  return korvex::AllocateZeroed(bytes > 0 ? bytes : 1, 1, "a welded stream");
 }
 
 void Install(CPODData& d, uint8_t* data, size_t bytes) {
@@ -165,9 +166,8 @@ void Install(CPODData& d, uint8_t* data, size_t bytes) {
 SPODMeshWeld* PODMeshWeldCreate(uint32_t kept, bool byOldVertex, size_t oldVertices, size_t corners) {
   const size_t perCorner = byOldVertex ? oldVertices : corners;
   const size_t header = (sizeof(SPODMeshWeld) + 15) / 16 * 16;
-  auto* block = static_cast<uint8_t*>(
-      std::malloc(header + sizeof(uint16_t) * (2 * size_t{kept} + perCorner)));
-  if (block == nullptr) return nullptr;
+  auto* block = korvex::AllocateZeroed<uint8_t>(
+      header + sizeof(uint16_t) * (2 * size_t{kept} + perCorner), "a weld");
   auto* weld = reinterpret_cast<SPODMeshWeld*>(block);
   *weld = SPODMeshWeld{};
   weld->nKept = kept;
@@ -278,20 +278,14 @@ bool PODMeshApplyWeld(SPODMesh& mesh, const SPODMeshWeld& weld) {
                                    EPODWeldStream::UVW0,   EPODWeldStream::UVW1,
                                    EPODWeldStream::BoneIdx, EPODWeldStream::BoneWeight};
   constexpr size_t kArrays = sizeof arrays / sizeof arrays[0];
-  // Everything is allocated and filled before anything changes, so running out of memory leaves
-  // the mesh whole, and no old array is released while another still reads it.
+  // Everything is filled before anything changes, so that no old array is released while
+  // another still reads it.
   uint8_t* rebuilt[kArrays] = {};
   size_t bytes[kArrays] = {};
-  bool allocated = true;
   for (size_t a = 0; a < kArrays; ++a) {
     if (PODMeshWeldedStream(mesh, weld, arrays[a]) == nullptr) continue;
     bytes[a] = PODMeshWeldedBytes(mesh, weld, arrays[a]);
     rebuilt[a] = static_cast<uint8_t*>(AllocZeroed(bytes[a]));
-    allocated = allocated && rebuilt[a] != nullptr;
-  }
-  if (!allocated) {
-    for (uint8_t* r : rebuilt) std::free(r);
-    return false;
   }
   for (size_t a = 0; a < kArrays; ++a) {
     if (rebuilt[a] != nullptr) PODMeshWeldGather(mesh, weld, arrays[a], 0, bytes[a], rebuilt[a]);
@@ -334,13 +328,11 @@ void PODWeldPlan::clear() {
   m_meshes = 0;
 }
 
-bool PODWeldPlan::reserve(uint32_t meshes) {
+void PODWeldPlan::reserve(uint32_t meshes) {
   clear();
-  if (meshes == 0) return true;
-  m_welds = static_cast<SPODMeshWeld**>(std::calloc(meshes, sizeof(SPODMeshWeld*)));
-  if (m_welds == nullptr) return false;
+  if (meshes == 0) return;
+  m_welds = korvex::AllocateZeroed<SPODMeshWeld*>(meshes, "the weld plan");
   m_meshes = meshes;
-  return true;
 }
 
 bool PODWeldPlan::empty() const {

@@ -39,7 +39,7 @@ struct SPODMeshWeld {
 };
 
 // A weld for a mesh of `corners` corners keeping `kept` vertices, with room for one kept vertex
-// per old vertex (`byOldVertex`, `oldVertices` of them) or per corner. Null when memory runs out.
+// per old vertex (`byOldVertex`, `oldVertices` of them) or per corner.
 // Released with PODMeshWeldFree.
 SPODMeshWeld* PODMeshWeldCreate(uint32_t kept, bool byOldVertex, size_t oldVertices, size_t corners);
 void PODMeshWeldFree(SPODMeshWeld* weld);
@@ -87,8 +87,8 @@ class PODWeldPlan {
   PODWeldPlan& operator=(const PODWeldPlan&) = delete;
   ~PODWeldPlan();
 
-  // Room for the welds of `meshes` meshes, none decided yet; false when memory runs out.
-  bool reserve(uint32_t meshes);
+  // Room for the welds of `meshes` meshes, none decided yet.
+  void reserve(uint32_t meshes);
   uint32_t meshes() const { return m_meshes; }
   bool empty() const;
 

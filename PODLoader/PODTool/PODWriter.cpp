@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "pod/ByteIO.h"
+#include "pod/Diagnostics.h"
 #include "pod/FileHandle.h"
 #include "pod/PODMeshWeld.h"
 #include "pod/PODRecordLayout.h"
@@ -114,8 +115,7 @@ struct StreamWriter : korvex::PODFieldVisitor {
   bool WriteGathered(unsigned int tag) {
     // Slices large enough that the file's buffer passes most of them on without copying.
     static const size_t kSlice = 1 << 18;
-    uint8_t* slice = nLen > 0 ? static_cast<uint8_t*>(malloc(std::min<size_t>(nLen, kSlice))) : nullptr;
-    if (nLen > 0 && slice == nullptr) return false;
+    uint8_t* slice = korvex::AllocateZeroed<uint8_t>(std::min<size_t>(nLen, kSlice), "a stream slice");
     bool good = WriteMarker(f, tag, false, nLen);
     for (size_t at = 0; good && at < nLen; at += kSlice) {
       const size_t count = std::min<size_t>(nLen - at, kSlice);

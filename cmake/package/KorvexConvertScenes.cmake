@@ -24,6 +24,19 @@ endif()
 
 set_property(GLOBAL PROPERTY KORVEX_RUN_SCENE_SCRIPT ${CMAKE_CURRENT_LIST_DIR}/KorvexRunScene.cmake)
 
+# Replaces up to `count` characters of `text` from position `at` with `with`, as
+# std::string::replace does.
+function(korvex_replace_characters text at count with outVar)
+  string(LENGTH "${text}" length)
+  string(SUBSTRING "${text}" 0 ${at} head)
+  set(tail "")
+  math(EXPR kept "${at} + ${count}")
+  if(kept LESS length)
+    string(SUBSTRING "${text}" ${kept} -1 tail)
+  endif()
+  set(${outVar} "${head}${with}${tail}" PARENT_SCOPE)
+endfunction()
+
 # The names Korvex gives its outputs for an input file name `name` (one that holds a "."): the
 # three characters after the last "." become "qsn" (fewer where the name ends sooner), and the
 # last "." with at most four characters after it become ".PODx".
@@ -32,23 +45,11 @@ function(korvex_scene_output_names name qsnVar podxVar)
   if(dot EQUAL -1)
     message(FATAL_ERROR "korvex_scene_output_names: \"${name}\" holds no \".\"")
   endif()
-  string(LENGTH "${name}" length)
   math(EXPR afterDot "${dot} + 1")
-  string(SUBSTRING "${name}" 0 ${afterDot} head)
-  set(tail "")
-  math(EXPR kept "${afterDot} + 3")
-  if(kept LESS length)
-    string(SUBSTRING "${name}" ${kept} -1 tail)
-  endif()
-  set(${qsnVar} "${head}qsn${tail}" PARENT_SCOPE)
-
-  string(SUBSTRING "${name}" 0 ${dot} head)
-  set(tail "")
-  math(EXPR kept "${dot} + 5")
-  if(kept LESS length)
-    string(SUBSTRING "${name}" ${kept} -1 tail)
-  endif()
-  set(${podxVar} "${head}.PODx${tail}" PARENT_SCOPE)
+  korvex_replace_characters("${name}" ${afterDot} 3 "qsn" qsn)
+  korvex_replace_characters("${name}" ${dot} 5 ".PODx" podx)
+  set(${qsnVar} "${qsn}" PARENT_SCOPE)
+  set(${podxVar} "${podx}" PARENT_SCOPE)
 endfunction()
 
 function(korvex_convert_scenes)

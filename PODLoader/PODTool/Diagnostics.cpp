@@ -98,6 +98,12 @@ void* AllocateZeroed(size_t count, size_t size, const char* what) {
   return p;
 }
 
+void* AllocateUnfilled(size_t bytes, const char* what) {
+  void* p = std::malloc(bytes);
+  if (p == nullptr && bytes != 0) OutOfMemory(what);
+  return p;
+}
+
 void SetExitCleanup(ExitCleanup cleanup) { g_cleanup = cleanup; }
 
 void EndRunOnFailedNew(const char* program) {

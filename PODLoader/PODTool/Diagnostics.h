@@ -60,6 +60,8 @@ template <class T>
 T* AllocateZeroed(size_t count, const char* what) {
   return static_cast<T*>(AllocateZeroed(count, sizeof(T), what));
 }
+// The same for a block whose every byte is written before it is read: nothing is zeroed.
+void* AllocateUnfilled(size_t bytes, const char* what);
 
 // Called by OutOfMemory before the run ends (the atomic writer's clean-up of its temporary files).
 using ExitCleanup = void (*)();

@@ -166,8 +166,8 @@ void Install(CPODData& d, uint8_t* data, size_t bytes) {
 SPODMeshWeld* PODMeshWeldCreate(uint32_t kept, bool byOldVertex, size_t oldVertices, size_t corners) {
   const size_t perCorner = byOldVertex ? oldVertices : corners;
   const size_t header = (sizeof(SPODMeshWeld) + 15) / 16 * 16;
-  auto* block = korvex::AllocateZeroed<uint8_t>(
-      header + sizeof(uint16_t) * (2 * size_t{kept} + perCorner), "a weld");
+  auto* block = static_cast<uint8_t*>(korvex::AllocateUnfilled(
+      header + sizeof(uint16_t) * (2 * size_t{kept} + perCorner), "a weld"));
   auto* weld = reinterpret_cast<SPODMeshWeld*>(block);
   *weld = SPODMeshWeld{};
   weld->nKept = kept;

@@ -115,7 +115,8 @@ struct StreamWriter : korvex::PODFieldVisitor {
   bool WriteGathered(unsigned int tag) {
     // Slices large enough that the file's buffer passes most of them on without copying.
     static const size_t kSlice = 1 << 18;
-    uint8_t* slice = korvex::AllocateZeroed<uint8_t>(std::min<size_t>(nLen, kSlice), "a stream slice");
+    uint8_t* slice = static_cast<uint8_t*>(
+        korvex::AllocateUnfilled(std::min<size_t>(nLen, kSlice), "a stream slice"));
     bool good = WriteMarker(f, tag, false, nLen);
     for (size_t at = 0; good && at < nLen; at += kSlice) {
       const size_t count = std::min<size_t>(nLen - at, kSlice);

@@ -213,6 +213,13 @@ TEST(PODRecordLayout, TheSaveCheckNamesWhatTheWriterCannotWrite) {
        "mesh 0: strip lengths are shorter than its strips"},
       {"no vertex stride", [](SPODScene& s) { s.pMesh[1].sVertex.nStride = 0; },
        "mesh 1: an interleaved block with no vertex stride"},
+      // (2^32 - 3) x (2^32 - 1) bytes: more than a 64-bit signed count holds.
+      {"an interleaved block no count holds",
+       [](SPODScene& s) {
+         s.pMesh[1].nNumVertex = 0xFFFFFFFDu;
+         s.pMesh[1].sVertex.nStride = 0xFFFFFFFFu;
+       },
+       "mesh 1: pInterleaved holds fewer than its 9223372036854775807 elements"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

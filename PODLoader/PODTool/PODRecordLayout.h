@@ -48,6 +48,13 @@ namespace korvex {
 
 constexpr bool kNeeded = true, kOptional = false;
 constexpr bool kClearedFirst = true, kKept = false;
+
+// The element count of two 32-bit factors (vertices times stride). A product beyond what int64_t
+// holds stays at its largest value, a count no block can hold, rather than overflowing.
+inline int64_t PODCountProduct(uint32_t a, uint32_t b) {
+  const uint64_t product = uint64_t{a} * b;
+  return product > uint64_t{INT64_MAX} ? INT64_MAX : static_cast<int64_t>(product);
+}
 constexpr bool kEveryFrame = true;
 constexpr bool kConverted = true, kNotConverted = false;
 
@@ -209,7 +216,7 @@ struct PODLayout<SPODMesh> {
             int64_t{m.nNumStrips}, kClearedFirst);
     v.word(PODTag::MeshNumStrips, "nNumStrips", m.nNumStrips);
     v.array(PODTag::MeshInterleaved, "pInterleaved", m.pInterleaved, m.nInterleavedSize,
-            int64_t{m.nNumVertex} * m.sVertex.nStride, kClearedFirst);
+            PODCountProduct(m.nNumVertex, m.sVertex.nStride), kClearedFirst);
     v.word(PODTag::MeshBoneBatchBoneMax, "nBatchBoneMax", b.nBatchBoneMax);
     v.word(PODTag::MeshBoneBatchCnt, "nBatchCnt", b.nBatchCnt);
     v.array(PODTag::MeshBoneBatches, "pnBatches", b.pnBatches, b.nBatchesSize,

@@ -67,21 +67,77 @@ float FirstZero(const PODMATRIXf* matrix, const CPODData* vertex, int count, int
   return 0.0f;
 }
 
-}  // namespace
+// The four checks of the position stream both volumes start with, under the name of the
+// volume's own function.
+void AssertPositions(const CPODData* vertex, const char* function) {
+  if (!vertex) korvex::AssertionFailed("vertex", function, kSource, __LINE__);
+  if (!(vertex->eType == EPODDataFloat))
+    korvex::AssertionFailed("vertex->eType == EPODDataFloat", function, kSource, __LINE__);
+  if (!(vertex->n == 3)) korvex::AssertionFailed("vertex->n == 3", function, kSource, __LINE__);
+  if (!(vertex->nStride == 12))
+    korvex::AssertionFailed("vertex->nStride == 12", function, kSource, __LINE__);
+}
 
-bool CreateBoundingSphere(PODMATRIXf* matrix, CPODData* vertex, int count, float* center,
-                          float* radius) {
-  KX_ASSERT(vertex, kSource);
-  KX_ASSERT(vertex->eType == EPODDataFloat, kSource);
-  KX_ASSERT(vertex->n == 3, kSource);
-  KX_ASSERT(vertex->nStride == 12, kSource);
-  // A negative count can only come from a wrapped vertex count; treat it like an empty mesh.
-  if (count <= 0) return false;
+// The box four positions at a time: lane-wise extremes, and whether any lane saw a NaN.
+struct BoxLanes {
+  Block lo, hi;
+  I4 nan;
 
-  // Running mean: c = v / (1 + k) + c * (k / (1 + k)). The four quotients of a vertex are one
-  // vector division: each lane is the correctly rounded quotient, as four scalar divisions give.
+  explicit BoxLanes(const Block& first)
+      : lo(first), hi(first), nan((first.x != first.x) | (first.y != first.y) | (first.z != first.z)) {}
+
+  void add(const Block& b) {
+    nan |= (b.x != b.x) | (b.y != b.y) | (b.z != b.z);
+    hi.x = Select(b.x > hi.x, b.x, hi.x);
+    hi.y = Select(b.y > hi.y, b.y, hi.y);
+    hi.z = Select(b.z > hi.z, b.z, hi.z);
+    lo.x = Select(b.x < lo.x, b.x, lo.x);
+    lo.y = Select(b.y < lo.y, b.y, lo.y);
+    lo.z = Select(b.z < lo.z, b.z, lo.z);
+  }
+
+  // The lanes combined by value with the positions from `tail` on, then written out when no
+  // position is NaN (every per-vertex check of the box then holds): a zero extreme takes the
+  // sign of the first zero. False, nothing written, when some position is NaN.
+  bool finish(const PODMATRIXf* matrix, const CPODData* vertex, int count, int tail,
+              float* center, float* min, float* max) const {
+    float mn[3] = {lo.x[0], lo.y[0], lo.z[0]};
+    float mx[3] = {hi.x[0], hi.y[0], hi.z[0]};
+    bool clean = (nan[0] | nan[1] | nan[2] | nan[3]) == 0;
+    auto fold = [&mn, &mx, &clean](float x, float y, float z) {
+      const float v[3] = {x, y, z};
+      for (int c = 0; c < 3; ++c) {
+        if (v[c] != v[c]) clean = false;
+        if (v[c] > mx[c]) mx[c] = v[c];
+        if (v[c] < mn[c]) mn[c] = v[c];
+      }
+    };
+    for (int i = 1; i < 4; ++i) {
+      fold(lo.x[i], lo.y[i], lo.z[i]);
+      fold(hi.x[i], hi.y[i], hi.z[i]);
+    }
+    for (int k = tail; k < count; ++k) {
+      const PODVECTOR3f v = Position(matrix, vertex, k);
+      fold(v.x, v.y, v.z);
+    }
+    if (!clean) return false;
+    for (int c = 0; c < 3; ++c) {
+      if (mn[c] == 0.0f) mn[c] = FirstZero(matrix, vertex, count, c);
+      if (mx[c] == 0.0f) mx[c] = FirstZero(matrix, vertex, count, c);
+      min[c] = mn[c];
+      max[c] = mx[c];
+      center[c] = (mn[c] + mx[c]) / 2.0f;
+    }
+    return true;
+  }
+};
+
+// Running mean: c = v / (1 + k) + c * (k / (1 + k)). The four quotients of a vertex are one
+// vector division: each lane is the correctly rounded quotient, as four scalar divisions give.
+// Each step waits for the one before, so positions are transformed four at a time and handed to
+// `box` (when given) while the mean goes one vertex after the other.
+PODVECTOR3f Mean(const PODMATRIXf* matrix, const CPODData* vertex, int count, BoxLanes* box) {
   typedef float Lanes __attribute__((vector_size(16)));
-  // Positions are transformed four at a time; the mean itself stays one vertex after the other.
   Lanes mean = {0.0f, 0.0f, 0.0f, 0.0f};
   auto add = [&mean](float x, float y, float z, int k) {
     const float t = static_cast<float>(k);
@@ -93,18 +149,23 @@ bool CreateBoundingSphere(PODMATRIXf* matrix, CPODData* vertex, int count, float
   int k = 0;
   for (; k + 4 <= count; k += 4) {
     const Block b = Positions4(matrix, vertex, k);
+    if (box != nullptr) box->add(b);
     for (int i = 0; i < 4; ++i) add(b.x[i], b.y[i], b.z[i], k + i);
   }
   for (; k < count; ++k) {
     const PODVECTOR3f v = Position(matrix, vertex, k);
     add(v.x, v.y, v.z, k);
   }
-  const PODVECTOR3f c = {mean[0], mean[1], mean[2]};
+  return {mean[0], mean[1], mean[2]};
+}
 
-  // The largest squared distance: d2 is never -0, so the largest value is the one result
-  // whichever order the lanes see the vertices in (a NaN never replaces).
+// The largest squared distance from c: d2 is never -0, so the largest value is the one result
+// whichever order the lanes see the vertices in (a NaN never replaces).
+float LargestSquaredDistance(const PODMATRIXf* matrix, const CPODData* vertex, int count,
+                             const PODVECTOR3f& c) {
   F4 best = Splat(0.0f);
-  for (k = 0; k + 4 <= count; k += 4) {
+  int k = 0;
+  for (; k + 4 <= count; k += 4) {
     const Block b = Positions4(matrix, vertex, k);
     const F4 dx = b.x - Splat(c.x);
     const F4 dy = b.y - Splat(c.y);
@@ -124,71 +185,46 @@ bool CreateBoundingSphere(PODMATRIXf* matrix, CPODData* vertex, int count, float
     const float d2 = dz * dz + (dx * dx + dy * dy);
     if (d2 > mx2) mx2 = d2;
   }
-  KX_ASSERT(mx2 >= 0.0000f, kSource);
+  return mx2;
+}
 
+// The sphere from its centre; the radius pass and the checks after it.
+void FinishSphere(const PODMATRIXf* matrix, const CPODData* vertex, int count,
+                  const PODVECTOR3f& c, float* center, float* radius) {
+  const float mx2 = LargestSquaredDistance(matrix, vertex, count, c);
+  if (!(mx2 >= 0.0000f))
+    korvex::AssertionFailed("mx2 >= 0.0000f", "CreateBoundingSphere", kSource, __LINE__);
   center[0] = c.x;
   center[1] = c.y;
   center[2] = c.z;
   *radius = std::sqrt(mx2);
+}
+
+}  // namespace
+
+bool CreateBoundingSphere(PODMATRIXf* matrix, CPODData* vertex, int count, float* center,
+                          float* radius) {
+  AssertPositions(vertex, "CreateBoundingSphere");
+  // A negative count can only come from a wrapped vertex count; treat it like an empty mesh.
+  if (count <= 0) return false;
+  FinishSphere(matrix, vertex, count, Mean(matrix, vertex, count, nullptr), center, radius);
   return true;
 }
 
 bool CreateBoundingAABB(PODMATRIXf* matrix, CPODData* vertex, int count, float* center, float* min,
                         float* max) {
-  KX_ASSERT(vertex, kSource);
-  KX_ASSERT(vertex->eType == EPODDataFloat, kSource);
-  KX_ASSERT(vertex->n == 3, kSource);
-  KX_ASSERT(vertex->nStride == 12, kSource);
+  AssertPositions(vertex, "CreateBoundingAABB");
   if (count <= 0) return false;
 
-  // Four at a time when no position is NaN (then every per-vertex check below holds): lane-wise
-  // extremes, combined by value, a zero extreme taking the sign of the first zero.
+  // Four at a time when no position is NaN.
   if (count >= 4) {
-    const Block first = Positions4(matrix, vertex, 0);
-    Block lo = first, hi = first;
-    I4 nan = (first.x != first.x) | (first.y != first.y) | (first.z != first.z);
+    BoxLanes box(Positions4(matrix, vertex, 0));
     int k = 4;
-    for (; k + 4 <= count; k += 4) {
-      const Block b = Positions4(matrix, vertex, k);
-      nan |= (b.x != b.x) | (b.y != b.y) | (b.z != b.z);
-      hi.x = Select(b.x > hi.x, b.x, hi.x);
-      hi.y = Select(b.y > hi.y, b.y, hi.y);
-      hi.z = Select(b.z > hi.z, b.z, hi.z);
-      lo.x = Select(b.x < lo.x, b.x, lo.x);
-      lo.y = Select(b.y < lo.y, b.y, lo.y);
-      lo.z = Select(b.z < lo.z, b.z, lo.z);
-    }
-    float mn[3] = {lo.x[0], lo.y[0], lo.z[0]};
-    float mx[3] = {hi.x[0], hi.y[0], hi.z[0]};
-    bool clean = (nan[0] | nan[1] | nan[2] | nan[3]) == 0;
-    auto fold = [&mn, &mx, &clean](float x, float y, float z) {
-      const float v[3] = {x, y, z};
-      for (int c = 0; c < 3; ++c) {
-        if (v[c] != v[c]) clean = false;
-        if (v[c] > mx[c]) mx[c] = v[c];
-        if (v[c] < mn[c]) mn[c] = v[c];
-      }
-    };
-    for (int i = 1; i < 4; ++i) {
-      fold(lo.x[i], lo.y[i], lo.z[i]);
-      fold(hi.x[i], hi.y[i], hi.z[i]);
-    }
-    for (; k < count; ++k) {
-      const PODVECTOR3f v = Position(matrix, vertex, k);
-      fold(v.x, v.y, v.z);
-    }
-    if (clean) {
-      for (int c = 0; c < 3; ++c) {
-        if (mn[c] == 0.0f) mn[c] = FirstZero(matrix, vertex, count, c);
-        if (mx[c] == 0.0f) mx[c] = FirstZero(matrix, vertex, count, c);
-        min[c] = mn[c];
-        max[c] = mx[c];
-        center[c] = (mn[c] + mx[c]) / 2.0f;
-      }
-      return true;
-    }
+    for (; k + 4 <= count; k += 4) box.add(Positions4(matrix, vertex, k));
+    if (box.finish(matrix, vertex, count, k, center, min, max)) return true;
   }
 
+  // One at a time, checked after every vertex: a NaN fails here, at the check that names it.
   PODVECTOR3f mMin = {0.0f, 0.0f, 0.0f};
   PODVECTOR3f mMax = {0.0f, 0.0f, 0.0f};
   for (int k = 0; k < count; ++k) {
@@ -227,4 +263,25 @@ bool CreateBoundingAABB(PODMATRIXf* matrix, CPODData* vertex, int count, float* 
   center[1] = (mMin.y + mMax.y) / 2.0f;
   center[2] = (mMin.z + mMax.z) / 2.0f;
   return true;
+}
+
+BoundingVolumeResult CreateBoundingVolumes(PODMATRIXf* matrix, CPODData* vertex, int count,
+                                           bool withSphere, float* sphereCenter,
+                                           float* sphereRadius, float* boxCenter, float* boxMin,
+                                           float* boxMax) {
+  AssertPositions(vertex, "CreateBoundingSphere");
+  // The box's own checks are the sphere's: they hold here.
+  if (count <= 0) return {false, false};
+  if (!withSphere || count < 4) {
+    if (withSphere) CreateBoundingSphere(matrix, vertex, count, sphereCenter, sphereRadius);
+    return {true, CreateBoundingAABB(matrix, vertex, count, boxCenter, boxMin, boxMax)};
+  }
+  BoxLanes box(Positions4(matrix, vertex, 0));
+  const PODVECTOR3f c = Mean(matrix, vertex, count, &box);
+  FinishSphere(matrix, vertex, count, c, sphereCenter, sphereRadius);
+  const int tail = count / 4 * 4;
+  // A NaN somewhere: the box's own loop fails at the check that names it.
+  if (!box.finish(matrix, vertex, count, tail, boxCenter, boxMin, boxMax))
+    CreateBoundingAABB(matrix, vertex, count, boxCenter, boxMin, boxMax);
+  return {true, true};
 }

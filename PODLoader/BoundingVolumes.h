@@ -15,3 +15,16 @@ bool CreateBoundingSphere(PODMATRIXf* matrix, CPODData* vertex, int count, float
 // center, min, max: 3 floats each. False (nothing written) when count is not positive.
 bool CreateBoundingAABB(PODMATRIXf* matrix, CPODData* vertex, int count, float* center, float* min,
                         float* max);
+
+// Both volumes of one stream through one matrix, exactly as CreateBoundingSphere followed by
+// CreateBoundingAABB give them (the same checks, floats and results: `sphere` and `box` are
+// their returns), in one pass fewer over the positions. With `withSphere` false the sphere is
+// only checked, never computed or written: for a record whose sphere is computed again later.
+struct BoundingVolumeResult {
+  bool sphere;
+  bool box;
+};
+BoundingVolumeResult CreateBoundingVolumes(PODMATRIXf* matrix, CPODData* vertex, int count,
+                                           bool withSphere, float* sphereCenter,
+                                           float* sphereRadius, float* boxCenter, float* boxMin,
+                                           float* boxMax);

@@ -34,7 +34,7 @@ SSGQelSkeletalMeshNodeData* SceneGraphConverter::createSkeletalMeshNodeData(int 
 }
 
 SSGQelAnimationMeshNodeData* SceneGraphConverter::createAnimationMeshNodeData(int nodeIndex) {
-  auto* record = newMeshRecord<SSGQelAnimationMeshNodeData>(nodeIndex);
+  auto* record = newMeshRecord<SSGQelAnimationMeshNodeData>(nodeIndex, WorldSphere::CheckedOnly);
   record->numAnimation = mScene->nNumFrame;
   korvex::FrameFields frame = korvex::FieldsOf(*mScene->m_pImpl);
   CopyFrameState(record, frame);
@@ -47,10 +47,8 @@ SSGQelAnimationMeshNodeData* SceneGraphConverter::createAnimationMeshNodeData(in
   PODMATRIXf identity;
   PODMatrixIdentityF(identity);
   const int count = static_cast<int>(record->numVertex);
-  CreateBoundingSphere(&identity, &podMesh.sVertex, count, record->sphereCenter,
-                       &record->sphereRadius);
-  CreateBoundingAABB(&identity, &podMesh.sVertex, count, record->boxCenter, record->boxMin,
-                     record->boxMax);
+  CreateBoundingVolumes(&identity, &podMesh.sVertex, count, true, record->sphereCenter,
+                        &record->sphereRadius, record->boxCenter, record->boxMin, record->boxMax);
   return record;
 }
 

@@ -70,7 +70,8 @@ SSGQelMeshNodeData* SceneGraphConverter::createMeshNodeData(int nodeIndex) {
   return newMeshRecord<SSGQelMeshNodeData>(nodeIndex);
 }
 
-void SceneGraphConverter::fillMeshNodeData(SSGQelMeshNodeData& into, int nodeIndex) {
+void SceneGraphConverter::fillMeshNodeData(SSGQelMeshNodeData& into, int nodeIndex,
+                                           WorldSphere sphere) {
   SPODNode& node = mScene->pNode[nodeIndex];
   SPODMesh& mesh = mScene->pMesh[node.nIdx];
   SSGQelMeshNodeData* record = &into;
@@ -86,12 +87,12 @@ void SceneGraphConverter::fillMeshNodeData(SSGQelMeshNodeData& into, int nodeInd
 
   // A mesh without vertices gets no volumes: the fields stay zero.
   const int count = static_cast<int>(record->numVertex);
-  if (!CreateBoundingSphere(&record->transform, &mesh.sVertex, count, record->sphereCenter,
-                            &record->sphereRadius))
-    korvex::PrintText("Error3: cannot create bounding sphere, %s\n", node.pszName);
-  if (!CreateBoundingAABB(&record->transform, &mesh.sVertex, count, record->boxCenter,
-                          record->boxMin, record->boxMax))
-    korvex::PrintText("Error3: cannot create bounding AABB, %s\n", node.pszName);
+  const BoundingVolumeResult made = CreateBoundingVolumes(
+      &record->transform, &mesh.sVertex, count, sphere == WorldSphere::Computed,
+      record->sphereCenter, &record->sphereRadius, record->boxCenter, record->boxMin,
+      record->boxMax);
+  if (!made.sphere) korvex::PrintText("Error3: cannot create bounding sphere, %s\n", node.pszName);
+  if (!made.box) korvex::PrintText("Error3: cannot create bounding AABB, %s\n", node.pszName);
 
   const bool borrow = m_borrowStreams;
   record->vertex = CopyDescriptor(mesh.sVertex);
@@ -156,10 +157,9 @@ SSGQelCollisionBoxNodeData* SceneGraphConverter::createBoxColliderNodeData(int n
   PODMATRIXf identity;
   PODMatrixIdentityF(identity);
   const int count = static_cast<int>(record->numVertex);
-  CreateBoundingSphere(&identity, &mesh.sVertex, count, record->localSphereCenter,
-                       &record->localSphereRadius);
-  CreateBoundingAABB(&identity, &mesh.sVertex, count, record->localBoxCenter, record->localBoxMin,
-                     record->localBoxMax);
+  CreateBoundingVolumes(&identity, &mesh.sVertex, count, true, record->localSphereCenter,
+                        &record->localSphereRadius, record->localBoxCenter, record->localBoxMin,
+                        record->localBoxMax);
   return record;
 }
 

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -136,6 +137,20 @@ TEST(BoundingVolumes, SeveralVerticesAtATimeGiveTheOneAfterTheOtherResultToTheBi
             EXPECT_EQ(std::signbit(got.box[i]), std::signbit(expected.box[i])) << i;
             EXPECT_EQ(got.box[i], expected.box[i]) << i;
           }
+          // Both in one go: the same bits; a sphere only checked is left as it was.
+          Volumes both;
+          std::memset(&both, 0x7F, sizeof both);
+          const BoundingVolumeResult made = CreateBoundingVolumes(
+              m, &d, count, true, both.sphere, &both.sphere[3], both.box, both.box + 3, both.box + 6);
+          EXPECT_TRUE(made.sphere && made.box);
+          EXPECT_EQ(std::memcmp(&both, &got, sizeof both), 0);
+          Volumes boxOnly;
+          std::memset(&boxOnly, 0x7F, sizeof boxOnly);
+          EXPECT_TRUE(CreateBoundingVolumes(m, &d, count, false, boxOnly.sphere, &boxOnly.sphere[3],
+                                            boxOnly.box, boxOnly.box + 3, boxOnly.box + 6)
+                          .sphere);
+          EXPECT_EQ(std::memcmp(boxOnly.box, got.box, sizeof got.box), 0);
+          for (float f : boxOnly.sphere) EXPECT_EQ(f, 0x1.FEFEFEp+127f);
         }
       }
     }
@@ -171,6 +186,27 @@ TEST(BoundingVolumesDeathTest, PositionsMustBeThreeFloatsAtStride12) {
                Assertion("CreateBoundingSphere", "vertex->nStride == 12"));
   EXPECT_DEATH(CreateBoundingAABB(nullptr, nullptr, 0, c, mn, mx),
                Assertion("CreateBoundingAABB", "vertex"));
+  // Both volumes at once fail as the sphere, which comes first, also when it is only checked.
+  for (bool withSphere : {true, false}) {
+    EXPECT_DEATH(CreateBoundingVolumes(nullptr, &d, 1, withSphere, c, &r, c, mn, mx),
+                 Assertion("CreateBoundingSphere", "vertex->nStride == 12"));
+  }
+}
+
+TEST(BoundingVolumes, NothingToBoundIsTwoFalseResultsAndNoWrites) {
+  std::vector<float> p = {1, 2, 3};
+  CPODData d = Positions(p);
+  float out[13];
+  std::fill(out, out + 13, 5.0f);
+  for (int count : {0, -4}) {
+    for (bool withSphere : {true, false}) {
+      const BoundingVolumeResult made =
+          CreateBoundingVolumes(nullptr, &d, count, withSphere, out, out + 3, out + 4, out + 7, out + 10);
+      EXPECT_FALSE(made.sphere);
+      EXPECT_FALSE(made.box);
+    }
+  }
+  for (float f : out) EXPECT_EQ(f, 5.0f);
 }
 
 TEST(BoundingVolumesDeathTest, NaNPositionFailsTheBoxOrder) {
@@ -190,6 +226,9 @@ TEST(BoundingVolumesDeathTest, NaNPositionFailsTheBoxOrder) {
     CPODData d = Positions(p);
     float ctr[3], mn[3], mx[3];
     EXPECT_DEATH(CreateBoundingAABB(nullptr, &d, c.count, ctr, mn, mx),
+                 Assertion("CreateBoundingAABB", c.expression));
+    float sc[3], r;
+    EXPECT_DEATH(CreateBoundingVolumes(nullptr, &d, c.count, true, sc, &r, ctr, mn, mx),
                  Assertion("CreateBoundingAABB", c.expression));
   }
 }

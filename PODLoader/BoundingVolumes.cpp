@@ -135,8 +135,9 @@ struct BoxLanes {
 // Running mean: c = v / (1 + k) + c * (k / (1 + k)). The four quotients of a vertex are one
 // vector division: each lane is the correctly rounded quotient, as four scalar divisions give.
 // Each step waits for the one before, so positions are transformed four at a time and handed to
-// `box` (when given) while the mean goes one vertex after the other.
-PODVECTOR3f Mean(const PODMATRIXf* matrix, const CPODData* vertex, int count, BoxLanes* box) {
+// `onBlock(block, k)` while the mean goes one vertex after the other.
+template <class OnBlock>
+PODVECTOR3f Mean(const PODMATRIXf* matrix, const CPODData* vertex, int count, const OnBlock& onBlock) {
   typedef float Lanes __attribute__((vector_size(16)));
   Lanes mean = {0.0f, 0.0f, 0.0f, 0.0f};
   auto add = [&mean](float x, float y, float z, int k) {
@@ -149,7 +150,7 @@ PODVECTOR3f Mean(const PODMATRIXf* matrix, const CPODData* vertex, int count, Bo
   int k = 0;
   for (; k + 4 <= count; k += 4) {
     const Block b = Positions4(matrix, vertex, k);
-    if (box != nullptr) box->add(b);
+    onBlock(b, k);
     for (int i = 0; i < 4; ++i) add(b.x[i], b.y[i], b.z[i], k + i);
   }
   for (; k < count; ++k) {
@@ -207,7 +208,8 @@ bool CreateBoundingSphere(PODMATRIXf* matrix, CPODData* vertex, int count, float
   AssertPositions(vertex, "CreateBoundingSphere");
   // A negative count can only come from a wrapped vertex count; treat it like an empty mesh.
   if (count <= 0) return false;
-  FinishSphere(matrix, vertex, count, Mean(matrix, vertex, count, nullptr), center, radius);
+  FinishSphere(matrix, vertex, count, Mean(matrix, vertex, count, [](const Block&, int) {}), center,
+               radius);
   return true;
 }
 
@@ -265,23 +267,84 @@ bool CreateBoundingAABB(PODMATRIXf* matrix, CPODData* vertex, int count, float* 
   return true;
 }
 
-BoundingVolumeResult CreateBoundingVolumes(PODMATRIXf* matrix, CPODData* vertex, int count,
-                                           bool withSphere, float* sphereCenter,
-                                           float* sphereRadius, float* boxCenter, float* boxMin,
-                                           float* boxMax) {
-  AssertPositions(vertex, "CreateBoundingSphere");
-  // The box's own checks are the sphere's: they hold here.
-  if (count <= 0) return {false, false};
-  if (!withSphere || count < 4) {
-    if (withSphere) CreateBoundingSphere(matrix, vertex, count, sphereCenter, sphereRadius);
-    return {true, CreateBoundingAABB(matrix, vertex, count, boxCenter, boxMin, boxMax)};
-  }
+namespace {
+
+// Both volumes through `matrix` in one pass fewer, for at least four positions; `check` sees every
+// group of four positions as the mean passes, and is done before anything can fail.
+template <class Check>
+void BothVolumes(PODMATRIXf* matrix, CPODData* vertex, int count, Check& check, float* sphereCenter,
+                 float* sphereRadius, float* boxCenter, float* boxMin, float* boxMax) {
   BoxLanes box(Positions4(matrix, vertex, 0));
-  const PODVECTOR3f c = Mean(matrix, vertex, count, &box);
+  const PODVECTOR3f c = Mean(matrix, vertex, count, [&](const Block& b, int k) {
+    box.add(b);
+    check.add(k);
+  });
+  check.done(count);
   FinishSphere(matrix, vertex, count, c, sphereCenter, sphereRadius);
   const int tail = count / 4 * 4;
   // A NaN somewhere: the box's own loop fails at the check that names it.
   if (!box.finish(matrix, vertex, count, tail, boxCenter, boxMin, boxMax))
     CreateBoundingAABB(matrix, vertex, count, boxCenter, boxMin, boxMax);
+}
+
+struct NoCheck {
+  void add(int) {}
+  void done(int) {}
+};
+
+// The box through the world matrix, never kept: it fails on a NaN position, and only then.
+struct WorldBoxCheck {
+  PODMATRIXf* world;
+  CPODData* vertex;
+  I4 nan = {0, 0, 0, 0};
+
+  void add(int k) {
+    const Block w = Positions4(world, vertex, k);
+    nan |= (w.x != w.x) | (w.y != w.y) | (w.z != w.z);
+  }
+  void done(int count) {
+    bool clean = (nan[0] | nan[1] | nan[2] | nan[3]) == 0;
+    for (int k = count / 4 * 4; k < count && clean; ++k) {
+      const PODVECTOR3f v = Position(world, vertex, k);
+      clean = v.x == v.x && v.y == v.y && v.z == v.z;
+    }
+    float unused[9];
+    if (!clean) CreateBoundingAABB(world, vertex, count, unused, unused + 3, unused + 6);
+  }
+};
+
+}  // namespace
+
+BoundingVolumeResult CreateBoundingVolumes(PODMATRIXf* matrix, CPODData* vertex, int count,
+                                           float* sphereCenter, float* sphereRadius,
+                                           float* boxCenter, float* boxMin, float* boxMax) {
+  AssertPositions(vertex, "CreateBoundingSphere");
+  // The box's own checks are the sphere's: they hold here.
+  if (count <= 0) return {false, false};
+  if (count < 4) {
+    CreateBoundingSphere(matrix, vertex, count, sphereCenter, sphereRadius);
+    return {true, CreateBoundingAABB(matrix, vertex, count, boxCenter, boxMin, boxMax)};
+  }
+  NoCheck none;
+  BothVolumes(matrix, vertex, count, none, sphereCenter, sphereRadius, boxCenter, boxMin, boxMax);
+  return {true, true};
+}
+
+// The world sphere's only possible failures are the position checks (its largest squared distance
+// starts at 0 and a NaN never replaces it), so only the world box is checked.
+BoundingVolumeResult CreateObjectSpaceVolumes(PODMATRIXf* world, CPODData* vertex, int count,
+                                              float* sphereCenter, float* sphereRadius,
+                                              float* boxCenter, float* boxMin, float* boxMax) {
+  AssertPositions(vertex, "CreateBoundingSphere");
+  if (count <= 0) return {false, false};
+  PODMATRIXf identity = {};
+  identity.f[0] = identity.f[5] = identity.f[10] = identity.f[15] = 1.0f;
+  WorldBoxCheck check{world, vertex};
+  if (count < 4) {
+    check.done(count);
+    return CreateBoundingVolumes(&identity, vertex, count, sphereCenter, sphereRadius, boxCenter,
+                                 boxMin, boxMax);
+  }
+  BothVolumes(&identity, vertex, count, check, sphereCenter, sphereRadius, boxCenter, boxMin, boxMax);
   return {true, true};
 }

@@ -18,13 +18,19 @@ bool CreateBoundingAABB(PODMATRIXf* matrix, CPODData* vertex, int count, float* 
 
 // Both volumes of one stream through one matrix, exactly as CreateBoundingSphere followed by
 // CreateBoundingAABB give them (the same checks, floats and results: `sphere` and `box` are
-// their returns), in one pass fewer over the positions. With `withSphere` false the sphere is
-// only checked, never computed or written: for a record whose sphere is computed again later.
+// their returns), in one pass fewer over the positions.
 struct BoundingVolumeResult {
   bool sphere;
   bool box;
 };
 BoundingVolumeResult CreateBoundingVolumes(PODMATRIXf* matrix, CPODData* vertex, int count,
-                                           bool withSphere, float* sphereCenter,
-                                           float* sphereRadius, float* boxCenter, float* boxMin,
-                                           float* boxMax);
+                                           float* sphereCenter, float* sphereRadius,
+                                           float* boxCenter, float* boxMin, float* boxMax);
+
+// The volumes of a mesh its per-frame matrices place: kept in object space (through the
+// identity), while the ones through its `world` matrix are only checked, never written. The same
+// checks, in the same order, floats and results as CreateBoundingVolumes through `world` followed
+// by CreateBoundingVolumes through the identity, in one pass over the positions.
+BoundingVolumeResult CreateObjectSpaceVolumes(PODMATRIXf* world, CPODData* vertex, int count,
+                                              float* sphereCenter, float* sphereRadius,
+                                              float* boxCenter, float* boxMin, float* boxMax);

@@ -82,17 +82,17 @@ class SceneGraphConverter {
   // fill* steps fill the part a derived record shares, in place.
   SSGQelNodeData* createNodeData(int nodeIndex);
   void fillNodeData(SSGQelNodeData& record, int nodeIndex);
-  // An animated mesh's sphere is computed again in object space: its world sphere is only
-  // checked (the same assertions and Error3 line), never computed.
-  enum class WorldSphere { Computed, CheckedOnly };
+  // An animated mesh's volumes are kept in object space: its world volumes are only checked
+  // (the same assertions and Error3 lines), never kept.
+  enum class MeshVolumes { World, ObjectSpace };
   void fillMeshNodeData(SSGQelMeshNodeData& record, int nodeIndex,
-                        WorldSphere sphere = WorldSphere::Computed);
+                        MeshVolumes volumes = MeshVolumes::World);
   void fillCameraNodeData(SSGQelCameraNodeData& record, int nodeIndex);
   // A new record of a kind that is a mesh record and more, its mesh part filled.
   template <class R>
-  R* newMeshRecord(int nodeIndex, WorldSphere sphere = WorldSphere::Computed) {
+  R* newMeshRecord(int nodeIndex, MeshVolumes volumes = MeshVolumes::World) {
     R* record = newRecord<R>();
-    fillMeshNodeData(*record, nodeIndex, sphere);
+    fillMeshNodeData(*record, nodeIndex, volumes);
     return record;
   }
   // transform := the node's own frame-0 matrix (parents are not applied).

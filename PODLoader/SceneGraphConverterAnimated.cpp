@@ -34,21 +34,16 @@ SSGQelSkeletalMeshNodeData* SceneGraphConverter::createSkeletalMeshNodeData(int 
 }
 
 SSGQelAnimationMeshNodeData* SceneGraphConverter::createAnimationMeshNodeData(int nodeIndex) {
-  auto* record = newMeshRecord<SSGQelAnimationMeshNodeData>(nodeIndex, WorldSphere::CheckedOnly);
+  // The per-frame matrices place the mesh, so its volumes are kept in object space. They are
+  // formed here, before the baking they follow in the record's making, in the pass that checks
+  // the world volumes: baking reads no volume and can fail no check, so nothing tells the orders
+  // apart.
+  auto* record = newMeshRecord<SSGQelAnimationMeshNodeData>(nodeIndex, MeshVolumes::ObjectSpace);
   record->numAnimation = mScene->nNumFrame;
   korvex::FrameFields frame = korvex::FieldsOf(*mScene->m_pImpl);
   CopyFrameState(record, frame);
   mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer, frame);
   korvex::StoreFields(*mScene->m_pImpl, frame);
-
-  // The per-frame matrices place the mesh, so its volumes are kept in object space: computed
-  // again through the identity matrix. A mesh without vertices was reported above already.
-  SPODMesh& podMesh = mScene->pMesh[mScene->pNode[nodeIndex].nIdx];
-  PODMATRIXf identity;
-  PODMatrixIdentityF(identity);
-  const int count = static_cast<int>(record->numVertex);
-  CreateBoundingVolumes(&identity, &podMesh.sVertex, count, true, record->sphereCenter,
-                        &record->sphereRadius, record->boxCenter, record->boxMin, record->boxMax);
   return record;
 }
 

@@ -71,7 +71,7 @@ SSGQelMeshNodeData* SceneGraphConverter::createMeshNodeData(int nodeIndex) {
 }
 
 void SceneGraphConverter::fillMeshNodeData(SSGQelMeshNodeData& into, int nodeIndex,
-                                           WorldSphere sphere) {
+                                           MeshVolumes volumes) {
   SPODNode& node = mScene->pNode[nodeIndex];
   SPODMesh& mesh = mScene->pMesh[node.nIdx];
   SSGQelMeshNodeData* record = &into;
@@ -87,10 +87,10 @@ void SceneGraphConverter::fillMeshNodeData(SSGQelMeshNodeData& into, int nodeInd
 
   // A mesh without vertices gets no volumes: the fields stay zero.
   const int count = static_cast<int>(record->numVertex);
-  const BoundingVolumeResult made = CreateBoundingVolumes(
-      &record->transform, &mesh.sVertex, count, sphere == WorldSphere::Computed,
-      record->sphereCenter, &record->sphereRadius, record->boxCenter, record->boxMin,
-      record->boxMax);
+  const BoundingVolumeResult made =
+      (volumes == MeshVolumes::World ? CreateBoundingVolumes : CreateObjectSpaceVolumes)(
+          &record->transform, &mesh.sVertex, count, record->sphereCenter, &record->sphereRadius,
+          record->boxCenter, record->boxMin, record->boxMax);
   if (!made.sphere) korvex::PrintText("Error3: cannot create bounding sphere, %s\n", node.pszName);
   if (!made.box) korvex::PrintText("Error3: cannot create bounding AABB, %s\n", node.pszName);
 
@@ -157,7 +157,7 @@ SSGQelCollisionBoxNodeData* SceneGraphConverter::createBoxColliderNodeData(int n
   PODMATRIXf identity;
   PODMatrixIdentityF(identity);
   const int count = static_cast<int>(record->numVertex);
-  CreateBoundingVolumes(&identity, &mesh.sVertex, count, true, record->localSphereCenter,
+  CreateBoundingVolumes(&identity, &mesh.sVertex, count, record->localSphereCenter,
                         &record->localSphereRadius, record->localBoxCenter, record->localBoxMin,
                         record->localBoxMax);
   return record;

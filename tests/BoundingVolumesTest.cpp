@@ -137,20 +137,27 @@ TEST(BoundingVolumes, SeveralVerticesAtATimeGiveTheOneAfterTheOtherResultToTheBi
             EXPECT_EQ(std::signbit(got.box[i]), std::signbit(expected.box[i])) << i;
             EXPECT_EQ(got.box[i], expected.box[i]) << i;
           }
-          // Both in one go: the same bits; a sphere only checked is left as it was.
+          // Both in one go: the same bits.
           Volumes both;
           std::memset(&both, 0x7F, sizeof both);
           const BoundingVolumeResult made = CreateBoundingVolumes(
-              m, &d, count, true, both.sphere, &both.sphere[3], both.box, both.box + 3, both.box + 6);
+              m, &d, count, both.sphere, &both.sphere[3], both.box, both.box + 3, both.box + 6);
           EXPECT_TRUE(made.sphere && made.box);
           EXPECT_EQ(std::memcmp(&both, &got, sizeof both), 0);
-          Volumes boxOnly;
-          std::memset(&boxOnly, 0x7F, sizeof boxOnly);
-          EXPECT_TRUE(CreateBoundingVolumes(m, &d, count, false, boxOnly.sphere, &boxOnly.sphere[3],
-                                            boxOnly.box, boxOnly.box + 3, boxOnly.box + 6)
-                          .sphere);
-          EXPECT_EQ(std::memcmp(boxOnly.box, got.box, sizeof got.box), 0);
-          for (float f : boxOnly.sphere) EXPECT_EQ(f, 0x1.FEFEFEp+127f);
+          // Kept in object space whatever the world matrix: the identity's bits (zeros of the
+          // stream turn positive through it).
+          if (m == nullptr) continue;
+          const Volumes object = OneAfterTheOther(&identity, p);
+          Volumes kept;
+          std::memset(&kept, 0x7F, sizeof kept);
+          const BoundingVolumeResult madeKept = CreateObjectSpaceVolumes(
+              m, &d, count, kept.sphere, &kept.sphere[3], kept.box, kept.box + 3, kept.box + 6);
+          EXPECT_TRUE(madeKept.sphere && madeKept.box);
+          EXPECT_EQ(std::memcmp(kept.sphere, object.sphere, sizeof kept.sphere), 0);
+          for (int i = 0; i < 9; ++i) {
+            EXPECT_EQ(std::signbit(kept.box[i]), std::signbit(object.box[i])) << i;
+            EXPECT_EQ(kept.box[i], object.box[i]) << i;
+          }
         }
       }
     }
@@ -186,11 +193,13 @@ TEST(BoundingVolumesDeathTest, PositionsMustBeThreeFloatsAtStride12) {
                Assertion("CreateBoundingSphere", "vertex->nStride == 12"));
   EXPECT_DEATH(CreateBoundingAABB(nullptr, nullptr, 0, c, mn, mx),
                Assertion("CreateBoundingAABB", "vertex"));
-  // Both volumes at once fail as the sphere, which comes first, also when it is only checked.
-  for (bool withSphere : {true, false}) {
-    EXPECT_DEATH(CreateBoundingVolumes(nullptr, &d, 1, withSphere, c, &r, c, mn, mx),
-                 Assertion("CreateBoundingSphere", "vertex->nStride == 12"));
-  }
+  // Both volumes at once fail as the sphere, which comes first, also when the world volumes are
+  // only checked.
+  EXPECT_DEATH(CreateBoundingVolumes(nullptr, &d, 1, c, &r, c, mn, mx),
+               Assertion("CreateBoundingSphere", "vertex->nStride == 12"));
+  PODMATRIXf world = Identity();
+  EXPECT_DEATH(CreateObjectSpaceVolumes(&world, &d, 1, c, &r, c, mn, mx),
+               Assertion("CreateBoundingSphere", "vertex->nStride == 12"));
 }
 
 TEST(BoundingVolumes, NothingToBoundIsTwoFalseResultsAndNoWrites) {
@@ -198,10 +207,12 @@ TEST(BoundingVolumes, NothingToBoundIsTwoFalseResultsAndNoWrites) {
   CPODData d = Positions(p);
   float out[13];
   std::fill(out, out + 13, 5.0f);
+  PODMATRIXf world = Identity();
   for (int count : {0, -4}) {
-    for (bool withSphere : {true, false}) {
+    for (bool objectSpace : {false, true}) {
       const BoundingVolumeResult made =
-          CreateBoundingVolumes(nullptr, &d, count, withSphere, out, out + 3, out + 4, out + 7, out + 10);
+          objectSpace ? CreateObjectSpaceVolumes(&world, &d, count, out, out + 3, out + 4, out + 7, out + 10)
+                      : CreateBoundingVolumes(nullptr, &d, count, out, out + 3, out + 4, out + 7, out + 10);
       EXPECT_FALSE(made.sphere);
       EXPECT_FALSE(made.box);
     }
@@ -228,7 +239,38 @@ TEST(BoundingVolumesDeathTest, NaNPositionFailsTheBoxOrder) {
     EXPECT_DEATH(CreateBoundingAABB(nullptr, &d, c.count, ctr, mn, mx),
                  Assertion("CreateBoundingAABB", c.expression));
     float sc[3], r;
-    EXPECT_DEATH(CreateBoundingVolumes(nullptr, &d, c.count, true, sc, &r, ctr, mn, mx),
+    EXPECT_DEATH(CreateBoundingVolumes(nullptr, &d, c.count, sc, &r, ctr, mn, mx),
+                 Assertion("CreateBoundingAABB", c.expression));
+  }
+}
+
+TEST(BoundingVolumesDeathTest, ObjectSpaceVolumesFailFirstWhereTheWorldBoxWould) {
+  // Finite positions: a NaN comes only from a matrix, the world's (an infinite scale times a zero
+  // coordinate) or the identity's (a zero times an infinite coordinate). The world box, formed
+  // first, fails first; the object-space box fails only when the world box holds.
+  struct Case {
+    const char* what;
+    int count, vertex;
+    float world0, coordinate;  // the world's x scale; x of `vertex` (1 elsewhere)
+    const char* expression;
+  };
+  const float inf = std::numeric_limits<float>::infinity();
+  const Case cases[] = {
+      {"world NaN in a group of four", 8, 6, inf, 0.0f, "mMin.x <= psV2->x"},
+      {"world NaN after the last group", 7, 6, inf, 0.0f, "mMin.x <= psV2->x"},
+      {"world NaN, fewer than four", 3, 2, inf, 0.0f, "mMin.x <= psV2->x"},
+      {"object-space NaN only", 9, 3, 1.0f, inf, "mMin.y <= psV2->y"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<float> p(3 * size_t(c.count), 1.0f);
+    p[3 * size_t(c.vertex)] = c.coordinate;
+    CPODData d = Positions(p);
+    PODMATRIXf world = Identity();
+    world.f[0] = c.world0;
+    if (c.coordinate == inf) world.f[1] = world.f[2] = 1.0f;  // the world's y and z stay clear
+    float sc[3], r, ctr[3], mn[3], mx[3];
+    EXPECT_DEATH(CreateObjectSpaceVolumes(&world, &d, c.count, sc, &r, ctr, mn, mx),
                  Assertion("CreateBoundingAABB", c.expression));
   }
 }

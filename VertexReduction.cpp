@@ -202,8 +202,11 @@ struct ReductionScratch {
   std::vector<int32_t> next;     // near mode, of each kept vertex: the next one of its group
 };
 
+// The difference is taken in single precision and only then widened to double for the
+// comparison: a double difference merges pairs whose float difference rounds above 0.001.
 bool IsNear(float a, float b) {
-  return std::fabs(static_cast<double>(a) - static_cast<double>(b)) <= kNearTolerance;
+  const float difference = a - b;
+  return std::fabs(static_cast<double>(difference)) <= kNearTolerance;
 }
 
 bool UVsNear(const Corner& b, const Corner& c, uint32_t uvSets) {
@@ -219,7 +222,10 @@ bool UVsNear(const Corner& b, const Corner& c, uint32_t uvSets) {
 // number stays within +-2^29.
 constexpr float kFarCoordinate = 1048576.0f;
 constexpr int32_t kFarCell = INT32_MIN;
-constexpr double kSlack = 1e-9;  // covers the tolerance's excess over 0.001 and any rounding
+// Covers the tolerance's excess over 0.001 and any rounding. A float difference within the
+// tolerance is at most 0.000999999931 (the float below 0.001), so the exact difference is within
+// 0.001 too: the cells hold every candidate.
+constexpr double kSlack = 1e-9;
 
 int32_t CellOf(float x) {
   if (!(std::fabs(x) < kFarCoordinate)) return kFarCell;

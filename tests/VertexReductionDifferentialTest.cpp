@@ -238,6 +238,8 @@ std::vector<float> BoundaryCoordinates() {
                     b + 0.0009999f, b + 0.0010001f})
       pool.push_back(x);
   }
+  // Within 0.001 of each other in double, not as a float difference.
+  pool.insert(pool.end(), {6.3e-06f, -0.0009937f});
   pool.push_back(std::numeric_limits<float>::infinity());
   pool.push_back(std::numeric_limits<float>::quiet_NaN());
   return pool;

@@ -145,6 +145,29 @@ TEST(VertexReduction, ThirdTextureSetIsCutOnceForASharedMesh) {
   FreeScene(scene);
 }
 
+// Near mode compares the float difference of two coordinates, widened only afterwards: a pair
+// whose difference in double is just under 0.001 but rounds above it as a float stays apart.
+TEST(VertexReduction, NearCoordinatesAreComparedByTheirFloatDifference) {
+  struct Case {
+    float a, b;
+    int kept;
+  };
+  const Case cases[] = {{6.3e-06f, -0.0009937f, 3},  // 0.00099999999975 in double, 0.0010000000475 as a float
+                        {0.25f, 0.2509f, 2},
+                        {0.25f, 0.2511f, 3}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.a << " and " << c.b);
+    MeshData m;
+    m.positions = {0, 0, 0, 0, 0, 0, 1, 0, 0};  // 0 and 1 share a position
+    m.normals = m.positions;
+    m.uvs = {{c.a, 0, c.b, 0, 5, 5}};
+    m.faces = {0, 1, 2};
+    SPODScene scene = MakeScene({MakeMesh(m)}, {{0, 0, "n"}});
+    EXPECT_EQ(ReduceScene(scene, true), kNearHeader + Totals(3, c.kept));
+    FreeScene(scene);
+  }
+}
+
 TEST(VertexReduction, NewIndicesWrapAbove65535KeptVertices) {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   MeshData m;

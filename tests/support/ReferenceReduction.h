@@ -66,8 +66,8 @@ inline void ReduceVertex(SPODNode* node, SPODMesh* mesh, bool useUV, bool nearly
       if (numUVW != 0 && useUV) {
         for (uint32_t k = 0; k < numUVW && agree; ++k) {
           if (nearly) {
-            agree = std::fabs((double)e->u[k] - (double)u[k]) <= 0.001 &&
-                    std::fabs((double)e->v[k] - (double)v[k]) <= 0.001;
+            const float du = e->u[k] - u[k], dv = e->v[k] - v[k];
+            agree = std::fabs((double)du) <= 0.001 && std::fabs((double)dv) <= 0.001;
           } else {
             agree = e->u[k] == u[k] && e->v[k] == v[k];
           }

@@ -204,6 +204,22 @@ TEST_F(PODReaderTest, FixedPointSceneIsConvertedOnce) {
   EXPECT_EQ(raw[1], 65536u);
 }
 
+// The conversion runs when the data ends. A stray scene end marker after the scene ends the read
+// at once: the scene is read, and keeps its fixed-point words and flag.
+TEST_F(PODReaderTest, StraySceneEndAfterTheSceneSkipsTheFixedPointConversion) {
+  for (bool stray : {false, true}) {
+    SCOPED_TRACE(stray ? "stray end marker" : "end of data");
+    Bytes f;
+    f.version().open(1001).blockWords(2000, {65536, 32768, 0}).blockU32(2016, 1).close(1001);
+    if (stray) f.u32(1001u | 0x80000000u).u32(0).blockU32(7777, 5);
+    ASSERT_TRUE(Load(f));
+    EXPECT_EQ(scene.nFlags, stray ? 1u : 0u);
+    uint32_t red;
+    std::memcpy(&red, &scene.pfColourBackground[0], 4);
+    EXPECT_EQ(red, stray ? 65536u : 0x3F800000u);
+  }
+}
+
 TEST_F(PODReaderTest, ExportOptionsModeCopiesAtMostCount) {
   Bytes f;
   f.version().block(1002, "abc", 4).open(1001).append(podtest::SceneValues(Counts())).close(1001);

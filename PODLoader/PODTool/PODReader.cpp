@@ -485,10 +485,7 @@ bool Read(SPODScene* pScene, CSource& src, char* pExpOpt, unsigned long count) {
   CSource::Container file(src, EPODRecord::File, 0, 0, pScene != nullptr);
   bool bVersionOK = false;
   bool bDone = false;
-  // A loaded scene always holds floats: also when a stray scene end marker at the top level
-  // ends the file early (the marker is otherwise met only in export-options mode).
   auto finish = [&]() {
-    if (pScene && (pScene->nFlags & 1u)) PODModelToggleFixedPoint(*pScene);
     if (!bVersionOK) return src.Fail(EPODReadFailure::NoVersion);
     if (!bDone) return src.Fail(pExpOpt ? EPODReadFailure::NoExportOptions : EPODReadFailure::NoScene);
     return true;
@@ -528,12 +525,16 @@ bool Read(SPODScene* pScene, CSource& src, char* pExpOpt, unsigned long count) {
         if (!src.Read(pExpOpt, static_cast<unsigned int>(count < nLen ? count : nLen)))
           return src.Fail(EPODReadFailure::Truncated);
         return true;
+      // Met at the top level only in export-options mode, unless a file holds a stray one after
+      // its scene: that ends the read as it stands, without the fixed-point conversion.
       case PODTag::Scene | kEnd:
         return finish();
       default:
         if (!src.SkipBlock(nLen)) return false;
     }
   }
+  // The end of the data: a fixed-point scene is brought to floats.
+  if (pScene && (pScene->nFlags & 1u)) PODModelToggleFixedPoint(*pScene);
   return finish();
 }
 

@@ -58,6 +58,8 @@ class FieldReader {
 
 // Largest fixed part of any kind: the buffer a block's fixed part is read into.
 constexpr uint32_t kLargestFixedPart = kSGSkeletalMeshSize;
+// What the records may read beyond the file's size, through headers that share blocks.
+constexpr uint64_t kSharedBlockAllowance = uint64_t{64} << 20;
 
 // Kinds other than the plain mesh re-aim their copied stream descriptors at their own arrays.
 // A texture-coordinate set that starts beyond the array (the counts disagree with the array's
@@ -229,9 +231,11 @@ bool SceneGraphLoader::readFileFormat() {
   if (header.type != ESGFileHeader)
     return fail(Format("not a scene-graph file: header type %u, expected %u", header.type,
                        static_cast<uint32_t>(ESGFileHeader)));
+  // The count is a signed one for the reading loops: one of 2^31 or more reads no header.
+  if (header.totalNodeNumber > INT32_MAX) return true;
   // Refused before anything is allocated for them: the headers must fit in the file.
   const uint64_t room = (m_size - kSGFileHeaderSize) / kSGNodeHeaderSize;
-  if (header.totalNodeNumber > room || header.totalNodeNumber > INT32_MAX)
+  if (header.totalNodeNumber > room)
     return fail(Format("the file header announces %u node headers, the file has room for %llu",
                        header.totalNodeNumber, static_cast<unsigned long long>(room)));
   return readNode(static_cast<int>(header.totalNodeNumber));
@@ -275,22 +279,22 @@ bool SceneGraphLoader::createRecord(SSGNodeHeader* h) {
   const uint32_t fixed = L::kFixedSize;
   auto& records = m_model->template sequence<L::kKind>();
 
-  // Readers find a record through its header's index, so it must be the record's position.
-  if (h->index < 0 || static_cast<uint64_t>(h->index) != records.size())
-    return failNode(h, Format("index %d is not the record's position %zu", h->index, records.size()));
+  // The header's index is not checked: the record goes to the end of its kind's sequence, and
+  // whoever looks a record up by index checks the range.
   if (h->offset > m_size || h->length > m_size - h->offset)
     return failNode(h, Format("block at offset %u of %u bytes lies outside the file of %llu bytes",
                               h->offset, h->length, static_cast<unsigned long long>(m_size)));
-  if (h->length < fixed)
+  // A record without arrays is its fixed part, read as far as the block goes (the rest stays
+  // zero); a record with arrays finds them behind its fixed part, so that part must be whole.
+  constexpr bool kWithArrays = korvex::SGDescribedArrayCount<L>() != 0;
+  if (kWithArrays && h->length < fixed)
     return failNode(h, Format("block of %u bytes is shorter than the %u-byte fixed part", h->length, fixed));
-  // Blocks may not overlap so much that they add up to more than the file: this bounds what the
-  // records can allocate by the size of the file.
-  const uint64_t headerBytes = kSGFileHeaderSize + uint64_t(m_nodeHeaders.size()) * kSGNodeHeaderSize;
-  if (h->length > m_size - headerBytes - m_blockBytes)
-    return failNode(h, "the data blocks together are longer than the file");
-
+  if (!kWithArrays && h->length > fixed)
+    return failNode(h, Format("block of %u bytes is longer than the %u-byte %s record", h->length, fixed,
+                              korvex::SGKindName(h->type)));
   std::array<uint8_t, kLargestFixedPart> bytes{};
-  if (!seekFile(h->offset) || !readFile(bytes.data(), fixed))
+  const uint32_t head = h->length < fixed ? h->length : fixed;
+  if (!seekFile(h->offset) || !readFile(bytes.data(), head))
     return failNode(h, Format("short read at offset %u", h->offset));
   Record* r = SGNewRecord<Record>();
   {
@@ -299,14 +303,19 @@ bool SceneGraphLoader::createRecord(SSGNodeHeader* h) {
     L::fields(*r, fields);
   }
 
+  // Bytes of the block after the arrays are left unread.
   const uint64_t arrays = korvex::SGArraysLength<L>(*r);
-  if (uint64_t(fixed) + arrays != h->length) {
+  if (kWithArrays && uint64_t(fixed) + arrays > h->length) {
     std::free(r);  // no array allocated yet
-    if (arrays == 0 && korvex::SGDescribedArrayCount<L>() == 0)
-      return failNode(h, Format("block of %u bytes is longer than the %u-byte %s record", h->length, fixed,
-                                korvex::SGKindName(h->type)));
     return failNode(h, Format("the arrays add up to %llu bytes but the block holds %u after its fixed part",
                               static_cast<unsigned long long>(arrays), h->length - fixed));
+  }
+  // Headers may share blocks, each record reading its own copy. What the records hold beyond
+  // the file's own size is bounded, so that a small file cannot make them allocate without end.
+  if (m_blockBytes + fixed + arrays > m_size + kSharedBlockAllowance) {
+    std::free(r);
+    return failNode(h, Format("blocks shared between headers add up to more than %llu MiB beyond the file",
+                              static_cast<unsigned long long>(kSharedBlockAllowance >> 20)));
   }
 
   // Each array is read straight into its own allocation, owned by the record.
@@ -330,7 +339,7 @@ bool SceneGraphLoader::createRecord(SSGNodeHeader* h) {
   if constexpr (std::is_base_of<SSGQelMeshNodeData, Record>::value && L::kKind != ESGMeshNode) AimStreams(*r);
 
   records.push_back(r);
-  m_blockBytes += h->length;
+  m_blockBytes += fixed + arrays;
   return true;
 }
 

@@ -82,7 +82,7 @@ class SceneGraphLoader {
   const uint8_t* m_memory;
   uint64_t m_size;      // bytes in the source
   uint64_t m_position;  // current read position
-  uint64_t m_blockBytes;  // bytes of data blocks read so far
+  uint64_t m_blockBytes;  // bytes the records read so far hold
   size_t m_nodeNumber;    // position of the node being built, for messages
   std::string m_error;
 };

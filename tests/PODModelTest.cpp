@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
+#include <new>
 
 #include "pod/PODModel.h"
 
@@ -44,6 +46,40 @@ TEST(PODModel, IndexCountComesFromStripsOrFaces) {
   SPODMesh huge{};
   huge.nNumFaces = 0x80000000u;
   EXPECT_EQ(PODModelCountIndices(huge), UINT32_MAX);
+}
+
+// Records declared without an initialiser are zero too, also where the memory held something
+// else before: they stand in for the files' records, whose absent blocks mean zero.
+TEST(PODModel, RecordsStartAllZeroWithoutAnInitialiser) {
+  alignas(SPODScene) unsigned char sceneBytes[sizeof(SPODScene)];
+  alignas(SPODMesh) unsigned char meshBytes[sizeof(SPODMesh)];
+  alignas(SPODNode) unsigned char nodeBytes[sizeof(SPODNode)];
+  alignas(SPODMaterial) unsigned char materialBytes[sizeof(SPODMaterial)];
+  std::memset(sceneBytes, 0xA5, sizeof sceneBytes);
+  std::memset(meshBytes, 0xA5, sizeof meshBytes);
+  std::memset(nodeBytes, 0xA5, sizeof nodeBytes);
+  std::memset(materialBytes, 0xA5, sizeof materialBytes);
+  const SPODScene* s = new (sceneBytes) SPODScene;
+  const SPODMesh* m = new (meshBytes) SPODMesh;
+  const SPODNode* n = new (nodeBytes) SPODNode;
+  const SPODMaterial* mat = new (materialBytes) SPODMaterial;
+  EXPECT_EQ(s->pfColourBackground[2], 0.0f);
+  EXPECT_EQ(s->nNumNode, 0u);
+  EXPECT_EQ(s->pNode, nullptr);
+  EXPECT_EQ(s->nNumFrame, 0u);
+  EXPECT_EQ(s->nFlags, 0u);
+  EXPECT_EQ(m->nNumVertex, 0u);
+  EXPECT_EQ(m->sFaces.pData, nullptr);
+  EXPECT_EQ(m->sFaces.nDataSize, 0u);
+  EXPECT_FALSE(m->sVertex.bBorrowed);
+  EXPECT_EQ(m->sBoneBatches.nBatchCnt, 0);
+  EXPECT_EQ(m->nUVWCount, 0u);
+  EXPECT_EQ(n->nIdxParent, 0);
+  EXPECT_EQ(n->pfScale[2], 0.0f);
+  EXPECT_EQ(n->nAnimFlags, 0u);
+  EXPECT_EQ(n->nAnimMatrixSize, 0u);
+  EXPECT_EQ(mat->nIdxTexDiffuse, 0);
+  EXPECT_EQ(mat->pszEffectName, nullptr);
 }
 
 }  // namespace

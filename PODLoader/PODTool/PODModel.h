@@ -41,52 +41,52 @@ enum EPODDataType : uint32_t {
 enum EPODLight : uint32_t {};
 
 struct CPODData {
-  EPODDataType eType;
-  uint32_t n;
-  uint32_t nStride;
+  EPODDataType eType{};
+  uint32_t n{};
+  uint32_t nStride{};
   // The stream's own array, or, in an interleaved mesh, the byte offset of its first element
   // inside SPODMesh::pInterleaved kept as a number in the pointer slot.
-  uint8_t* pData;
-  uint32_t nFileOffset;
-  size_t nDataSize;  // bytes held at pData (separate layout); 0 when absent or an offset
+  uint8_t* pData{};
+  uint32_t nFileOffset{};
+  size_t nDataSize{};  // bytes held at pData (separate layout); 0 when absent or an offset
   // pData aims into the file the scene was read from (CPODScene keeps it) and is not freed on its
   // own; whoever replaces such an array just drops the pointer. Writable: the file is mapped
   // privately, so edits stay in memory.
-  bool bBorrowed;
+  bool bBorrowed{};
 };
 
 struct CPODBoneBatches {
-  int32_t* pnBatches;       // nBatchBoneMax * nBatchCnt node indices
-  int32_t* pnBatchBoneCnt;  // nBatchCnt
-  int32_t* pnBatchOffset;   // nBatchCnt
-  int32_t nBatchBoneMax;
-  int32_t nBatchCnt;
-  int32_t nReserved;  // never read or written; kept zero
-  size_t nBatchesSize;
-  size_t nBatchBoneCntSize;
-  size_t nBatchOffsetSize;
+  int32_t* pnBatches{};       // nBatchBoneMax * nBatchCnt node indices
+  int32_t* pnBatchBoneCnt{};  // nBatchCnt
+  int32_t* pnBatchOffset{};   // nBatchCnt
+  int32_t nBatchBoneMax{};
+  int32_t nBatchCnt{};
+  int32_t nReserved{};  // never read or written; kept zero
+  size_t nBatchesSize{};
+  size_t nBatchBoneCntSize{};
+  size_t nBatchOffsetSize{};
 };
 
 struct SPODMesh {
-  uint32_t nNumVertex;
-  uint32_t nNumFaces;
-  uint32_t nNumUVW;
-  CPODData sFaces;
-  uint32_t* pnStripLength;
-  uint32_t nNumStrips;
-  CPODData sVertex;
-  CPODData sNormals;
-  CPODData sTangents;
-  CPODData sBinormals;
-  CPODData* psUVW;  // nNumUVW descriptors
-  CPODData sVtxColours;
-  CPODData sBoneIdx;
-  CPODData sBoneWeight;
-  uint8_t* pInterleaved;
-  CPODBoneBatches sBoneBatches;
-  size_t nStripLengthSize;
-  size_t nInterleavedSize;
-  size_t nUVWCount;  // descriptors allocated at psUVW
+  uint32_t nNumVertex{};
+  uint32_t nNumFaces{};
+  uint32_t nNumUVW{};
+  CPODData sFaces{};
+  uint32_t* pnStripLength{};
+  uint32_t nNumStrips{};
+  CPODData sVertex{};
+  CPODData sNormals{};
+  CPODData sTangents{};
+  CPODData sBinormals{};
+  CPODData* psUVW{};  // nNumUVW descriptors
+  CPODData sVtxColours{};
+  CPODData sBoneIdx{};
+  CPODData sBoneWeight{};
+  uint8_t* pInterleaved{};
+  CPODBoneBatches sBoneBatches{};
+  size_t nStripLengthSize{};
+  size_t nInterleavedSize{};
+  size_t nUVWCount{};  // descriptors allocated at psUVW
 };
 
 // One per-vertex stream of a mesh as ForEachVertexStream hands it over.
@@ -119,22 +119,22 @@ void ForEachVertexStream(Mesh& mesh, EPODUVSets sets, F&& f) {
 }
 
 struct SPODNode {
-  int32_t nIdx;
-  char* pszName;
-  int32_t nIdxMaterial;
-  int32_t nIdxParent;
-  float pfPosition[3];
-  float pfRotation[4];
-  float pfScale[3];
-  float* pfAnimPosition;  // 3 floats a key
-  float* pfAnimRotation;  // 4 floats a key
-  float* pfAnimScale;     // 7 floats a key
-  uint32_t nAnimFlags;
-  float* pfAnimMatrix;  // 16 floats a key
-  size_t nAnimPositionSize;
-  size_t nAnimRotationSize;
-  size_t nAnimScaleSize;
-  size_t nAnimMatrixSize;
+  int32_t nIdx{};
+  char* pszName{};
+  int32_t nIdxMaterial{};
+  int32_t nIdxParent{};
+  float pfPosition[3]{};
+  float pfRotation[4]{};
+  float pfScale[3]{};
+  float* pfAnimPosition{};  // 3 floats a key
+  float* pfAnimRotation{};  // 4 floats a key
+  float* pfAnimScale{};     // 7 floats a key
+  uint32_t nAnimFlags{};
+  float* pfAnimMatrix{};  // 16 floats a key
+  size_t nAnimPositionSize{};
+  size_t nAnimRotationSize{};
+  size_t nAnimScaleSize{};
+  size_t nAnimMatrixSize{};
 };
 
 // nAnimFlags bits.
@@ -146,65 +146,65 @@ enum : uint32_t {
 };
 
 struct SPODCamera {
-  int32_t nIdxTarget;
-  float fFOV;
-  float fFar;
-  float fNear;
-  float* pfAnimFOV;
-  size_t nAnimFOVSize;
+  int32_t nIdxTarget{};
+  float fFOV{};
+  float fFar{};
+  float fNear{};
+  float* pfAnimFOV{};
+  size_t nAnimFOVSize{};
 };
 
 struct SPODLight {
-  int32_t nIdxTarget;
-  float pfColour[3];
-  EPODLight eType;
+  int32_t nIdxTarget{};
+  float pfColour[3]{};
+  EPODLight eType{};
 };
 
 struct SPODTexture {
-  char* pszName;
+  char* pszName{};
 };
 
 struct SPODMaterial {
-  char* pszName;
-  int32_t nIdxTexDiffuse;
-  float fMatOpacity;
-  float pfMatAmbient[3];
-  float pfMatDiffuse[3];
-  float pfMatSpecular[3];
-  float fMatShininess;
-  char* pszEffectFile;
-  char* pszEffectName;
+  char* pszName{};
+  int32_t nIdxTexDiffuse{};
+  float fMatOpacity{};
+  float pfMatAmbient[3]{};
+  float pfMatDiffuse[3]{};
+  float pfMatSpecular[3]{};
+  float fMatShininess{};
+  char* pszEffectFile{};
+  char* pszEffectName{};
 };
 
 struct SPODScene {
-  float pfColourBackground[3];
-  float pfColourAmbient[3];
-  uint32_t nNumCamera;
-  SPODCamera* pCamera;
-  uint32_t nNumLight;
-  SPODLight* pLight;
-  uint32_t nNumMesh;
-  SPODMesh* pMesh;
-  uint32_t nNumNode;
-  uint32_t nNumMeshNode;
-  SPODNode* pNode;
-  uint32_t nNumTexture;
-  SPODTexture* pTexture;
-  uint32_t nNumMaterial;
-  SPODMaterial* pMaterial;
-  uint32_t nNumFrame;
-  uint32_t nFlags;  // bit 0: real numbers stored as 16.16 fixed point
+  float pfColourBackground[3]{};
+  float pfColourAmbient[3]{};
+  uint32_t nNumCamera{};
+  SPODCamera* pCamera{};
+  uint32_t nNumLight{};
+  SPODLight* pLight{};
+  uint32_t nNumMesh{};
+  SPODMesh* pMesh{};
+  uint32_t nNumNode{};
+  uint32_t nNumMeshNode{};
+  SPODNode* pNode{};
+  uint32_t nNumTexture{};
+  SPODTexture* pTexture{};
+  uint32_t nNumMaterial{};
+  SPODMaterial* pMaterial{};
+  uint32_t nNumFrame{};
+  uint32_t nFlags{};  // bit 0: real numbers stored as 16.16 fixed point
 };
 
 // Frame-evaluation state of one scene.
 struct SPODImpl {
-  float fCurrentFrame;
-  float fFrameBlend;
-  int32_t nFrameIndex;
-  float* pfCachedFrame;          // nNumNode
-  PODMATRIXf* pmWorldCache;      // nNumNode
-  PODMATRIXf* pmWorldFrameZero;  // nNumNode
-  bool bReadFromMemory;
+  float fCurrentFrame{};
+  float fFrameBlend{};
+  int32_t nFrameIndex{};
+  float* pfCachedFrame{};          // nNumNode
+  PODMATRIXf* pmWorldCache{};      // nNumNode
+  PODMATRIXf* pmWorldFrameZero{};  // nNumNode
+  bool bReadFromMemory{};
 };
 
 class CResourceFile;

@@ -18,9 +18,9 @@ namespace {
 
 constexpr uint32_t kMaxUVSets = 2;
 // Bone streams are copied once per kept vertex and a vertex with a NaN becomes a new kept vertex
-// at every corner, so a huge per-vertex bone count would multiply the input size. Real skinned
-// meshes carry a handful of bones a vertex; meshes claiming more than this are left alone.
-constexpr uint32_t kMaxBonesPerVertex = 16;
+// at every corner, so a mesh with many bones a vertex could multiply its size by its corners.
+// Meshes whose rebuilt bone streams could pass this size are left alone.
+constexpr uint64_t kMaxRebuiltBoneBytes = uint64_t{256} << 20;
 constexpr double kNearTolerance = 0.001;
 // A position group of near mode this long is searched through its cells instead of one by one.
 constexpr uint32_t kLongGroup = 8;
@@ -53,7 +53,7 @@ bool IsPackedFloatStream(const CPODData& d, uint32_t components) {
          d.pData != nullptr;
 }
 
-bool IsPackedBoneStream(const CPODData& d, uint32_t elementSize) {
+bool IsPackedBoneStream(const CPODData& d, uint64_t elementSize) {
   return d.n == 0 || (d.nStride == elementSize && d.pData != nullptr);
 }
 
@@ -95,11 +95,13 @@ const char* WhyNotReducible(const SPODMesh& mesh, size_t& reach) {
   if (mesh.sBoneBatches.nBatchCnt > 0) {
     const CPODData& idx = mesh.sBoneIdx;
     const CPODData& weights = mesh.sBoneWeight;
-    if (idx.n > kMaxBonesPerVertex || weights.n > kMaxBonesPerVertex)
-      return "too many bones a vertex";
+    // At most one kept vertex a corner.
+    const uint64_t boneBytes = idx.n + 4 * uint64_t{weights.n};
+    if (corners > 0 && boneBytes > kMaxRebuiltBoneBytes / corners)
+      return "the rebuilt bone streams could pass 256 MiB";
     // One weight is copied per bone index.
     if (weights.n < idx.n) return "fewer bone weights than bone indices";
-    if (!IsPackedBoneStream(idx, idx.n) || !IsPackedBoneStream(weights, weights.n * 4))
+    if (!IsPackedBoneStream(idx, idx.n) || !IsPackedBoneStream(weights, 4 * uint64_t{weights.n}))
       return "bone streams are not packed or shorter than their vertices";
     if (!Reaches(idx, reach) || !Reaches(weights, reach)) return "an index lies beyond the bone streams";
   }

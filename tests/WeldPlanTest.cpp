@@ -8,6 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "pod/PODMeshWeld.h"
 #include "pod/PODWriter.h"
@@ -78,6 +79,47 @@ TEST(WeldPlan, ReducedSceneKeepsItsStreamsAndThePlanCarriesTheWeld) {
   EXPECT_TRUE(plan.empty());
   FreeScene(scene);
   FreeScene(untouched);
+  FreeScene(now);
+}
+
+// A vertex may carry more bone indices than the gather's element buffer holds: they are welded,
+// saved through the plan as welding at once gives them, and gathered across element edges.
+TEST(WeldPlan, ManyBonesAVertexAreWeldedLikeAFew) {
+  MeshData quads = Quads();
+  quads.boneIdxN = quads.boneWeightN = 70;
+  for (int v = 0; v < 8; ++v) {
+    for (int j = 0; j < 70; ++j) {
+      quads.boneIdx.push_back(uint8_t(3 * v + j));
+      quads.boneWeights.push_back(float(v) + 0.01f * float(j));
+    }
+  }
+  SPODScene scene = MakeScene({MakeMesh(quads)}, {{0, 0, "quads"}});
+  SPODScene now = CopyScene(scene);
+  PODWeldPlan plan;
+  const std::string printed = Reduce(scene, &plan);
+  EXPECT_NE(printed.find("after reduction: 5\n"), std::string::npos) << printed;
+  EXPECT_EQ(Reduce(now, nullptr), printed);
+  ASSERT_NE(plan.weld(0), nullptr);
+  const SPODMeshWeld& weld = *plan.weld(0);
+
+  // Welded at once: each kept vertex has its source's 70 indices and weights.
+  const std::vector<uint8_t> idx = Values<uint8_t>(now.pMesh[0].sBoneIdx);
+  const std::vector<float> weights = Values<float>(now.pMesh[0].sBoneWeight);
+  ASSERT_EQ(idx.size(), 5u * 70);
+  ASSERT_EQ(weights.size(), 5u * 70);
+  for (size_t k = 0; k < 5; ++k) {
+    for (size_t j = 0; j < 70; ++j) {
+      EXPECT_EQ(idx[70 * k + j], uint8_t(3 * weld.pnSource[k] + j)) << k << " " << j;
+      EXPECT_EQ(weights[70 * k + j], float(weld.pnSource[k]) + 0.01f * float(j)) << k << " " << j;
+    }
+  }
+  EXPECT_EQ(Written(scene, plan), Written(now, PODWeldPlan()));
+
+  // A range that starts and ends inside elements.
+  uint8_t part[150];
+  ASSERT_TRUE(PODMeshWeldGather(scene.pMesh[0], weld, EPODWeldStream::BoneIdx, 5, sizeof part, part));
+  EXPECT_EQ(std::vector<uint8_t>(part, part + sizeof part), std::vector<uint8_t>(idx.begin() + 5, idx.begin() + 155));
+  FreeScene(scene);
   FreeScene(now);
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "pod/Diagnostics.h"
 #include "pod/IndexRange.h"
@@ -250,8 +251,12 @@ bool PODMeshWeldGather(const SPODMesh& mesh, const SPODMeshWeld& weld, EPODWeldS
   const size_t size = ElementBytes(mesh, stream);
   if (size == 0 || count == 0) return true;
   bool ok = true;
-  // Whole elements go straight to `out`; the ones cut by the ends of the range through here.
-  uint8_t element[64];
+  // Whole elements go straight to `out`; the ones cut by the ends of the range through here
+  // (a vertex's bone indices may be longer than the buffer at hand).
+  uint8_t small[64];
+  std::unique_ptr<uint8_t, decltype(&std::free)> large(nullptr, &std::free);
+  if (size > sizeof small) large.reset(static_cast<uint8_t*>(korvex::AllocateUnfilled(size, "a bone element")));
+  uint8_t* element = large ? large.get() : small;
   size_t at = first;
   const size_t end = first + count;
   if (at % size != 0) {

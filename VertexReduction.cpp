@@ -649,6 +649,11 @@ uint32_t CountAfterWelds(const SPODMesh& mesh, uint32_t index, const PODWeldPlan
 const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useUV, bool nearly,
                        ReductionScratch& scratch, PODWeldPlan* plan) {
   if (mesh == nullptr) return "no mesh";
+  // First of all, also for a mesh that is then left as it is.
+  if (mesh->nNumUVW > kMaxUVSets) {
+    mesh->nNumUVW = kMaxUVSets;
+    korvex::PrintText("Error1: Number of UVW > 2, \"%s\"\n", NodeName(node));
+  }
   // A mesh used by two nodes is reduced twice; the second pass reads the first one's result.
   if (SPODMeshWeld* earlier = plan != nullptr ? plan->take(index) : nullptr) {
     const bool applied = PODMeshApplyWeld(*mesh, *earlier);
@@ -660,10 +665,6 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useU
   }
   size_t addressable = 0;  // old vertices the indices can reach
   if (const char* why = WhyNotReducible(*mesh, addressable)) return why;
-  if (mesh->nNumUVW > kMaxUVSets) {
-    mesh->nNumUVW = kMaxUVSets;
-    korvex::PrintText("Error1: Number of UVW > 2, \"%s\"\n", NodeName(node));
-  }
 
   const uint32_t uvSets = mesh->nNumUVW;
   const uint32_t uvSetsCompared = useUV ? uvSets : 0;

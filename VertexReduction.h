@@ -19,8 +19,8 @@
 #include "pod/PODModel.h"
 
 // Reduces the mesh of every mesh node (printing the header line, then the totals). `nearly`
-// lets texture coordinates differ by up to 0.001. A mesh left as it is gets a note on standard
-// error. Takes the scene's records, so a CPODScene is passed as it is.
+// lets texture coordinates differ by up to 0.001. A mesh left as it is (beyond the cut to two
+// texture-coordinate sets every mesh gets) gets a note on standard error. Takes the scene's records, so a CPODScene is passed as it is.
 void reduceMeshVertex(SPODScene* scene, bool nearly);
 
 // The same, but the meshes keep their streams and counts: how each reduced mesh is welded comes

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <string>
 
+#include "pod/ByteIO.h"
 #include "pod/Diagnostics.h"
 #include "qsn/NodeDataBuffer.h"
 #include "qsn/QelSceneGraphModel.h"
@@ -355,12 +356,18 @@ void QelSceneGraphModel::printCheckModelInfo() {
 }
 
 void QelSceneGraphModel::checkMeshNode(SSGNodeHeader* nodeHeader, SSGQelMeshNodeData* data) {
-  // Only the header's 128-byte name field is printed: bytes after a full field belong to other
-  // members, not to the name.
+  // The name is read as 256 bytes from the start of its field: a name filling all 128 bytes runs
+  // on into the bytes of the header's offset, length and index, as the file stores them. Past the
+  // header there is nothing to read: the name ends there.
+  uint8_t bytes[sizeof nodeHeader->name + 12];
+  std::memcpy(bytes, nodeHeader->name, sizeof nodeHeader->name);
+  korvex::StoreU32LE(bytes + 128, nodeHeader->offset);
+  korvex::StoreU32LE(bytes + 132, nodeHeader->length);
+  korvex::StoreU32LE(bytes + 136, static_cast<uint32_t>(nodeHeader->index));
   char name[257];
+  NameText(name, reinterpret_cast<const char*>(bytes), sizeof bytes);
   if (data->numUVW >= 3) {
-    korvex::PrintText("Error1: Number of UVW > 2, \"%s\"\n",
-           NameText(name, nodeHeader->name, sizeof nodeHeader->name));
+    korvex::PrintText("Error1: Number of UVW > 2, \"%s\"\n", name);
     return;
   }
   if (data->numUVW != 2) return;
@@ -373,5 +380,5 @@ void QelSceneGraphModel::checkMeshNode(SSGNodeHeader* nodeHeader, SSGQelMeshNode
   const float u1 = LoadF32LE(uv1), v1 = LoadF32LE(uv1 + 4);
   if (std::fabs(u0 - u1) < 0.001f && std::fabs(v0 - v1) < 0.001f)
     korvex::PrintText("Error2: Same UVW in 2 planes \"%s\"\t\t\t: UV0:(%f, %f) UV1:(%f,%f)\n",
-           NameText(name, nodeHeader->name, sizeof nodeHeader->name), u0, v0, u1, v1);
+                      name, u0, v0, u1, v1);
 }

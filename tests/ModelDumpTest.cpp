@@ -202,4 +202,21 @@ TEST(ModelCheck, ReportsMoreThanTwoSetsAndSetsCloserThanOneThousandth) {
             "Error1: Number of UVW > 2, \"three\"\n");
 }
 
+// The check reads a header's name as 256 bytes: a name filling its whole field runs on into the
+// header's offset, length and index as the file stores them, up to the first zero byte.
+TEST(ModelCheck, AFullNameRunsOnIntoTheHeaderFieldsAfterIt) {
+  QelSceneGraphModel model;
+  const std::string full(128, 'A');
+  AddUVMesh(model, ESGMeshNode, full.c_str(), 3, 0, 0, 0, 0);
+  SSGNodeHeader* h = model.nodeheader.back();
+  ASSERT_EQ(std::string(h->name, 128), full);
+  h->offset = 0x0000019Cu;  // 9C 01 00 00
+  EXPECT_EQ(Captured([&] { model.printCheckModelInfo(); }),
+            "Error1: Number of UVW > 2, \"" + full + "\x9c\x01\"\n");
+  h->offset = 0x44434241u;  // "ABCD", then the length's bytes
+  h->length = 0x00004645u;  // "EF"
+  EXPECT_EQ(Captured([&] { model.printCheckModelInfo(); }),
+            "Error1: Number of UVW > 2, \"" + full + "ABCDEF\"\n");
+}
+
 }  // namespace

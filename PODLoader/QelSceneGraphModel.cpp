@@ -30,12 +30,6 @@ void ReleaseRecord(typename L::Record* r) {
   std::free(r);
 }
 
-template <class L>
-void ReleaseSequence(std::vector<typename L::Record*>& records) {
-  for (auto* r : records) ReleaseRecord<L>(r);
-  records.clear();
-}
-
 // Size of the POD file, or 0 when it cannot be determined.
 uint64_t FileSize(FILE* file) {
   struct stat st;
@@ -52,21 +46,8 @@ QelSceneGraphModel::QelSceneGraphModel() {
 
 QelSceneGraphModel::~QelSceneGraphModel() {
   closePODFile();
-  ReleaseSequence<korvex::SGLayout<ESGNode>>(node);
-  ReleaseSequence<korvex::SGLayout<ESGMeshNode>>(meshnode);
-  ReleaseSequence<korvex::SGLayout<ESGLightNode>>(lightnode);
-  ReleaseSequence<korvex::SGLayout<ESGCameraNode>>(cameranode);
-  ReleaseSequence<korvex::SGLayout<ESGMaterial>>(material);
-  ReleaseSequence<korvex::SGLayout<ESGCollisionBoxNode>>(collisionboxnode);
-  ReleaseSequence<korvex::SGLayout<ESGCollisionSphereNode>>(collisionspherenode);
-  ReleaseSequence<korvex::SGLayout<ESGBillboardNode>>(billboardnode);
-  ReleaseSequence<korvex::SGLayout<ESGSkyBoxNode>>(skyboxnode);
-  ReleaseSequence<korvex::SGLayout<ESGMarkerNode>>(markernode);
-  ReleaseSequence<korvex::SGLayout<ESGSkeletalMeshNode>>(skeletalmeshnode);
-  ReleaseSequence<korvex::SGLayout<ESGAnimationMeshNode>>(animationmeshnode);
-  ReleaseSequence<korvex::SGLayout<ESGAnimationCameraNode>>(animationcameranode);
-  for (SSGNodeHeader* h : nodeheader) std::free(h);
-  for (SSGFileHeader* h : m_fileHeaders) std::free(h);
+  for (const auto& adopted : m_adopted) destroyRecord(adopted.first, adopted.second);
+  for (SSGNodeHeader* h : m_adoptedHeaders) std::free(h);
   for (uint8_t* p : m_loadedStreams) std::free(p);
 }
 
@@ -80,8 +61,7 @@ void QelSceneGraphModel::destroyRecord(uint32_t kind, void* rec) {
 void QelSceneGraphModel::createNode(void* rec, ESGName kind) {
   if (kind == ESGFileHeader) {
     SSGFileHeader* fileHeader = static_cast<SSGFileHeader*>(rec);
-    std::memcpy(&header, fileHeader, sizeof header);
-    if (fileHeader != &header) m_fileHeaders.push_back(fileHeader);
+    if (fileHeader != &header) std::memcpy(&header, fileHeader, sizeof header);
     return;
   }
   korvex::SGDispatchKind(kind, [&](auto layout) {
@@ -91,6 +71,18 @@ void QelSceneGraphModel::createNode(void* rec, ESGName kind) {
 }
 
 void QelSceneGraphModel::createNodeHeader(SSGNodeHeader* nodeHeader) { nodeheader.push_back(nodeHeader); }
+
+void QelSceneGraphModel::adoptNode(void* record, ESGName kind) {
+  const size_t before = recordCount(kind);
+  createNode(record, kind);
+  // Only a record the model now holds is its own (not a header of kind 1000, which is copied).
+  if (recordCount(kind) != before) m_adopted.emplace_back(kind, record);
+}
+
+void QelSceneGraphModel::adoptNodeHeader(SSGNodeHeader* nodeHeader) {
+  createNodeHeader(nodeHeader);
+  m_adoptedHeaders.push_back(nodeHeader);
+}
 
 void* QelSceneGraphModel::record(uint32_t kind, int32_t index) {
   void* found = nullptr;

@@ -2,20 +2,20 @@
 // The scene-graph model: one file header, the node headers in creation order, and one record
 // sequence per node kind. The converter and the loader fill it, the writer serialises it.
 //
-// Ownership: the model owns every node header and record handed to it (createNodeHeader,
-// createNode) and releases them in its destructor, together with their arrays. Records, headers
-// and arrays must therefore come from malloc/calloc (SGNewRecord below); each SSGNodeData.data is
-// a separately allocated block owned by the record that holds the descriptor. A copied
-// CPODData.pData never owns: it is zero, aims into one of the record's own arrays, or aims at an
-// array read by loadMeshData, which the model keeps and releases itself. A file header passed to
-// createNode with kind 1000 is copied into `header` and also kept until destruction, so its
-// creator may still read it. Every record is released with the model, which the driver, the
-// tests and the tools all destroy.
+// Ownership: records and node headers handed over with createNode and createNodeHeader stay their
+// creator's: the model keeps the pointers and never frees them, nor their arrays. Those the
+// converter and the loader make are adopted instead (adoptNode, adoptNodeHeader): the model
+// releases them with their arrays in its destructor, so they live as long as the model. Adopted
+// records, headers and arrays come from malloc/calloc (SGNewRecord below); each SSGNodeData.data
+// is a separately allocated block owned by the record that holds the descriptor, unless it is
+// borrowed. A copied CPODData.pData never owns: it is zero, aims into one of the record's own
+// arrays, or aims at an array read by loadMeshData, which the model keeps and releases itself.
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pod/Diagnostics.h"
@@ -38,9 +38,12 @@ class QelSceneGraphModel {
   QelSceneGraphModel& operator=(const QelSceneGraphModel&) = delete;
 
   // Kind 1000 copies the 268-byte header; 2000..2012 append the pointer to that kind's
-  // sequence (the model takes it); any other kind is ignored.
+  // sequence (the model takes it, but never frees it); any other kind is ignored.
   void createNode(void* record, ESGName kind);
   void createNodeHeader(SSGNodeHeader* nodeHeader);
+  // The same for a record or header made for this model: released with it.
+  void adoptNode(void* record, ESGName kind);
+  void adoptNodeHeader(SSGNodeHeader* nodeHeader);
 
   // POD-file access for lazy loading of mesh streams.
   bool openPODFile(const std::string& path);
@@ -114,8 +117,9 @@ class QelSceneGraphModel {
   // Reads one stream of `bytes` bytes at `offset` into a new zero-filled array kept by the model.
   bool loadStream(CPODData& stream, uint64_t bytes, uint32_t offset);
 
-  std::vector<SSGFileHeader*> m_fileHeaders;  // handed over with kind 1000
-  std::vector<uint8_t*> m_loadedStreams;      // arrays made by loadMeshData
+  std::vector<std::pair<uint32_t, void*>> m_adopted;  // kind and record
+  std::vector<SSGNodeHeader*> m_adoptedHeaders;
+  std::vector<uint8_t*> m_loadedStreams;  // arrays made by loadMeshData
 };
 
 template <>

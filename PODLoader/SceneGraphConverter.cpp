@@ -3,6 +3,8 @@
 
 #include "convert/SceneGraphConverter.h"
 
+#include <cstdlib>
+
 #include "convert/AnimationNodeConverter.h"
 #include "pod/Assertion.h"
 #include "pod/PODModel.h"
@@ -49,8 +51,9 @@ bool SceneGraphConverter::convertFromPOD(CPODScene* scene, const char* fileName)
   }
   buildLightMapMesh();
   SSGFileHeader* header = createFileHeader(fileName);
-  mModel->createNode(header, ESGFileHeader);  // copied in; the model keeps and frees `header`
+  mModel->createNode(header, ESGFileHeader);  // copied in
   KX_ASSERT(header->totalNodeNumber == this->mModel->nodeheader.size(), kSource);
+  std::free(header);
   return true;
 }
 
@@ -80,19 +83,19 @@ void SceneGraphConverter::buildMeshType(int nodeIndex) {
 
   if (kind == NodeKind::kBillboard) {
     createNodeHeader(ESGBillboardNode, nodeIndex);
-    mModel->createNode(createBillboard(nodeIndex), ESGBillboardNode);
+    mModel->adoptNode(createBillboard(nodeIndex), ESGBillboardNode);
   } else if (kind == NodeKind::kMarker) {
     createNodeHeader(ESGMarkerNode, nodeIndex);
-    mModel->createNode(createMarker(nodeIndex), ESGMarkerNode);
+    mModel->adoptNode(createMarker(nodeIndex), ESGMarkerNode);
   } else if (kind == NodeKind::kSkyBox) {
     createNodeHeader(ESGSkyBoxNode, nodeIndex);
-    mModel->createNode(createSkyBox(nodeIndex), ESGSkyBoxNode);
+    mModel->adoptNode(createSkyBox(nodeIndex), ESGSkyBoxNode);
   } else if (kind == NodeKind::kCollisionBox) {
     createNodeHeader(ESGCollisionBoxNode, nodeIndex);
-    mModel->createNode(createBoxCollider(nodeIndex), ESGCollisionBoxNode);
+    mModel->adoptNode(createBoxCollider(nodeIndex), ESGCollisionBoxNode);
   } else if (kind == NodeKind::kCollisionSphere) {
     createNodeHeader(ESGCollisionSphereNode, nodeIndex);
-    mModel->createNode(createSphereCollider(nodeIndex), ESGCollisionSphereNode);
+    mModel->adoptNode(createSphereCollider(nodeIndex), ESGCollisionSphereNode);
   } else if (kind == NodeKind::kLightMapDefinition) {
     // A light-map definition: a material, no node of its own. A later definition of the same
     // name takes over the map entry.
@@ -101,33 +104,33 @@ void SceneGraphConverter::buildMeshType(int nodeIndex) {
   } else if (kind == NodeKind::kLightMappedMesh) {
     createNodeHeader(ESGMeshNode, nodeIndex);
     SSGQelMeshNodeData* record = createMesh(nodeIndex);
-    mModel->createNode(record, ESGMeshNode);
+    mModel->adoptNode(record, ESGMeshNode);
     m_LightMapMesh.push_back(record);
   } else if (kind == NodeKind::kSkeletalMesh) {
     createNodeHeader(ESGSkeletalMeshNode, nodeIndex);
-    mModel->createNode(createSkeletalMesh(nodeIndex), ESGSkeletalMeshNode);
+    mModel->adoptNode(createSkeletalMesh(nodeIndex), ESGSkeletalMeshNode);
   } else if (kind == NodeKind::kAnimationMesh) {
     createNodeHeader(ESGAnimationMeshNode, nodeIndex);
-    mModel->createNode(createAnimationMesh(nodeIndex), ESGAnimationMeshNode);
+    mModel->adoptNode(createAnimationMesh(nodeIndex), ESGAnimationMeshNode);
   } else {
     // A plain mesh: no keyword, in a scene without frames.
     createNodeHeader(ESGMeshNode, nodeIndex);
-    mModel->createNode(createMesh(nodeIndex), ESGMeshNode);
+    mModel->adoptNode(createMesh(nodeIndex), ESGMeshNode);
   }
 }
 
 void SceneGraphConverter::buildLightType(int nodeIndex) {
   createNodeHeader(ESGLightNode, nodeIndex);
-  mModel->createNode(createLight(nodeIndex), ESGLightNode);
+  mModel->adoptNode(createLight(nodeIndex), ESGLightNode);
 }
 
 void SceneGraphConverter::buildCameraType(int nodeIndex) {
   if (rules().kind(static_cast<uint32_t>(nodeIndex)) == NodeKind::kAnimationCamera) {
     createNodeHeader(ESGAnimationCameraNode, nodeIndex);
-    mModel->createNode(createAnimationCamera(nodeIndex), ESGAnimationCameraNode);
+    mModel->adoptNode(createAnimationCamera(nodeIndex), ESGAnimationCameraNode);
   } else {
     createNodeHeader(ESGCameraNode, nodeIndex);
-    mModel->createNode(createCamera(nodeIndex), ESGCameraNode);
+    mModel->adoptNode(createCamera(nodeIndex), ESGCameraNode);
   }
 }
 
@@ -164,7 +167,7 @@ void SceneGraphConverter::createNodeHeader(ESGName kind, int nodeIndex) {
   header->offset = 0;
   header->length = 0;
   header->index = static_cast<int32_t>(mModel->recordCount(kind));
-  mModel->createNodeHeader(header);
+  mModel->adoptNodeHeader(header);
 }
 
 SSGQelMeshNodeData* SceneGraphConverter::createMesh(int nodeIndex) {

@@ -184,7 +184,7 @@ int32_t SceneGraphConverter::createMaterialData(int nodeIndex) {
              mScene->pTexture[material.nIdxTexDiffuse].pszName);
 
   createNodeHeader(ESGMaterial, nodeIndex);
-  mModel->createNode(record, ESGMaterial);
+  mModel->adoptNode(record, ESGMaterial);
   return static_cast<int32_t>(mModel->material.size()) - 1;
 }
 

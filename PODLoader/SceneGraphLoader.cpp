@@ -267,7 +267,7 @@ bool SceneGraphLoader::buildSceneGraph() {
       return false;
     }
     // Appended once its record is in place, so the model never holds a header without record.
-    m_model->createNodeHeader(h);
+    m_model->adoptNodeHeader(h);
   }
   return true;
 }
@@ -277,7 +277,6 @@ bool SceneGraphLoader::createRecord(SSGNodeHeader* h) {
   using Record = typename L::Record;
   static_assert(L::kFixedSize <= kLargestFixedPart, "fixed part buffer too small");
   const uint32_t fixed = L::kFixedSize;
-  auto& records = m_model->template sequence<L::kKind>();
 
   // The header's index is not checked: the record goes to the end of its kind's sequence, and
   // whoever looks a record up by index checks the range.
@@ -338,7 +337,7 @@ bool SceneGraphLoader::createRecord(SSGNodeHeader* h) {
 
   if constexpr (std::is_base_of<SSGQelMeshNodeData, Record>::value && L::kKind != ESGMeshNode) AimStreams(*r);
 
-  records.push_back(r);
+  m_model->adoptNode(r, L::kKind);
   m_blockBytes += fixed + arrays;
   return true;
 }

@@ -29,7 +29,7 @@ void BuildModel(QelSceneGraphModel& model, int meshes) {
     h->type = ESGMeshNode;
     std::snprintf(h->name, sizeof h->name, "Mesh%d", i);
     h->index = i;
-    model.createNodeHeader(h);
+    model.adoptNodeHeader(h);
     auto* m = SGNewRecord<SSGQelMeshNodeData>();
     m->numVertex = vertices;
     m->numFace = vertices;
@@ -38,7 +38,7 @@ void BuildModel(QelSceneGraphModel& model, int meshes) {
     Array(m->normalBuffer, vertices * 12);
     Array(m->faceBuffer, vertices * 6);
     Array(m->UVWBuffer, vertices * 8);
-    model.createNode(m, ESGMeshNode);
+    model.adoptNode(m, ESGMeshNode);
   }
   model.header.type = ESGFileHeader;
   model.header.version = 1;

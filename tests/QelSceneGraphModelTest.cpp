@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,38 @@ TEST_F(PODFileAccess, LazyLoadingJoinsDirectoryAndFileName) {
   EXPECT_EQ(model.PODFilePath, dir.file("scene.PODx"));
   EXPECT_FALSE(model.PODFile);
   EXPECT_EQ(Bytes(box->normal, 24), Pattern(60, 24));
+}
+
+// What a caller hands over with createNode and createNodeHeader stays the caller's: the model
+// copies a file header and keeps the other pointers, but frees none of them, nor their arrays.
+// Records made for the model and adopted are released with it (the leak checker would say).
+TEST(QelSceneGraphModel, KeepsTheCallersRecordsAndReleasesOnlyWhatItAdopted) {
+  SSGFileHeader fileHeader{};
+  fileHeader.type = ESGFileHeader;
+  fileHeader.totalNodeNumber = 2;
+  SSGNodeHeader lightHeader{};
+  lightHeader.type = ESGLightNode;
+  SSGQelLightNodeData light{};
+  light.colour[0] = 0.5f;
+  uint8_t vertices[12] = {1, 2, 3};
+  SSGQelMeshNodeData* mesh = SGNewRecord<SSGQelMeshNodeData>();
+  mesh->vertexBuffer.data = vertices;
+  mesh->vertexBuffer.length = sizeof vertices;
+  {
+    QelSceneGraphModel model;
+    model.createNode(&fileHeader, ESGFileHeader);
+    model.createNodeHeader(&lightHeader);
+    model.createNode(&light, ESGLightNode);
+    model.createNode(mesh, ESGMeshNode);
+    EXPECT_EQ(model.header.totalNodeNumber, 2u);
+    ASSERT_EQ(model.lightnode.size(), 1u);
+    EXPECT_EQ(model.lightnode[0], &light);
+    AddNode<SSGQelMarkerNodeData>(model, ESGMarkerNode, "Marker")->numAnimation = 3;
+  }
+  EXPECT_EQ(light.colour[0], 0.5f);
+  EXPECT_EQ(mesh->vertexBuffer.data, vertices);
+  EXPECT_EQ(vertices[2], 3);
+  std::free(mesh);
 }
 
 }  // namespace

@@ -24,9 +24,9 @@ T* AddNode(QelSceneGraphModel& model, ESGName kind, const char* name) {
   h->type = kind;
   std::memcpy(h->name, name, strnlen(name, sizeof h->name));
   h->index = static_cast<int32_t>(model.recordCount(kind));
-  model.createNodeHeader(h);
+  model.adoptNodeHeader(h);
   T* r = SGNewRecord<T>();
-  model.createNode(r, kind);
+  model.adoptNode(r, kind);
   return r;
 }
 

@@ -1,5 +1,6 @@
 #include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -119,6 +120,29 @@ TEST(SceneGraphWriter, NameOf128CharactersFillsTheFieldWithoutTerminator) {
   ASSERT_EQ(bytes.size(), 268u + 144u + 80u);
   EXPECT_EQ(std::string(bytes.begin() + 272, bytes.begin() + 400), name);
   EXPECT_EQ(U32At(bytes, 400), 412u);  // the offset follows the name directly
+}
+
+// Writing a path that is a link writes the file it leads to, as opening it would; the file
+// written over keeps its permissions.
+TEST(SceneGraphWriter, WritesThroughALinkAndKeepsTheFilesMode) {
+  QelSceneGraphModel model;
+  SetFileHeader(model, "a.PODx");
+  TempDir dir;
+  ASSERT_TRUE(WriteFileBytes(dir.file("real.qsn"), std::vector<uint8_t>(10, 1)));
+  ASSERT_EQ(chmod(dir.file("real.qsn").c_str(), 0600), 0);
+  ASSERT_EQ(symlink("real.qsn", dir.file("out.qsn").c_str()), 0);
+  SceneGraphWritter writer;
+  ASSERT_TRUE(writer.WritetoFile(dir.file("out.qsn"), &model)) << writer.lastError();
+  struct stat link;
+  ASSERT_EQ(lstat(dir.file("out.qsn").c_str(), &link), 0);
+  EXPECT_TRUE(S_ISLNK(link.st_mode));
+  EXPECT_EQ(ReadFileBytes(dir.file("real.qsn")).size(), 268u);
+  struct stat real;
+  ASSERT_EQ(stat(dir.file("real.qsn").c_str(), &real), 0);
+  EXPECT_EQ(real.st_mode & 0777, 0600u);
+  auto entries = DirEntries(dir.path());
+  std::sort(entries.begin(), entries.end());
+  EXPECT_EQ(entries, (std::vector<std::string>{"out.qsn", "real.qsn"}));  // no temporary left
 }
 
 // A failed write reports the path and the reason and leaves nothing behind.

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -58,16 +59,29 @@ void AtomicFile::Discard() {
 
 bool AtomicFile::Open() {
   Discard();
+  // A link is written through, as opening it would: the file it leads to is the one replaced
+  // (a link that leads nowhere is replaced itself).
+  m_target = m_path;
+  if (char* resolved = realpath(m_path.c_str(), nullptr)) {
+    m_target = resolved;
+    std::free(resolved);
+  }
   // mkstemp needs the six X at the end of the name; it never opens an existing file or link.
-  std::string name = m_path + ".tmp-XXXXXX";
+  std::string name = m_target + ".tmp-XXXXXX";
   const int fd = mkstemp(name.data());
   if (fd < 0) return Fail("cannot create a temporary file beside it", errno);
   m_tempPath = name;
   Track();
-  // mkstemp makes the file private; give it the mode a plainly created file would have.
-  const mode_t mask = umask(0);
-  umask(mask);
-  fchmod(fd, 0666 & ~mask);
+  // mkstemp makes the file private; give it the mode of the file it replaces, or the one a
+  // plainly created file would have.
+  struct stat existing;
+  if (stat(m_target.c_str(), &existing) == 0 && S_ISREG(existing.st_mode)) {
+    fchmod(fd, existing.st_mode & 07777);
+  } else {
+    const mode_t mask = umask(0);
+    umask(mask);
+    fchmod(fd, 0666 & ~mask);
+  }
   m_file = fdopen(fd, "wb");
   if (m_file == nullptr) {
     const int error = errno;
@@ -89,7 +103,7 @@ bool AtomicFile::Commit(bool writeFailed, int writeErrno) {
     Discard();
     return Fail("the write failed", writeError != 0 ? writeError : errno);
   }
-  if (std::rename(m_tempPath.c_str(), m_path.c_str()) != 0) {
+  if (std::rename(m_tempPath.c_str(), m_target.c_str()) != 0) {
     const int error = errno;
     Discard();
     return Fail("cannot replace it", error);

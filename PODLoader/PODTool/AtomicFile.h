@@ -1,6 +1,7 @@
 #pragma once
 // A file written so that its path never holds a partial file: the bytes go to a temporary file
-// beside the target, which replaces the target in one rename on Commit. Destroyed uncommitted,
+// beside the target, which replaces the target in one rename on Commit. As with a file opened for
+// writing, a link is written through and the file replaced keeps its permissions. Destroyed uncommitted,
 // the temporary file is removed and the target stays as it was; so it is when the run ends on
 // exhausted memory (Diagnostics.h), which removes every temporary file still open.
 
@@ -39,6 +40,7 @@ class AtomicFile {
   bool m_tracked = false;
 
   std::string m_path;
+  std::string m_target;  // the file replaced: the path, or where a link on it leads
   std::string m_tempPath;
   FILE* m_file = nullptr;
   std::string m_error;

@@ -121,10 +121,16 @@ bool QelSceneGraphModel::seekFile(uint32_t offset) {
   return std::fseek(PODFile.get(), static_cast<long>(offset), SEEK_SET) == 0;
 }
 
+size_t QelSceneGraphModel::readAt(uint8_t* buffer, size_t size, uint32_t offset) {
+  if (!PODFile || !seekFile(offset)) return 0;
+  return std::fread(buffer, 1, size, PODFile.get());
+}
+
+// Only a file that is not open, or a negative size, is refused; how much was read is not told.
 bool QelSceneGraphModel::readPODData(uint8_t* buffer, int size, uint32_t offset) {
   if (!PODFile || size < 0) return false;
-  if (!seekFile(offset)) return false;
-  return std::fread(buffer, 1, static_cast<size_t>(size), PODFile.get()) == static_cast<size_t>(size);
+  readAt(buffer, static_cast<size_t>(size), offset);
+  return true;
 }
 
 bool QelSceneGraphModel::loadStream(CPODData& stream, uint64_t bytes, uint32_t offset) {
@@ -139,7 +145,7 @@ bool QelSceneGraphModel::loadStream(CPODData& stream, uint64_t bytes, uint32_t o
   stream.pData = array;
   stream.nDataSize = static_cast<size_t>(bytes);
   // A short read leaves the rest of the array zero.
-  return readPODData(array, static_cast<int>(bytes), offset);
+  return readAt(array, static_cast<size_t>(bytes), offset) == bytes;
 }
 
 bool QelSceneGraphModel::loadMeshData(SSGQelMeshNode* mesh) {

@@ -49,7 +49,8 @@ class QelSceneGraphModel {
   bool openPODFile(const std::string& path);
   bool closePODFile();
   bool seekFile(uint32_t offset);
-  // Reads `size` bytes at `offset`; bytes the file does not hold are left as they were.
+  // Reads `size` bytes at `offset`; bytes the file does not hold are left as they were. True
+  // whenever the file is open and the size not negative, however much was read.
   bool readPODData(uint8_t* buffer, int size, uint32_t offset);
   // Reads the position, face, normal and texture-coordinate streams of a mesh into new arrays
   // aimed at by its CPODData.pData members. False when a stream is too large for the file (its
@@ -114,6 +115,8 @@ class QelSceneGraphModel {
   std::string PODFilePath;
 
  private:
+  // Reads up to `size` bytes at `offset`; returns how many were read.
+  size_t readAt(uint8_t* buffer, size_t size, uint32_t offset);
   // Reads one stream of `bytes` bytes at `offset` into a new zero-filled array kept by the model.
   bool loadStream(CPODData& stream, uint64_t bytes, uint32_t offset);
 

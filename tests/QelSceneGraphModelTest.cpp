@@ -60,6 +60,10 @@ TEST_F(PODFileAccess, LoadsEachStreamFromItsOffset) {
   std::vector<uint8_t> expected = Pattern(290, 10);
   expected.resize(16, 0);
   EXPECT_EQ(Bytes(m->UVW[0], 16), expected);
+  // Reading on its own does not tell a short read: the bytes the file holds arrive.
+  uint8_t tail[16] = {};
+  EXPECT_TRUE(model.readPODData(tail, 16, 290));
+  EXPECT_EQ(std::vector<uint8_t>(tail, tail + 16), expected);
 
   // Counts no file could hold are not allocated.
   m->numVertex = 0x40000000;

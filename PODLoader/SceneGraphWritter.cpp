@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <string>
 
 #include "pod/ByteIO.h"
 #include "pod/Diagnostics.h"
@@ -276,8 +277,14 @@ bool SceneGraphWritter::buildFileFormat() {
       uint64_t(m_model->nodeheader.size()) * kSGNodeHeaderSize + kSGFileHeaderSize;
   m_fileHeader = createFileHeader();
   uint64_t running = 0;
-  for (SSGNodeHeader* h : m_model->nodeheader) {
+  for (size_t i = 0; i < m_model->nodeheader.size(); ++i) {
+    SSGNodeHeader* h = m_model->nodeheader[i];
     if (h->type >= ESGMeshNode && h->type <= ESGAnimationCameraNode) {
+      // A model read from a file may hold a header whose index has no record of its kind.
+      const size_t records = m_model->recordCount(h->type);
+      if (h->index < 0 || static_cast<size_t>(h->index) >= records)
+        return fail("cannot write " + m_path + ": node header " + std::to_string(i) + " names record " +
+                    std::to_string(h->index) + " of its kind, which has " + std::to_string(records));
       uint64_t size = 0;
       korvex::SGDispatchKind(h->type, [&](auto layout) {
         using L = decltype(layout);

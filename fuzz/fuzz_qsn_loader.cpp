@@ -1,6 +1,7 @@
 // Feeds arbitrary bytes to the .qsn loader. A file that loads is written back and loaded again;
-// when every node header is of a written kind, the second load must succeed and a second write
-// must reproduce the first byte for byte.
+// when every node header is of a written kind and names its record in load order (the loader
+// appends records whatever the index says, the writer takes the record the index names), the
+// second load must succeed and a second write must reproduce the first byte for byte.
 
 #include <unistd.h>
 
@@ -48,8 +49,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   bool allWritten = true;
-  for (const SSGNodeHeader* h : model.nodeheader)
+  std::vector<int32_t> seen(ESGAnimationCameraNode - ESGMeshNode + 1, 0);
+  for (const SSGNodeHeader* h : model.nodeheader) {
     allWritten = allWritten && h->type >= ESGMeshNode && h->type <= ESGAnimationCameraNode;
+    if (allWritten) allWritten = h->index == seen[h->type - ESGMeshNode]++;
+  }
 
   const std::string first = ScratchDir() + "/first.qsn";
   const std::string second = ScratchDir() + "/second.qsn";

@@ -145,6 +145,33 @@ TEST(SceneGraphWriter, WritesThroughALinkAndKeepsTheFilesMode) {
   EXPECT_EQ(entries, (std::vector<std::string>{"out.qsn", "real.qsn"}));  // no temporary left
 }
 
+// Each header's block is the record its index names, wherever that record stands; an index with
+// no record of its kind cannot be written.
+TEST(SceneGraphWriter, EachHeaderWritesTheRecordItsIndexNames) {
+  QelSceneGraphModel model;
+  AddNode<SSGQelLightNodeData>(model, ESGLightNode, "first")->colour[0] = 1.0f;
+  AddNode<SSGQelLightNodeData>(model, ESGLightNode, "second")->colour[0] = 2.0f;
+  SetFileHeader(model, "a.PODx");
+  std::swap(model.nodeheader[0]->index, model.nodeheader[1]->index);
+  TempDir dir;
+  const std::vector<uint8_t> bytes = WriteModel(model, dir);
+  ASSERT_EQ(bytes.size(), 268u + 2 * 144 + 2 * 100);
+  float colour[2];
+  std::memcpy(&colour[0], &bytes[556 + 84], 4);  // header "first" holds the second record
+  std::memcpy(&colour[1], &bytes[656 + 84], 4);
+  EXPECT_EQ(colour[0], 2.0f);
+  EXPECT_EQ(colour[1], 1.0f);
+
+  model.nodeheader[1]->index = 2;
+  SceneGraphWritter writer;
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(writer.WritetoFile(dir.file("bad.qsn"), &model));
+  testing::internal::GetCapturedStderr();
+  EXPECT_NE(writer.lastError().find("node header 1 names record 2 of its kind, which has 2"), std::string::npos)
+      << writer.lastError();
+  EXPECT_EQ(DirEntries(dir.path()), std::vector<std::string>{"out.qsn"});
+}
+
 // A failed write reports the path and the reason and leaves nothing behind.
 TEST(SceneGraphWriter, FailedWritesLeaveNoFiles) {
   TempDir dir;

@@ -337,8 +337,8 @@ BoundingVolumeResult CreateObjectSpaceVolumes(PODMATRIXf* world, CPODData* verte
                                               float* boxCenter, float* boxMin, float* boxMax) {
   AssertPositions(vertex, "CreateBoundingSphere");
   if (count <= 0) return {false, false};
-  PODMATRIXf identity = {};
-  identity.f[0] = identity.f[5] = identity.f[10] = identity.f[15] = 1.0f;
+  PODMATRIXf identity;
+  PODMatrixIdentityF(identity);
   WorldBoxCheck check{world, vertex};
   if (count < 4) {
     check.done(count);

@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "convert/AnimationNodeConverter.h"
-#include "convert/BoundingVolumes.h"
 #include "pod/NodeEvaluator.h"
 #include "pod/PODModel.h"
 #include "convert/SceneGraphConverter.h"

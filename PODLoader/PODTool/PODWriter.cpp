@@ -65,12 +65,6 @@ const char* WhyUnwritable(const SPODMesh& m) {
     return "an interleaved block with no vertex stride";
   return nullptr;
 }
-template <class R>
-bool Writable(const R&) {
-  return true;
-}
-bool Writable(const SPODMesh& m) { return WhyUnwritable(m) == nullptr; }
-
 // The stream a weld rebuilds a stream as; false for the streams it leaves in their old order
 // (tangents, binormals, colours, texture-coordinate sets beyond the second).
 bool WeldedAs(const PODVertexStream& stream, EPODWeldStream& welded) {
@@ -87,71 +81,6 @@ bool WeldedAs(const PODVertexStream& stream, EPODWeldStream& welded) {
   }
 }
 
-// The blocks of a stream's table. Its data is nLen bytes of its own array, or, for a stream a
-// weld rebuilds, the rebuilt array gathered from the old streams a slice at a time.
-struct StreamWriter : korvex::PODFieldVisitor {
-  FILE* f;
-  const SPODMesh* mesh;
-  const SPODMeshWeld* weld;
-  EPODWeldStream welded;
-  unsigned int nLen;
-  bool withData;
-  bool ok = true;
-
-  template <class T>
-  void word(unsigned int tag, const char*, const T& v) {
-    ok = ok && WriteValue(f, tag, v);
-  }
-  void payload(unsigned int tag, const char*, const CPODData& d) {
-    if (!ok) return;
-    if (weld != nullptr) {
-      ok = WriteGathered(tag);
-    } else if (withData) {
-      ok = WriteData(f, tag, d.pData, nLen);
-    } else {
-      ok = WriteData(f, tag, static_cast<unsigned int>(reinterpret_cast<uintptr_t>(d.pData)));
-    }
-  }
-  bool WriteGathered(unsigned int tag) {
-    // Slices large enough that the file's buffer passes most of them on without copying.
-    static const size_t kSlice = 1 << 18;
-    uint8_t* slice = static_cast<uint8_t*>(
-        korvex::AllocateUnfilled(std::min<size_t>(nLen, kSlice), "a stream slice"));
-    bool good = WriteMarker(f, tag, false, nLen);
-    for (size_t at = 0; good && at < nLen; at += kSlice) {
-      const size_t count = std::min<size_t>(nLen - at, kSlice);
-      good = PODMeshWeldGather(*mesh, *weld, welded, at, count, slice) &&
-             WriteFileSafe(f, slice, static_cast<unsigned int>(count));
-    }
-    free(slice);
-    return good && WriteMarker(f, tag, true, 0);
-  }
-};
-
-// A stream container of `mesh` (null: a stream on its own), rebuilt as `welded` when the mesh's
-// weld (null: none) rebuilds it. False, before anything is written,
-// when the data is asked for beyond what the stream holds, or when an interleaved stream holds
-// an array of its own (a file with the interleaved block after the streams) and so has no
-// offset to write.
-bool WriteStream(FILE* f, unsigned int nName, const CPODData& data, unsigned int nCount,
-                 bool bValidData, const SPODMesh* mesh = nullptr, const SPODMeshWeld* meshWeld = nullptr,
-                 EPODWeldStream welded = EPODWeldStream::Faces) {
-  const SPODMeshWeld* weld =
-      mesh && meshWeld && PODMeshWeldedStream(*mesh, *meshWeld, welded) ? meshWeld : nullptr;
-  unsigned int nLen = 0;
-  if (weld != nullptr) {
-    if (!ArrayLength(nCount, data.nStride, PODMeshWeldedBytes(*mesh, *weld, welded), nLen)) return false;
-  } else if (bValidData) {
-    if (data.pData && !ArrayLength(nCount, data.nStride, data.nDataSize, nLen)) return false;
-  } else if (data.nDataSize != 0 || reinterpret_cast<uintptr_t>(data.pData) > 0xFFFFFFFFu) {
-    return false;
-  }
-  StreamWriter writer{{}, f, mesh, weld, welded, nLen, bValidData};
-  if (!WriteMarker(f, nName, false, 0)) return false;
-  korvex::DescribePOD(data, writer);
-  return writer.ok && WriteMarker(f, nName, true, 0);
-}
-
 // A mesh as the save writes it: welded, it holds the vertices its weld keeps (null: as it is).
 const SPODMesh& AsWritten(const SPODMesh& mesh, const SPODMeshWeld* weld, SPODMesh& welded) {
   if (weld == nullptr) return mesh;
@@ -165,122 +94,140 @@ const SPODMeshWeld* WeldOf(const PODWeldPlan* plan, uint32_t index) {
   return plan != nullptr ? plan->weld(index) : nullptr;
 }
 
-// Writes the blocks of a record's table in its order.
+// Writes the blocks of a record's table in its order. Without a file it writes nothing and
+// names the first member whose write would read beyond what the member holds; a missing name or
+// record array is then not its concern, nor a stream a weld rebuilds (the weld is checked whole).
 struct BlockWriter : korvex::PODFieldVisitor {
-  FILE* f;
-  unsigned int nNumFrame;
+  FILE* f;  // null: a check
+  unsigned int nNumFrame = 0;
   const PODWeldPlan* plan = nullptr;
+  bool ok = true;
+  std::string shortfall = std::string();
+  const char* kind = nullptr;  // the record being written, for the shortfall's text
+  uint32_t index = 0;
+  // The mesh being written, as written, and its weld (null: none).
   const SPODMesh* mesh = nullptr;
   const SPODMeshWeld* weld = nullptr;
   SPODMesh welded{};
-  bool ok = true;
+  // The stream being written: its data length, whether it holds data (else an offset), and the
+  // weld that rebuilds it as `rebuiltAs` (null: written from its own array).
+  unsigned int nLen = 0;
+  bool withData = true;
+  const SPODMeshWeld* rebuild = nullptr;
+  EPODWeldStream rebuiltAs = EPODWeldStream::Faces;
+
+  // A write that would read beyond what a member holds fails; a check names the first.
+  void Short(const std::string& what) {
+    if (!f && ok) shortfall = (kind ? std::string(kind) + " " + std::to_string(index) + ": " : "") + what;
+    ok = false;
+  }
+  template <class W>
+  void Put(W&& write) {
+    ok = ok && (!f || write());
+  }
 
   template <class T>
   void word(unsigned int tag, const char*, const T& v) {
-    ok = ok && WriteValue(f, tag, v);
+    Put([&] { return WriteValue(f, tag, v); });
   }
-  void real(unsigned int tag, const char*, float v) { ok = ok && WriteValue(f, tag, v); }
-  void reals(unsigned int tag, const char*, const float (&v)[3]) { ok = ok && WriteData(f, tag, v); }
+  void real(unsigned int tag, const char*, float v) { word(tag, nullptr, v); }
+  void reals(unsigned int tag, const char*, const float (&v)[3]) { Put([&] { return WriteData(f, tag, v); }); }
   void text(unsigned int tag, const char*, const char* p, bool needed, bool) {
-    ok = ok && (needed ? WriteName(f, tag, p) : (!p || WriteName(f, tag, p)));
-  }
-  // No block when absent; a negative count (bone counts are signed) is no length at all.
-  template <class T>
-  void array(unsigned int tag, const char*, const T* p, size_t bytes, int64_t count, bool) {
-    unsigned int nLen;
-    ok = ok && (!p || (count >= 0 && ArrayLength(uint64_t(count), sizeof(T), bytes, nLen) &&
-                       (sizeof(T) == 1 ? WriteData(f, tag, p, nLen) : WriteDataWords(f, tag, p, nLen))));
-  }
-  void frames(unsigned int tag, const char*, const float* p, size_t bytes, unsigned int perFrame,
-              bool everyFrame, bool) {
-    unsigned int nLen;
-    ok = ok && (!p || (ArrayLength(everyFrame ? nNumFrame : 1, 4 * uint64_t{perFrame}, bytes, nLen) &&
-                       WriteDataWords(f, tag, p, nLen)));
+    Put([&] { return (!needed && !p) || WriteName(f, tag, p); });
   }
   template <class T>
   void count(unsigned int tag, const char*, uint32_t n, const T*) {
-    ok = ok && WriteValue(f, tag, n);
+    word(tag, nullptr, n);
   }
   template <class... A>
   void uvCount(unsigned int tag, const char*, uint32_t n, A&&...) {
-    ok = ok && WriteValue(f, tag, n);
+    word(tag, nullptr, n);
+  }
+  // No block when absent; a negative count (bone counts are signed) is no length at all.
+  template <class T>
+  void array(unsigned int tag, const char* name, const T* p, size_t bytes, int64_t count, bool) {
+    unsigned int n;
+    if (!ok || !p) return;
+    if (count < 0 || !ArrayLength(uint64_t(count), sizeof(T), bytes, n))
+      return Short(std::string(name) + " holds fewer than its " + std::to_string(count) + " elements");
+    Put([&] { return sizeof(T) == 1 ? WriteData(f, tag, p, n) : WriteDataWords(f, tag, p, n); });
+  }
+  void frames(unsigned int tag, const char* name, const float* p, size_t bytes, unsigned int perFrame,
+              bool everyFrame, bool) {
+    const uint64_t keys = everyFrame ? nNumFrame : 1;
+    unsigned int n;
+    if (!ok || !p) return;
+    if (!ArrayLength(keys, 4 * uint64_t{perFrame}, bytes, n))
+      return Short(std::string(name) + " holds fewer than " + std::to_string(keys) + " keys");
+    Put([&] { return WriteDataWords(f, tag, p, n); });
   }
   // Records of one kind in array order; a count without its array cannot be written.
   template <class T>
-  void records(unsigned int tag, const char*, const T* array, uint32_t count) {
-    ok = ok && (count == 0 || array != nullptr);
-    for (uint32_t i = 0; ok && i < count; ++i) {
+  void records(unsigned int tag, const char* name, const T* array, uint32_t count) {
+    if (array == nullptr) ok = ok && (count == 0 || !f);
+    for (uint32_t i = 0; ok && array != nullptr && i < count; ++i) {
+      kind = name;
+      index = i;
       const T* record = &array[i];
       if constexpr (std::is_same<T, SPODMesh>::value) {
-        weld = WeldOf(plan, i);  // known to fit (PlanFits)
+        weld = WeldOf(plan, i);  // a save knows it to fit (PlanFits)
+        if (!f && weld != nullptr && !PODMeshWeldFits(array[i], *weld))
+          return Short("its streams have changed since it was welded");
         record = mesh = &AsWritten(array[i], weld, welded);
+        if (const char* why = WhyUnwritable(*record)) return Short(why);
       }
-      ok = ok && Writable(*record) && WriteMarker(f, tag, false, 0);
+      Put([&] { return WriteMarker(f, tag, false, 0); });
       korvex::DescribePOD(*record, *this);
-      ok = ok && WriteMarker(f, tag, true, 0);
+      Put([&] { return WriteMarker(f, tag, true, 0); });
     }
   }
-  void stream(const PODVertexStream& s, const CPODData& d, bool withData) {
-    const unsigned int nCount = s.tag == PODTag::MeshFaces ? PODModelCountIndices(*mesh) : mesh->nNumVertex;
-    EPODWeldStream rebuilt = EPODWeldStream::Faces;
-    const bool weldable = WeldedAs(s, rebuilt);
-    ok = ok && WriteStream(f, s.tag, d, nCount, withData, weldable ? mesh : nullptr, weld, rebuilt);
-  }
-};
-
-// The first member that writing a scene would read beyond what it holds: the same length rules
-// as the writer's, said in words.
-struct Shortfall : korvex::PODFieldVisitor {
-  unsigned int nNumFrame;
-  const PODWeldPlan* plan = nullptr;
-  std::string where;
-  const SPODMesh* mesh = nullptr;
-  const SPODMeshWeld* weld = nullptr;
-  SPODMesh welded{};
-  std::string found;
-
-  void Found(const char* name, const std::string& what) {
-    if (found.empty()) found = where + std::string(name) + " " + what;
-  }
-  template <class T>
-  void array(unsigned int, const char* name, const T* p, size_t bytes, int64_t count, bool) {
-    unsigned int nLen;
-    if (p && (count < 0 || !ArrayLength(uint64_t(count), sizeof(T), bytes, nLen)))
-      Found(name, "holds fewer than its " + std::to_string(count) + " elements");
-  }
-  void frames(unsigned int, const char* name, const float* p, size_t bytes, unsigned int perFrame,
-              bool everyFrame, bool) {
-    const uint64_t keys = everyFrame ? nNumFrame : 1;
-    unsigned int nLen;
-    if (p && !ArrayLength(keys, 4 * uint64_t{perFrame}, bytes, nLen))
-      Found(name, "holds fewer than " + std::to_string(keys) + " keys");
-  }
-  template <class T>
-  void records(unsigned int, const char* kind, const T* array, uint32_t count) {
-    for (uint32_t i = 0; array != nullptr && i < count && found.empty(); ++i) {
-      where = std::string(kind) + " " + std::to_string(i) + ": ";
-      const T* record = &array[i];
-      if constexpr (std::is_same<T, SPODMesh>::value) {
-        weld = WeldOf(plan, i);
-        if (weld != nullptr && !PODMeshWeldFits(array[i], *weld))
-          found = where + "its streams have changed since it was welded";
-        record = mesh = &AsWritten(array[i], weld, welded);
-        const char* why = WhyUnwritable(*record);
-        if (why != nullptr && found.empty()) found = where + why;
-      }
-      korvex::DescribePOD(*record, *this);
-    }
-  }
-  // A stream a weld rebuilds is written from the weld, whatever its own array holds.
-  void stream(const PODVertexStream& s, const CPODData& d, bool withData) {
-    EPODWeldStream rebuilt = EPODWeldStream::Faces;
-    if (weld && WeldedAs(s, rebuilt) && PODMeshWeldedStream(*mesh, *weld, rebuilt)) return;
+  void stream(const PODVertexStream& s, const CPODData& d, bool data) {
     const unsigned int count = s.tag == PODTag::MeshFaces ? PODModelCountIndices(*mesh) : mesh->nNumVertex;
-    unsigned int nLen;
-    if (withData && d.pData && !ArrayLength(count, d.nStride, d.nDataSize, nLen))
-      Found(s.name, "is shorter than its " + std::to_string(count) + " elements");
-    if (!withData && (d.nDataSize != 0 || reinterpret_cast<uintptr_t>(d.pData) > 0xFFFFFFFFu))
-      Found(s.name, "holds an array of its own in an interleaved mesh");
+    const bool rebuilt = weld && WeldedAs(s, rebuiltAs) && PODMeshWeldedStream(*mesh, *weld, rebuiltAs);
+    Stream(s.tag, s.name, d, count, data, rebuilt ? weld : nullptr);
+  }
+  // A stream container of `count` elements. Refused before anything is written when the data is
+  // asked for beyond what the stream (or its weld) holds, or when an interleaved stream holds an
+  // array of its own (a file with the interleaved block after the streams) and so has no offset.
+  void Stream(unsigned int tag, const char* name, const CPODData& d, unsigned int count, bool data,
+              const SPODMeshWeld* w) {
+    if (!ok || (w && !f)) return;
+    nLen = 0;
+    withData = data;
+    rebuild = w;
+    if (w != nullptr) {
+      ok = ArrayLength(count, d.nStride, PODMeshWeldedBytes(*mesh, *w, rebuiltAs), nLen);
+    } else if (data) {
+      if (d.pData && !ArrayLength(count, d.nStride, d.nDataSize, nLen))
+        Short(std::string(name) + " is shorter than its " + std::to_string(count) + " elements");
+    } else if (d.nDataSize != 0 || reinterpret_cast<uintptr_t>(d.pData) > 0xFFFFFFFFu) {
+      Short(std::string(name) + " holds an array of its own in an interleaved mesh");
+    }
+    Put([&] { return WriteMarker(f, tag, false, 0); });
+    korvex::DescribePOD(d, *this);
+    Put([&] { return WriteMarker(f, tag, true, 0); });
+  }
+  // A stream's data: nLen bytes of its own array, its offset, or the array its weld rebuilds,
+  // gathered from the old streams a slice at a time.
+  void payload(unsigned int tag, const char*, const CPODData& d) {
+    if (!ok || !f) return;
+    if (rebuild == nullptr) {
+      ok = withData ? WriteData(f, tag, d.pData, nLen)
+                    : WriteData(f, tag, static_cast<unsigned int>(reinterpret_cast<uintptr_t>(d.pData)));
+      return;
+    }
+    // Slices large enough that the file's buffer passes most of them on without copying.
+    static const size_t kSlice = 1 << 18;
+    uint8_t* slice = static_cast<uint8_t*>(
+        korvex::AllocateUnfilled(std::min<size_t>(nLen, kSlice), "a stream slice"));
+    ok = WriteMarker(f, tag, false, nLen);
+    for (size_t at = 0; ok && at < nLen; at += kSlice) {
+      const size_t n = std::min<size_t>(nLen - at, kSlice);
+      ok = PODMeshWeldGather(*mesh, *rebuild, rebuiltAs, at, n, slice) &&
+           WriteFileSafe(f, slice, static_cast<unsigned int>(n));
+    }
+    free(slice);
+    ok = ok && WriteMarker(f, tag, true, 0);
   }
 };
 
@@ -331,7 +278,9 @@ bool WriteData(FILE* pFile, unsigned int nName, const float (&pf)[3]) {
 
 bool WriteCPODData(FILE* pFile, unsigned int nName, const CPODData& data, unsigned int nCount,
                    bool bValidData) {
-  return WriteStream(pFile, nName, data, nCount, bValidData);
+  BlockWriter writer{{}, pFile};
+  writer.Stream(nName, "", data, nCount, bValidData, nullptr);
+  return writer.ok;
 }
 
 namespace {
@@ -385,11 +334,11 @@ bool WritePOD(FILE* pFile, const char* pszExpOpt, const SPODScene& s, const PODW
 }
 
 std::string PODWriteShortfall(const SPODScene& s, const PODWeldPlan* plan) {
-  Shortfall shortfall{{}, s.nNumFrame, plan, "", nullptr, nullptr, {}, ""};
+  BlockWriter check{{}, nullptr, s.nNumFrame, plan};
   for (uint32_t m = s.nNumMesh; plan != nullptr && m < plan->meshes(); ++m)
     if (plan->weld(m) != nullptr) return "mesh " + std::to_string(m) + ": welded, but the scene has no such mesh";
-  korvex::DescribePOD(s, shortfall);
-  return shortfall.found;
+  korvex::DescribePOD(s, check);
+  return check.shortfall;
 }
 
 bool CPODScene::SavePOD(const char* pszFilename, const char* pszExpOpt) {

@@ -25,79 +25,57 @@ constexpr unsigned int kEnd = PODTag::End;
 // The smallest record container: its start and end markers.
 constexpr unsigned int kMinRecordBytes = 16;
 
-// One kind of record of the scene being read: its count, how many records its array has room
-// for, and how many of its blocks were read.
-struct RecordSlots {
-  const void* array = nullptr;  // the scene's array member
-  uint32_t* count = nullptr;
-  uint32_t capacity = 0;
-  unsigned int read = 0;
-  std::string plural;
-  unsigned int Pending() const { return read < *count ? *count - read : 0; }
-};
-
-// The six record kinds of a scene, in the order its table lists the records.
-class SceneBook {
+// The records of each kind of the scene being read (indexed by EPODRecord, in the order its
+// table lists the records): the count, how many records its array has room for, and how many
+// were read. Records in the room beyond the count (a count of 0 keeps the array it finds) are
+// never read by anyone; what they hold is released once the scene is read, as far as it goes.
+class SceneBook : public korvex::PODFieldVisitor {
  public:
-  explicit SceneBook(SPODScene& s) : m_scene(s) {
-    Enrol enrol{{}, *this};
-    DescribePOD(s, enrol);
-  }
-  // Records in the room beyond the count (a count of 0 keeps the array it finds) are never read
-  // by anyone; what they hold is released once the scene is read, as far as it goes.
+  struct Kind {
+    uint32_t* count = nullptr;
+    uint32_t capacity = 0, read = 0;
+    const char* name = "";
+    uint32_t Pending() const { return read < *count ? *count - read : 0; }
+  };
+  explicit SceneBook(SPODScene& s) : m_scene(s) { DescribePOD(s, *this); }
   ~SceneBook() {
-    ReleaseBeyondCount release{{}, *this};
-    DescribePOD(m_scene, release);
+    m_closing = true;
+    DescribePOD(m_scene, *this);
   }
   SceneBook(const SceneBook&) = delete;
   SceneBook& operator=(const SceneBook&) = delete;
 
-  RecordSlots& Of(const void* array) {
-    for (RecordSlots& k : m_kinds) {
-      if (k.array == array) return k;
-    }
-    return m_kinds[0];  // every array member of the table is enrolled
+  template <class T>
+  Kind& Of() {
+    return m_kinds[static_cast<size_t>(PODLayout<T>::kRecord)];
   }
   // Records announced but not yet read, of all kinds but `kind`.
-  size_t PendingExcept(const RecordSlots& kind) const {
+  size_t PendingExcept(const Kind& kind) const {
     size_t n = 0;
-    for (const RecordSlots& k : m_kinds) n += &k == &kind ? 0 : k.Pending();
+    for (const Kind& k : m_kinds) n += &k == &kind || !k.count ? 0 : k.Pending();
     return n;
   }
   // "" when every count equals the records read, else which one differs first.
   std::string Mismatch() const {
-    for (const RecordSlots& k : m_kinds) {
-      if (*k.count != k.read)
-        return std::to_string(*k.count) + " " + k.plural + " declared, " + std::to_string(k.read) +
-               " held";
+    for (const Kind& k : m_kinds) {
+      if (k.count && *k.count != k.read)
+        return std::to_string(*k.count) + " " + k.name + (k.name[std::strlen(k.name) - 1] == 'h' ? "es" : "s") +
+               " declared, " + std::to_string(k.read) + " held";
     }
     return std::string();
   }
+  // The table's walk: enrols each kind, and at the close releases the records beyond its count.
+  template <class T>
+  void records(unsigned int, const char* name, T*& array, uint32_t& count) {
+    Kind& k = Of<T>();
+    if (!m_closing) k = Kind{&count, array ? count : 0, 0, name};
+    for (uint32_t i = count; m_closing && array != nullptr && i < k.capacity; ++i) PODModelRelease(array[i]);
+  }
 
  private:
-  struct Enrol : korvex::PODFieldVisitor {
-    SceneBook& book;
-    template <class T>
-    void records(unsigned int, const char* name, T*& array, uint32_t& count) {
-      RecordSlots& k = book.m_kinds[book.m_enrolled++];
-      k.array = &array;
-      k.count = &count;
-      k.capacity = array ? count : 0;
-      k.plural = std::string(name) + (name[std::strlen(name) - 1] == 'h' ? "es" : "s");
-    }
-  };
-  struct ReleaseBeyondCount : korvex::PODFieldVisitor {
-    SceneBook& book;
-    template <class T>
-    void records(unsigned int, const char*, T*& array, uint32_t count) {
-      const RecordSlots& k = book.Of(&array);
-      for (uint32_t i = count; array != nullptr && i < k.capacity; ++i) PODModelRelease(array[i]);
-    }
-  };
-
   SPODScene& m_scene;
-  RecordSlots m_kinds[6];
-  size_t m_enrolled = 0;
+  Kind m_kinds[9];
+  bool m_closing = false;
 };
 
 // What one record's reading keeps between its blocks.
@@ -112,74 +90,40 @@ struct ReadState {
 template <class R>
 bool ReadRecord(R& r, CSource& src, unsigned int container, ReadState& st);
 
-// Every record of an array that the reader made, released with the array.
+// What a record the reader made holds: a record's names and arrays, a descriptor's own array.
 template <typename T>
-void ReleaseRecordArray(T*& array, uint32_t capacity) {
+void ReleaseHeld(T& record) {
+  PODModelRelease(record);
+}
+void ReleaseHeld(CPODData& d) { korvex::PODRecordArraysRelease().stream({}, d, false); }
+
+// Every record of an array that the reader made, released with the array.
+template <typename T, typename C>
+void ReleaseRecordArray(T*& array, C& capacity) {
   if (array == nullptr) return;
-  for (uint32_t i = 0; i < capacity; ++i) PODModelRelease(array[i]);
+  for (C i = 0; i < capacity; ++i) ReleaseHeld(array[i]);
   PODReaderReleased(size_t(capacity) * sizeof(T));
   free(array);
   array = nullptr;
 }
 
-// A record count. Every announced record still needs a container of at least 16 bytes in what is
-// left of the file, so a count the file cannot hold fails before anything is allocated.
-//
-// A second count for the same records gives a fresh zeroed array, as the first did, and the
-// running counter goes on from where it was. The earlier array is released rather than leaked;
-// a count of 0 allocates nothing and leaves the array in place.
-template <typename T>
-bool ReadCount(CSource& src, SceneBook& book, T*& array) {
-  RecordSlots& kind = book.Of(&array);
+// A count that allocates its records (or a mesh's texture-coordinate descriptors): a fresh
+// zeroed array, the earlier one released rather than leaked, for a second count as for the
+// first; a count of 0 allocates nothing and keeps the array. Every record announced and not yet
+// read (`unread` of the count) needs a container of at least 16 bytes in what is left of the
+// file, so a count the file cannot hold fails before anything is allocated.
+template <typename T, typename C, typename Unread>
+bool ReadCount(CSource& src, uint32_t& n, T*& array, C& capacity, Unread&& unread, const char* what) {
   unsigned int count;
   if (!src.Read(count)) return false;
-  if (count == 0) {
-    *kind.count = 0;
-    return true;
-  }
-  const size_t budget = src.GetRemaining() / kMinRecordBytes;
-  const size_t others = book.PendingExcept(kind);
-  const size_t pending = count > kind.read ? count - kind.read : 0;
-  if (others > budget || pending > budget - others)
-    return src.Fail(EPODReadFailure::TooManyRecords, std::to_string(count) + " records");
-  T* fresh = nullptr;
-  if (!SafeAlloc(fresh, count))
-    return src.Fail(EPODReadFailure::OutOfMemory, std::to_string(count) + " records");
-  ReleaseRecordArray(array, kind.capacity);
-  array = fresh;
-  kind.capacity = count;
-  *kind.count = count;
-  return true;
-}
-
-// The descriptors of a mesh's texture-coordinate streams and whatever arrays they own.
-void ReleaseUVWStreams(CPODData*& sets, size_t& held) {
-  if (sets == nullptr) return;
-  for (size_t k = 0; k < held; ++k) {
-    if (sets[k].nDataSize != 0 && !sets[k].bBorrowed) free(sets[k].pData);
-  }
-  PODReaderReleased(held * sizeof(CPODData));
-  free(sets);
-  sets = nullptr;
-  held = 0;
-}
-
-// The count of texture-coordinate streams allocates their descriptors. Each stream needs a
-// container of its own in what is left of the file. A second count gives fresh descriptors, as
-// the first did; the earlier ones are released rather than leaked. A count of 0 allocates
-// nothing and keeps them.
-bool ReadUVCount(CSource& src, uint32_t& n, CPODData*& sets, size_t& held) {
-  unsigned int count;
-  if (!src.Read(count)) return false;
-  const std::string what = std::to_string(count) + " texture-coordinate streams";
-  if (count > src.GetRemaining() / kMinRecordBytes)
-    return src.Fail(EPODReadFailure::TooManyRecords, what);
   if (count != 0) {
-    CPODData* fresh = nullptr;
-    if (!SafeAlloc(fresh, count)) return src.Fail(EPODReadFailure::OutOfMemory, what);
-    ReleaseUVWStreams(sets, held);
-    sets = fresh;
-    held = count;
+    if (unread(count) > src.GetRemaining() / kMinRecordBytes)
+      return src.Fail(EPODReadFailure::TooManyRecords, std::to_string(count) + what);
+    T* fresh = nullptr;
+    if (!SafeAlloc(fresh, count)) return src.Fail(EPODReadFailure::OutOfMemory, std::to_string(count) + what);
+    ReleaseRecordArray(array, capacity);
+    array = fresh;
+    capacity = count;
   }
   n = count;
   return true;
@@ -260,19 +204,23 @@ struct BlockReader : korvex::PODFieldVisitor {
   void frames(unsigned int t, const char*, float*& p, size_t& bytes, unsigned int, bool, bool) {
     if (Is(t)) ok = src.ReadAfterAlloc(p, nLen, bytes);
   }
+  // The running counter of a kind goes on from where it was.
   template <class T>
-  void count(unsigned int t, const char*, uint32_t&, T*& records) {
-    if (Is(t)) ok = ReadCount(src, *st.book, records);
+  void count(unsigned int t, const char*, uint32_t& n, T*& records) {
+    if (!Is(t)) return;
+    SceneBook::Kind& k = st.book->Of<T>();
+    auto unread = [&](uint32_t c) { return st.book->PendingExcept(k) + (c > k.read ? c - k.read : 0); };
+    ok = ReadCount(src, n, records, k.capacity, unread, " records");
   }
   void uvCount(unsigned int t, const char*, uint32_t& n, CPODData*& sets, size_t& held) {
-    if (Is(t)) ok = ReadUVCount(src, n, sets, held);
+    if (Is(t)) ok = ReadCount(src, n, sets, held, [](uint32_t c) { return size_t{c}; }, " texture-coordinate streams");
   }
   // The next record of a kind goes into the slot given by the number read so far; a record with
   // no slot in the array (before its count, or beyond the room there is) fails the scene at once.
   template <class T>
   void records(unsigned int t, const char*, T*& array, uint32_t) {
     if (!Is(t)) return;
-    RecordSlots& kind = st.book->Of(&array);
+    SceneBook::Kind& kind = st.book->Of<T>();
     const unsigned int slot = kind.read;
     CSource::Container container(src, PODLayout<T>::kRecord, slot, t);
     if (array == nullptr || slot >= kind.capacity) {

@@ -81,19 +81,6 @@ bool WeldedAs(const PODVertexStream& stream, EPODWeldStream& welded) {
   }
 }
 
-// A mesh as the save writes it: welded, it holds the vertices its weld keeps (null: as it is).
-const SPODMesh& AsWritten(const SPODMesh& mesh, const SPODMeshWeld* weld, SPODMesh& welded) {
-  if (weld == nullptr) return mesh;
-  welded = mesh;
-  welded.nNumVertex = weld->nKept;
-  return welded;
-}
-
-// The weld `plan` holds for mesh `index`; null without a plan.
-const SPODMeshWeld* WeldOf(const PODWeldPlan* plan, uint32_t index) {
-  return plan != nullptr ? plan->weld(index) : nullptr;
-}
-
 // Writes the blocks of a record's table in its order. Without a file it writes nothing and
 // names the first member whose write would read beyond what the member holds; a missing name or
 // record array is then not its concern, nor a stream a weld rebuilds (the weld is checked whole).
@@ -170,10 +157,16 @@ struct BlockWriter : korvex::PODFieldVisitor {
       index = i;
       const T* record = &array[i];
       if constexpr (std::is_same<T, SPODMesh>::value) {
-        weld = WeldOf(plan, i);  // a save knows it to fit (PlanFits)
+        // Welded, the mesh holds the vertices its weld keeps; a save knows the weld to fit.
+        weld = plan != nullptr ? plan->weld(i) : nullptr;
         if (!f && weld != nullptr && !PODMeshWeldFits(array[i], *weld))
           return Short("its streams have changed since it was welded");
-        record = mesh = &AsWritten(array[i], weld, welded);
+        if (weld != nullptr) {
+          welded = array[i];
+          welded.nNumVertex = weld->nKept;
+          record = &welded;
+        }
+        mesh = record;
         if (const char* why = WhyUnwritable(*record)) return Short(why);
       }
       Put([&] { return WriteMarker(f, tag, false, 0); });
@@ -267,13 +260,7 @@ bool WriteData(FILE* pFile, unsigned int nName, EPODDataType e) {
 bool WriteData(FILE* pFile, unsigned int nName, EPODLight e) { return WriteValue(pFile, nName, e); }
 
 bool WriteData(FILE* pFile, unsigned int nName, const float (&pf)[3]) {
-  uint8_t b[12];
-  for (int i = 0; i < 3; ++i) {
-    uint32_t w;
-    memcpy(&w, &pf[i], 4);
-    korvex::StoreU32LE(b + 4 * i, w);
-  }
-  return WriteData(pFile, nName, b, 12);
+  return WriteDataWords(pFile, nName, pf, 12);
 }
 
 bool WriteCPODData(FILE* pFile, unsigned int nName, const CPODData& data, unsigned int nCount,

@@ -1,6 +1,9 @@
 #include "edit/VertexReduction.h"
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -643,11 +646,52 @@ uint32_t CountAfterWelds(const SPODMesh& mesh, uint32_t index, const PODWeldPlan
   return weld != nullptr ? weld->nKept : mesh.nNumVertex;
 }
 
+// A mesh's weld as the reduction makes it, or why the mesh is left as it is. It depends on the
+// mesh's streams alone (texture-coordinate sets beyond the second are not read), so it may be made
+// ahead of the loop that prints.
+struct MeshWeld {
+  SPODMeshWeld* weld = nullptr;
+  const char* why = nullptr;
+};
+
+MeshWeld MakeWeld(const SPODMesh& mesh, bool useUV, bool nearly, ReductionScratch& scratch) {
+  size_t addressable = 0;  // old vertices the indices can reach
+  if (const char* why = WhyNotReducible(mesh, addressable)) return {nullptr, why};
+
+  const uint32_t uvSets = std::min(mesh.nNumUVW, kMaxUVSets);
+  const uint32_t uvSetsCompared = useUV ? uvSets : 0;
+  const size_t corners = static_cast<size_t>(mesh.nNumFaces) * 3;
+
+  MeshStreams streams{mesh.sVertex.pData, {}, uvSets, mesh.sFaces.pData, corners, addressable};
+  for (uint32_t k = 0; k < uvSets; ++k) streams.uvs[k] = mesh.psUVW[k].pData;
+  Scan(streams, uvSetsCompared, nearly, scratch);
+
+  const std::vector<buffer>& entries = scratch.entries;
+  const size_t n = scratch.kept;
+  SPODMeshWeld* weld = PODMeshWeldCreate(static_cast<uint32_t>(n), !scratch.perCorner, addressable, corners);
+  weld->nUVW = uvSets;
+  weld->bBones = mesh.sBoneBatches.nBatchCnt > 0;
+  // Old vertex indices are below 65,536: they come from 16-bit indices.
+  for (size_t e = 0; e < n; ++e) {
+    weld->pnSource[e] = static_cast<uint16_t>(entries[e].source);
+    weld->pnNormalFrom[e] = static_cast<uint16_t>(entries[e].normalFrom);
+  }
+  if (scratch.perCorner) {
+    std::copy(scratch.newFaces.begin(), scratch.newFaces.begin() + corners, weld->pnCornerKept);
+  } else {
+    // Without such vertices fewer than 65,536 are kept. Vertices no corner uses map to 0.
+    for (size_t i = 0; i < addressable; ++i)
+      weld->pnKeptOf[i] = static_cast<uint16_t>(std::max(KeptOfMemo(scratch.resolved[i]), 0));
+  }
+  PODMeshWeldNote(*weld, mesh, addressable);
+  return {weld, nullptr};
+}
+
 // Reduces the mesh (mesh `index` of its scene); null when done, otherwise why the mesh was left as
 // it is. With a plan, the weld goes into it and the mesh keeps its streams; without, the streams
-// are rebuilt at once.
+// are rebuilt at once. `ahead`: the weld made of the mesh as it is now, taken over (null: made here).
 const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useUV, bool nearly,
-                       ReductionScratch& scratch, PODWeldPlan* plan) {
+                       ReductionScratch& scratch, PODWeldPlan* plan, MeshWeld* ahead = nullptr) {
   if (mesh == nullptr) return "no mesh";
   // First of all, also for a mesh that is then left as it is.
   if (mesh->nNumUVW > kMaxUVSets) {
@@ -663,44 +707,78 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useU
     }
     PODMeshWeldFree(earlier);
   }
-  size_t addressable = 0;  // old vertices the indices can reach
-  if (const char* why = WhyNotReducible(*mesh, addressable)) return why;
-
-  const uint32_t uvSets = mesh->nNumUVW;
-  const uint32_t uvSetsCompared = useUV ? uvSets : 0;
-  const size_t corners = static_cast<size_t>(mesh->nNumFaces) * 3;
-
-  MeshStreams streams{mesh->sVertex.pData, {}, uvSets, mesh->sFaces.pData, corners, addressable};
-  for (uint32_t k = 0; k < uvSets; ++k) streams.uvs[k] = mesh->psUVW[k].pData;
-  Scan(streams, uvSetsCompared, nearly, scratch);
-
-  const std::vector<buffer>& entries = scratch.entries;
-  const size_t n = scratch.kept;
-  SPODMeshWeld* weld = PODMeshWeldCreate(static_cast<uint32_t>(n), !scratch.perCorner, addressable, corners);
-  weld->nUVW = uvSets;
-  weld->bBones = mesh->sBoneBatches.nBatchCnt > 0;
-  // Old vertex indices are below 65,536: they come from 16-bit indices.
-  for (size_t e = 0; e < n; ++e) {
-    weld->pnSource[e] = static_cast<uint16_t>(entries[e].source);
-    weld->pnNormalFrom[e] = static_cast<uint16_t>(entries[e].normalFrom);
-  }
-  if (scratch.perCorner) {
-    std::copy(scratch.newFaces.begin(), scratch.newFaces.begin() + corners, weld->pnCornerKept);
-  } else {
-    // Without such vertices fewer than 65,536 are kept. Vertices no corner uses map to 0.
-    for (size_t i = 0; i < addressable; ++i)
-      weld->pnKeptOf[i] = static_cast<uint16_t>(std::max(KeptOfMemo(scratch.resolved[i]), 0));
-  }
-  PODMeshWeldNote(*weld, *mesh, addressable);
-
+  const MeshWeld made = ahead != nullptr ? *ahead : MakeWeld(*mesh, useUV, nearly, scratch);
+  if (ahead != nullptr) *ahead = MeshWeld{};
+  if (made.why != nullptr) return made.why;
   if (plan != nullptr) {
-    plan->set(index, weld);
+    plan->set(index, made.weld);
     return nullptr;
   }
-  const bool applied = PODMeshApplyWeld(*mesh, *weld);
-  PODMeshWeldFree(weld);
+  const bool applied = PODMeshApplyWeld(*mesh, *made.weld);
+  PODMeshWeldFree(made.weld);
   return applied ? nullptr : "its streams do not fit the weld made of them";
 }
+
+// Welds made on two cores before the reduction's loop, which then takes them in node order, so
+// that what it prints and makes is the same as without. A weld depends only on its mesh as it
+// stands; with a plan, no stream changes until a node comes back to a mesh welded before (and
+// rewelds it in place), so the nodes ahead of that one are welded here. A scene too small to gain
+// from a second thread, or one the system will not start, is welded by the loop alone.
+class WeldsAhead {
+ public:
+  WeldsAhead(const SPODScene* s, uint32_t meshNodes, bool nearly) : m_scene(s), m_nearly(nearly) {
+    if (s == nullptr || s->pMesh == nullptr) return;
+    const SPODScene& scene = *s;
+    std::vector<bool> seen(scene.nNumMesh, false);
+    uint64_t corners = 0;
+    for (uint32_t k = 0; k < meshNodes; ++k) {
+      const int32_t idx = scene.pNode[k].nIdx;
+      if (idx < 0 || static_cast<uint32_t>(idx) >= scene.nNumMesh) continue;
+      if (seen[idx]) break;
+      seen[idx] = true;
+      m_nodes.push_back(k);
+      corners += uint64_t{scene.pMesh[idx].nNumFaces} * 3;
+    }
+    if (m_nodes.size() < 2 || corners < kWorthAThread) return;
+    m_welds.resize(meshNodes);
+    pthread_t helper;
+    const bool started = pthread_create(&helper, nullptr, &WeldsAhead::Work, this) == 0;
+    Work(this);
+    if (started) pthread_join(helper, nullptr);
+  }
+  ~WeldsAhead() {
+    for (MeshWeld& w : m_welds) PODMeshWeldFree(w.weld);  // only those no node took (an abort)
+  }
+  WeldsAhead(const WeldsAhead&) = delete;
+  WeldsAhead& operator=(const WeldsAhead&) = delete;
+
+  // The weld made for node k, or null.
+  MeshWeld* Of(uint32_t k) {
+    return k < m_welds.size() && (m_welds[k].weld || m_welds[k].why) ? &m_welds[k] : nullptr;
+  }
+
+ private:
+  static constexpr uint64_t kWorthAThread = 1 << 17;
+
+  static void* Work(void* self) {
+    WeldsAhead& a = *static_cast<WeldsAhead*>(self);
+    ReductionScratch scratch;
+    for (size_t j; (j = a.m_next++) < a.m_nodes.size();) {
+      const SPODNode& node = a.m_scene->pNode[a.m_nodes[j]];
+      // The mesh as its first node's pass sees it: cut to two texture-coordinate sets.
+      SPODMesh cut = a.m_scene->pMesh[node.nIdx];
+      cut.nNumUVW = std::min(cut.nNumUVW, kMaxUVSets);
+      a.m_welds[a.m_nodes[j]] = MakeWeld(cut, node.nIdxMaterial >= 0, a.m_nearly, scratch);
+    }
+    return nullptr;
+  }
+
+  const SPODScene* m_scene;
+  const bool m_nearly;
+  std::vector<uint32_t> m_nodes;  // the nodes welded here
+  std::vector<MeshWeld> m_welds;  // by node
+  std::atomic<size_t> m_next{0};
+};
 
 // The tool's texts are fixed, so a mesh left alone is noted as a problem line.
 void NoteUnreduced(const SPODNode* node, const char* why) {
@@ -719,6 +797,7 @@ void ReduceScene(SPODScene* scene, bool nearly, PODWeldPlan* plan) {
   const uint32_t meshNodes =
       scene != nullptr && scene->pNode != nullptr ? std::min(scene->nNumMeshNode, scene->nNumNode) : 0;
   if (plan != nullptr) plan->reserve(scene != nullptr ? scene->nNumMesh : 0);
+  WeldsAhead ahead(plan != nullptr ? scene : nullptr, meshNodes, nearly);
   ReductionScratch scratch;
   for (uint32_t k = 0; k < meshNodes; ++k) {
     SPODNode* node = &scene->pNode[k];
@@ -733,7 +812,8 @@ void ReduceScene(SPODScene* scene, bool nearly, PODWeldPlan* plan) {
     const uint32_t index = static_cast<uint32_t>(node->nIdx);
     SPODMesh* mesh = &scene->pMesh[index];
     before += CountAfterWelds(*mesh, index, plan);
-    if (const char* why = ReduceMesh(node, mesh, index, node->nIdxMaterial >= 0, nearly, scratch, plan))
+    if (const char* why = ReduceMesh(node, mesh, index, node->nIdxMaterial >= 0, nearly, scratch, plan,
+                                     ahead.Of(k)))
       NoteUnreduced(node, why);
     after += CountAfterWelds(*mesh, index, plan);
   }

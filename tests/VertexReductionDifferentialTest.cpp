@@ -412,15 +412,13 @@ TEST(VertexReductionDifferential, StreamsShorterThanTheCountAreWeldedWhenTheyHol
   }
 }
 
-// Streams far larger than the slices they are written in (element sizes that do not divide the
-// slice), skinned, with two texture-coordinate sets and a NaN position (kept vertex per corner).
-TEST(VertexReductionDifferential, RebuildingOnSaveWritesLargeStreamsWhole) {
+// A grid of side x side vertices, skinned, in which every seventh vertex repeats its left
+// neighbour's position and coordinates; `uvSets` texture-coordinate sets.
+MeshData Grid(int side, size_t uvSets, unsigned seed) {
   MeshData m;
-  const int side = 200;
-  std::mt19937 rng(7);
+  std::mt19937 rng(seed);
   for (int y = 0; y < side; ++y) {
     for (int x = 0; x < side; ++x) {
-      // Every seventh vertex repeats its left neighbour's position and coordinates.
       const int px = x % 7 == 6 ? x - 1 : x;
       m.positions.insert(m.positions.end(), {float(px), float(y), 0.0f});
       m.normals.insert(m.normals.end(), {float(rng() % 100), 0.0f, 1.0f});
@@ -428,11 +426,12 @@ TEST(VertexReductionDifferential, RebuildingOnSaveWritesLargeStreamsWhole) {
       for (int k = 0; k < 5; ++k) m.boneWeights.push_back(float(rng() % 100) / 100);
     }
   }
-  m.uvs.assign(2, {});
+  m.uvs.assign(uvSets, {});
   for (int v = 0; v < side * side; ++v) {
     const int x = v % side % 7 == 6 ? v - 1 : v;
-    m.uvs[0].insert(m.uvs[0].end(), {float(x % side), float(x / side)});
-    m.uvs[1].insert(m.uvs[1].end(), {0.5f, float(x % 3)});
+    for (size_t k = 0; k < uvSets; ++k)
+      m.uvs[k].insert(m.uvs[k].end(), k == 0 ? std::initializer_list<float>{float(x % side), float(x / side)}
+                                             : std::initializer_list<float>{0.5f, float(x % 3)});
   }
   m.boneIdxN = 3;
   m.boneWeightN = 5;
@@ -442,6 +441,13 @@ TEST(VertexReductionDifferential, RebuildingOnSaveWritesLargeStreamsWhole) {
       m.faces.insert(m.faces.end(), {a, b, c, b, d, c});
     }
   }
+  return m;
+}
+
+// Streams far larger than the slices they are written in (element sizes that do not divide the
+// slice), skinned, with two texture-coordinate sets and a NaN position (kept vertex per corner).
+TEST(VertexReductionDifferential, RebuildingOnSaveWritesLargeStreamsWhole) {
+  MeshData m = Grid(200, 2, 7);
   SPODScene clean = MakeScene({MakeMesh(m)}, {{0, 0, "grid"}});
   EXPECT_TRUE(ExpectSameSave(clean, false, "grid"));
   EXPECT_TRUE(ExpectSameSave(clean, true, "grid, near"));
@@ -450,6 +456,45 @@ TEST(VertexReductionDifferential, RebuildingOnSaveWritesLargeStreamsWhole) {
   EXPECT_TRUE(ExpectSameSave(withNaN, false, "grid with NaN"));
   FreeScene(clean);
   FreeScene(withNaN);
+}
+
+// A scene large enough that its meshes are welded on two cores ahead of the reduction's loop is
+// saved as one node at a time, in node order, leaves it: a mesh with three texture-coordinate
+// sets (cut to two, with its line) shared by two nodes (welded again by the second), one with a
+// NaN position, one without a material, one left alone.
+TEST(VertexReductionDifferential, WeldsMadeAheadOnTwoCoresAreThoseOfOneNodeAtATime) {
+  MeshData withNaN = Grid(150, 1, 3);
+  withNaN.positions[3 * 777] = std::numeric_limits<float>::quiet_NaN();
+  SPODMesh unweldable = MakeMesh(Grid(20, 1, 4));
+  unweldable.sNormals.eType = EPODDataInt32;
+  SPODScene scene = MakeScene(
+      {MakeMesh(Grid(150, 2, 1)), MakeMesh(Grid(150, 3, 2)), MakeMesh(withNaN), unweldable},
+      {{1, 0, "three sets"}, {0, -1, "no material"}, {2, 0, "with NaN"}, {3, 0, "left alone"}, {1, 0, "shared"}});
+  for (bool nearly : {false, true}) {
+    SCOPED_TRACE(nearly ? "near" : "exact");
+    SPODScene onSave = CopyScene(scene);
+    SPODScene byNode = CopyScene(scene);
+    testing::internal::CaptureStdout();
+    const PODWeldPlan plan = reduceMeshVertexForSave(&onSave, nearly);
+    const std::string printed = testing::internal::GetCapturedStdout();
+    testing::internal::CaptureStdout();
+    for (uint32_t k = 0; k < byNode.nNumNode; ++k) {
+      SPODNode& node = byNode.pNode[k];
+      reduceVertex(&node, &byNode.pMesh[node.nIdx], node.nIdxMaterial >= 0, nearly);
+    }
+    const std::string printedByNode = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(printedByNode, "Error1: Number of UVW > 2, \"three sets\"\n");
+    EXPECT_NE(printed.find("UV..." + printedByNode + "Total vertex before reduction: "), std::string::npos)
+        << printed;
+    const std::string saved = Saved(byNode);
+    EXPECT_NE(saved.substr(0, 1), "<") << saved.substr(0, 40);
+    EXPECT_TRUE(saved == Saved(onSave, plan));
+    EXPECT_LT(byNode.pMesh[0].nNumVertex, scene.pMesh[0].nNumVertex);
+    EXPECT_EQ(byNode.pMesh[3].nNumVertex, scene.pMesh[3].nNumVertex);
+    FreeScene(onSave);
+    FreeScene(byNode);
+  }
+  FreeScene(scene);
 }
 
 }  // namespace

@@ -22,6 +22,17 @@ void CopyFrameState(Record* record, const korvex::FrameFields& frame) {
   record->evalFrameIndex = frame.index;
 }
 
+// Bakes a node's matrices at every frame into an animated record (mesh or camera), which first
+// copies the frame fields the previous node left.
+template <typename Record>
+void BakeAnimation(CPODScene* scene, AnimationNodeConverter& converter, Record* record, int nodeIndex) {
+  record->numAnimation = scene->nNumFrame;
+  korvex::FrameFields frame = korvex::FieldsOf(*scene->m_pImpl);
+  CopyFrameState(record, frame);
+  converter.convertAnimationNode(scene, nodeIndex, &record->animMatrixbuffer, frame);
+  korvex::StoreFields(*scene->m_pImpl, frame);
+}
+
 }  // namespace
 
 SSGQelSkeletalMeshNodeData* SceneGraphConverter::createSkeletalMeshNodeData(int nodeIndex) {
@@ -38,22 +49,14 @@ SSGQelAnimationMeshNodeData* SceneGraphConverter::createAnimationMeshNodeData(in
   // the world volumes: baking reads no volume and can fail no check, so nothing tells the orders
   // apart.
   auto* record = newMeshRecord<SSGQelAnimationMeshNodeData>(nodeIndex, MeshVolumes::ObjectSpace);
-  record->numAnimation = mScene->nNumFrame;
-  korvex::FrameFields frame = korvex::FieldsOf(*mScene->m_pImpl);
-  CopyFrameState(record, frame);
-  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer, frame);
-  korvex::StoreFields(*mScene->m_pImpl, frame);
+  BakeAnimation(mScene, *mAnimationConverter, record, nodeIndex);
   return record;
 }
 
 SSGQelAnimationCameraNodeData* SceneGraphConverter::createAnimationCameraNodeData(int nodeIndex) {
   auto* record = newRecord<SSGQelAnimationCameraNodeData>();
   fillCameraNodeData(*record, nodeIndex);
-  record->numAnimation = mScene->nNumFrame;
-  korvex::FrameFields frame = korvex::FieldsOf(*mScene->m_pImpl);
-  CopyFrameState(record, frame);
   // The field of view stays the camera's single value; its per-frame values are not baked.
-  mAnimationConverter->convertAnimationNode(mScene, nodeIndex, &record->animMatrixbuffer, frame);
-  korvex::StoreFields(*mScene->m_pImpl, frame);
+  BakeAnimation(mScene, *mAnimationConverter, record, nodeIndex);
   return record;
 }

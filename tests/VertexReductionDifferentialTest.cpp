@@ -12,6 +12,7 @@
 #include <random>
 #include <string>
 
+#include "pod/PODWeldGatherAhead.h"
 #include "support/ReferenceReduction.h"
 #include "support/ReductionMeshes.h"
 #include "edit/VertexReduction.h"
@@ -458,17 +459,18 @@ TEST(VertexReductionDifferential, RebuildingOnSaveWritesLargeStreamsWhole) {
   FreeScene(withNaN);
 }
 
-// A scene large enough that its meshes are welded on two cores ahead of the reduction's loop is
-// saved as one node at a time, in node order, leaves it: a mesh with three texture-coordinate
-// sets (cut to two, with its line) shared by two nodes (welded again by the second), one with a
-// NaN position, one without a material, one left alone.
+// A scene large enough that its meshes are welded on two cores ahead of the reduction's loop,
+// and their rebuilt streams (5.5 MB) gathered on a second core while it is saved, is saved as one
+// node at a time, in node order, leaves it: a mesh with three texture-coordinate sets (cut to two,
+// with its line) shared by two nodes (welded again by the second), one with a NaN position, one
+// without a material, one left alone.
 TEST(VertexReductionDifferential, WeldsMadeAheadOnTwoCoresAreThoseOfOneNodeAtATime) {
-  MeshData withNaN = Grid(150, 1, 3);
+  MeshData withNaN = Grid(170, 1, 3);
   withNaN.positions[3 * 777] = std::numeric_limits<float>::quiet_NaN();
   SPODMesh unweldable = MakeMesh(Grid(20, 1, 4));
   unweldable.sNormals.eType = EPODDataInt32;
   SPODScene scene = MakeScene(
-      {MakeMesh(Grid(150, 2, 1)), MakeMesh(Grid(150, 3, 2)), MakeMesh(withNaN), unweldable},
+      {MakeMesh(Grid(170, 2, 1)), MakeMesh(Grid(170, 3, 2)), MakeMesh(withNaN), unweldable},
       {{1, 0, "three sets"}, {0, -1, "no material"}, {2, 0, "with NaN"}, {3, 0, "left alone"}, {1, 0, "shared"}});
   for (bool nearly : {false, true}) {
     SCOPED_TRACE(nearly ? "near" : "exact");
@@ -493,6 +495,62 @@ TEST(VertexReductionDifferential, WeldsMadeAheadOnTwoCoresAreThoseOfOneNodeAtATi
     EXPECT_EQ(byNode.pMesh[3].nNumVertex, scene.pMesh[3].nNumVertex);
     FreeScene(onSave);
     FreeScene(byNode);
+  }
+  FreeScene(scene);
+}
+
+// The gatherer of a save hands over the slices of the streams it was given, in order, as the save
+// itself would gather them, with the gather's failure; asked out of order, it stops and hands over
+// nothing more, and the save gathers the rest itself.
+TEST(VertexReductionDifferential, GatheringAheadHandsOverTheSlicesOfEachStreamInOrder) {
+  SPODScene scene = MakeScene({MakeMesh(Grid(200, 1, 9))}, {{0, 0, "grid"}});
+  testing::internal::CaptureStdout();
+  const PODWeldPlan plan = reduceMeshVertexForSave(&scene, false);
+  testing::internal::GetCapturedStdout();
+  const SPODMeshWeld* weld = plan.weld(0);
+  ASSERT_NE(weld, nullptr);
+  SPODMesh asWritten = scene.pMesh[0];
+  asWritten.nNumVertex = weld->nKept;
+  std::vector<PODWeldGatherRequest> requests;
+  for (EPODWeldStream stream : {EPODWeldStream::Faces, EPODWeldStream::Vertex, EPODWeldStream::UVW0})
+    requests.push_back({asWritten, weld, stream, PODMeshWeldedBytes(asWritten, *weld, stream)});
+  ASSERT_GT(requests[1].bytes, PODWeldGatherAhead::kSlice);  // more than one slice
+
+  // An index beyond the old vertices, at corner 5: the first slice of the indices fails.
+  const uint16_t beyond = 0xFFFF;
+  std::memcpy(scene.pMesh[0].sFaces.pData + 10, &beyond, 2);
+  for (size_t r = 0; r < requests.size(); ++r) {
+    SCOPED_TRACE("stream " + std::to_string(r));
+    std::vector<uint8_t> whole(requests[r].bytes);
+    const bool wholeOk = PODMeshWeldGather(asWritten, *weld, requests[r].stream, 0, whole.size(), whole.data());
+    EXPECT_EQ(wholeOk, r != 0);
+  }
+  {
+    PODWeldGatherAhead ahead(requests);
+    for (size_t r = 0; r < requests.size(); ++r) {
+      for (size_t at = 0; at < requests[r].bytes; at += PODWeldGatherAhead::kSlice) {
+        SCOPED_TRACE("stream " + std::to_string(r) + " at " + std::to_string(at));
+        const size_t n = std::min(requests[r].bytes - at, PODWeldGatherAhead::kSlice);
+        std::vector<uint8_t> expected(n);
+        const bool expectedOk = PODMeshWeldGather(asWritten, *weld, requests[r].stream, at, n, expected.data());
+        bool ok = !expectedOk;
+        const uint8_t* got = ahead.Take(r, at, n, ok);
+        ASSERT_NE(got, nullptr);
+        EXPECT_EQ(ok, expectedOk);
+        if (expectedOk) {
+          EXPECT_EQ(std::memcmp(got, expected.data(), n), 0);
+        }
+        ahead.Done();
+      }
+    }
+    bool ok = true;
+    EXPECT_EQ(ahead.Take(requests.size(), 0, 1, ok), nullptr);
+  }
+  {
+    PODWeldGatherAhead ahead(requests);
+    bool ok = true;
+    EXPECT_EQ(ahead.Take(1, 0, PODWeldGatherAhead::kSlice, ok), nullptr);
+    EXPECT_EQ(ahead.Take(0, 0, PODWeldGatherAhead::kSlice, ok), nullptr);
   }
   FreeScene(scene);
 }

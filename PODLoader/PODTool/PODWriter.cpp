@@ -14,6 +14,7 @@
 #include "pod/PODMeshWeld.h"
 #include "pod/PODRecordLayout.h"
 #include "pod/PODTag.h"
+#include "pod/PODWeldGatherAhead.h"
 
 namespace {
 
@@ -102,6 +103,11 @@ struct BlockWriter : korvex::PODFieldVisitor {
   bool withData = true;
   const SPODMeshWeld* rebuild = nullptr;
   EPODWeldStream rebuiltAs = EPODWeldStream::Faces;
+  // Without a file, `listing` collects the rebuilt streams a save writes, in its order; a save
+  // takes their slices from a gatherer in that order, if it has one.
+  std::vector<PODWeldGatherRequest>* listing = nullptr;
+  PODWeldGatherAhead* ahead = nullptr;
+  size_t rebuilt = 0;  // rebuilt streams written so far
 
   // A write that would read beyond what a member holds fails; a check names the first.
   void Short(const std::string& what) {
@@ -184,7 +190,7 @@ struct BlockWriter : korvex::PODFieldVisitor {
   // array of its own (a file with the interleaved block after the streams) and so has no offset.
   void Stream(unsigned int tag, const char* name, const CPODData& d, unsigned int count, bool data,
               const SPODMeshWeld* w) {
-    if (!ok || (w && !f)) return;
+    if (!ok || (w && !f && !listing)) return;
     nLen = 0;
     withData = data;
     rebuild = w;
@@ -203,21 +209,33 @@ struct BlockWriter : korvex::PODFieldVisitor {
   // A stream's data: nLen bytes of its own array, its offset, or the array its weld rebuilds,
   // gathered from the old streams a slice at a time.
   void payload(unsigned int tag, const char*, const CPODData& d) {
-    if (!ok || !f) return;
+    if (!ok) return;
+    if (!f) {
+      if (listing != nullptr && rebuild != nullptr) listing->push_back({*mesh, rebuild, rebuiltAs, nLen});
+      return;
+    }
     if (rebuild == nullptr) {
       ok = withData ? WriteData(f, tag, d.pData, nLen)
                     : WriteData(f, tag, static_cast<unsigned int>(reinterpret_cast<uintptr_t>(d.pData)));
       return;
     }
     // Slices large enough that the file's buffer passes most of them on without copying.
-    static const size_t kSlice = 1 << 18;
-    uint8_t* slice = static_cast<uint8_t*>(
-        korvex::AllocateUnfilled(std::min<size_t>(nLen, kSlice), "a stream slice"));
+    const size_t kSlice = PODWeldGatherAhead::kSlice;
+    const size_t request = rebuilt++;
+    uint8_t* slice = nullptr;
     ok = WriteMarker(f, tag, false, nLen);
     for (size_t at = 0; ok && at < nLen; at += kSlice) {
       const size_t n = std::min<size_t>(nLen - at, kSlice);
-      ok = PODMeshWeldGather(*mesh, *rebuild, rebuiltAs, at, n, slice) &&
-           WriteFileSafe(f, slice, static_cast<unsigned int>(n));
+      bool gathered = true;
+      const uint8_t* data = ahead != nullptr ? ahead->Take(request, at, n, gathered) : nullptr;
+      if (data == nullptr) {
+        if (slice == nullptr)
+          slice = static_cast<uint8_t*>(korvex::AllocateUnfilled(std::min<size_t>(nLen, kSlice), "a stream slice"));
+        gathered = PODMeshWeldGather(*mesh, *rebuild, rebuiltAs, at, n, slice);
+        data = slice;
+      }
+      ok = gathered && WriteFileSafe(f, data, static_cast<unsigned int>(n));
+      if (data != slice) ahead->Done();
     }
     free(slice);
     ok = ok && WriteMarker(f, tag, true, 0);
@@ -282,6 +300,21 @@ bool PlanFits(const SPODScene& s, const PODWeldPlan* plan) {
   return true;
 }
 
+// A gatherer of the streams `plan` rebuilds, when there are enough of them to gain from a
+// second thread (null otherwise).
+std::unique_ptr<PODWeldGatherAhead> GatherAhead(const SPODScene& s, const PODWeldPlan* plan) {
+  static const size_t kWorthAThread = size_t{4} << 20;
+  if (plan == nullptr || plan->empty()) return nullptr;
+  std::vector<PODWeldGatherRequest> requests;
+  BlockWriter list{{}, nullptr, s.nNumFrame, plan};
+  list.listing = &requests;
+  korvex::DescribePOD(s, list);
+  size_t bytes = 0;
+  for (const PODWeldGatherRequest& r : requests) bytes += r.bytes;
+  if (bytes < kWorthAThread) return nullptr;
+  return std::make_unique<PODWeldGatherAhead>(std::move(requests));
+}
+
 // The scene's blocks, its meshes welded as `plan` says; the plan is known to fit.
 bool WriteScene(FILE* pFile, const char* pszExpOpt, const SPODScene& s, const PODWeldPlan* plan) {
   if (!pFile) return false;
@@ -289,7 +322,9 @@ bool WriteScene(FILE* pFile, const char* pszExpOpt, const SPODScene& s, const PO
                  PODTag::kFormatVersionLength))
     return false;
   if (pszExpOpt && *pszExpOpt && !WriteName(pFile, PODTag::ExportOptions, pszExpOpt)) return false;
+  const std::unique_ptr<PODWeldGatherAhead> ahead = GatherAhead(s, plan);
   BlockWriter writer{{}, pFile, s.nNumFrame, plan};
+  writer.ahead = ahead.get();
   if (!WriteMarker(pFile, PODTag::Scene, false, 0)) return false;
   korvex::DescribePOD(s, writer);
   return writer.ok && WriteMarker(pFile, PODTag::Scene, true, 0);

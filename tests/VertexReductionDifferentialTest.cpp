@@ -499,6 +499,42 @@ TEST(VertexReductionDifferential, WeldsMadeAheadOnTwoCoresAreThoseOfOneNodeAtATi
   FreeScene(scene);
 }
 
+// A save gathers a rebuilt stream in slices that may cut an element, or a vertex's bones, anywhere:
+// every range holds the bytes of the whole stream there (which the scans above check), for the
+// bones too, whose weights are packed by bone index and end in zeros.
+TEST(VertexReductionDifferential, AnyRangeOfARebuiltStreamIsThatRangeOfTheWholeStream) {
+  SPODScene scene = MakeScene({MakeMesh(Grid(30, 1, 4))}, {{0, 0, "grid"}});
+  testing::internal::CaptureStdout();
+  const PODWeldPlan plan = reduceMeshVertexForSave(&scene, false);
+  testing::internal::GetCapturedStdout();
+  const SPODMeshWeld* weld = plan.weld(0);
+  ASSERT_NE(weld, nullptr);
+  SPODMesh asWritten = scene.pMesh[0];
+  asWritten.nNumVertex = weld->nKept;
+  std::mt19937 rng(7);
+  for (EPODWeldStream stream : {EPODWeldStream::Faces, EPODWeldStream::Vertex, EPODWeldStream::UVW0,
+                                EPODWeldStream::BoneIdx, EPODWeldStream::BoneWeight}) {
+    const size_t bytes = PODMeshWeldedBytes(asWritten, *weld, stream);
+    std::vector<uint8_t> whole(bytes);
+    ASSERT_TRUE(PODMeshWeldGather(asWritten, *weld, stream, 0, bytes, whole.data()));
+    if (stream == EPODWeldStream::BoneWeight) {
+      // Three weights a vertex, one per bone index; the array's last two fifths are zeros.
+      const size_t packed = size_t{weld->nKept} * 3 * 4;
+      ASSERT_EQ(bytes, size_t{weld->nKept} * 5 * 4);
+      EXPECT_EQ(std::count(whole.begin() + packed, whole.end(), 0), std::ptrdiff_t(bytes - packed));
+    }
+    for (int k = 0; k < 200; ++k) {
+      const size_t at = rng() % bytes;
+      const size_t n = 1 + rng() % std::min<size_t>(bytes - at, 97);
+      SCOPED_TRACE("stream " + std::to_string(int(stream)) + " at " + std::to_string(at) + " n " + std::to_string(n));
+      std::vector<uint8_t> part(n);
+      ASSERT_TRUE(PODMeshWeldGather(asWritten, *weld, stream, at, n, part.data()));
+      ASSERT_EQ(std::memcmp(part.data(), whole.data() + at, n), 0);
+    }
+  }
+  FreeScene(scene);
+}
+
 // The gatherer of a save hands over the slices of the streams it was given, in order, as the save
 // itself would gather them, with the gather's failure; asked out of order, it stops and hands over
 // nothing more, and the save gathers the rest itself.

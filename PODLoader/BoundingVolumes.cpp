@@ -270,48 +270,53 @@ bool CreateBoundingAABB(PODMATRIXf* matrix, CPODData* vertex, int count, float* 
 namespace {
 
 // Both volumes through `matrix` in one pass fewer, for at least four positions; `check` sees every
-// group of four positions as the mean passes, and is done before anything can fail.
+// group of four positions as the mean passes. False when a position is NaN, through the check's
+// matrix (told first, before the sphere) or through `matrix` (the box is then not written): a
+// check of the box fails on it, which only the one-at-a-time box can tell where.
 template <class Check>
-void BothVolumes(PODMATRIXf* matrix, CPODData* vertex, int count, Check& check, float* sphereCenter,
-                 float* sphereRadius, float* boxCenter, float* boxMin, float* boxMax) {
+bool BothVolumes(const PODMATRIXf* matrix, const CPODData* vertex, int count, Check& check,
+                 float* sphereCenter, float* sphereRadius, float* boxCenter, float* boxMin,
+                 float* boxMax) {
   BoxLanes box(Positions4(matrix, vertex, 0));
   const PODVECTOR3f c = Mean(matrix, vertex, count, [&](const Block& b, int k) {
     box.add(b);
     check.add(k);
   });
-  check.done(count);
+  if (!check.clean(count)) return false;
   FinishSphere(matrix, vertex, count, c, sphereCenter, sphereRadius);
-  const int tail = count / 4 * 4;
-  // A NaN somewhere: the box's own loop fails at the check that names it.
-  if (!box.finish(matrix, vertex, count, tail, boxCenter, boxMin, boxMax))
-    CreateBoundingAABB(matrix, vertex, count, boxCenter, boxMin, boxMax);
+  return box.finish(matrix, vertex, count, count / 4 * 4, boxCenter, boxMin, boxMax);
 }
 
 struct NoCheck {
   void add(int) {}
-  void done(int) {}
+  bool clean(int) const { return true; }
 };
 
 // The box through the world matrix, never kept: it fails on a NaN position, and only then.
 struct WorldBoxCheck {
-  PODMATRIXf* world;
-  CPODData* vertex;
+  const PODMATRIXf* world;
+  const CPODData* vertex;
   I4 nan = {0, 0, 0, 0};
 
   void add(int k) {
     const Block w = Positions4(world, vertex, k);
     nan |= (w.x != w.x) | (w.y != w.y) | (w.z != w.z);
   }
-  void done(int count) {
+  bool clean(int count) const {
     bool clean = (nan[0] | nan[1] | nan[2] | nan[3]) == 0;
     for (int k = count / 4 * 4; k < count && clean; ++k) {
       const PODVECTOR3f v = Position(world, vertex, k);
       clean = v.x == v.x && v.y == v.y && v.z == v.z;
     }
-    float unused[9];
-    if (!clean) CreateBoundingAABB(world, vertex, count, unused, unused + 3, unused + 6);
+    return clean;
   }
 };
+
+// The world box's checks, which fail on the first NaN position through `world`.
+void CheckWorldBox(PODMATRIXf* world, CPODData* vertex, int count) {
+  float unused[9];
+  CreateBoundingAABB(world, vertex, count, unused, unused + 3, unused + 6);
+}
 
 }  // namespace
 
@@ -321,12 +326,14 @@ BoundingVolumeResult CreateBoundingVolumes(PODMATRIXf* matrix, CPODData* vertex,
   AssertPositions(vertex, "CreateBoundingSphere");
   // The box's own checks are the sphere's: they hold here.
   if (count <= 0) return {false, false};
+  NoCheck none;
   if (count < 4) {
     CreateBoundingSphere(matrix, vertex, count, sphereCenter, sphereRadius);
     return {true, CreateBoundingAABB(matrix, vertex, count, boxCenter, boxMin, boxMax)};
   }
-  NoCheck none;
-  BothVolumes(matrix, vertex, count, none, sphereCenter, sphereRadius, boxCenter, boxMin, boxMax);
+  // A NaN somewhere: the box's own loop fails at the check that names it.
+  if (!BothVolumes(matrix, vertex, count, none, sphereCenter, sphereRadius, boxCenter, boxMin, boxMax))
+    CreateBoundingAABB(matrix, vertex, count, boxCenter, boxMin, boxMax);
   return {true, true};
 }
 
@@ -341,10 +348,30 @@ BoundingVolumeResult CreateObjectSpaceVolumes(PODMATRIXf* world, CPODData* verte
   PODMatrixIdentityF(identity);
   WorldBoxCheck check{world, vertex};
   if (count < 4) {
-    check.done(count);
+    if (!check.clean(count)) CheckWorldBox(world, vertex, count);
     return CreateBoundingVolumes(&identity, vertex, count, sphereCenter, sphereRadius, boxCenter,
                                  boxMin, boxMax);
   }
-  BothVolumes(&identity, vertex, count, check, sphereCenter, sphereRadius, boxCenter, boxMin, boxMax);
+  if (!BothVolumes(&identity, vertex, count, check, sphereCenter, sphereRadius, boxCenter, boxMin,
+                   boxMax)) {
+    // A NaN: the world box fails first where it holds one, else the kept box.
+    CheckWorldBox(world, vertex, count);
+    CreateBoundingAABB(&identity, vertex, count, boxCenter, boxMin, boxMax);
+  }
   return {true, true};
+}
+
+bool TryBoundingVolumes(bool objectSpace, const PODMATRIXf& matrix, const CPODData& vertex,
+                        int count, BoundingVolumeValues& v) {
+  if (vertex.eType != EPODDataFloat || vertex.n != 3 || vertex.nStride != 12 || count < 4 ||
+      vertex.pData == nullptr || vertex.nDataSize / 12 < static_cast<size_t>(count))
+    return false;
+  PODMATRIXf identity;
+  PODMatrixIdentityF(identity);
+  NoCheck none;
+  WorldBoxCheck world{&matrix, &vertex};
+  return objectSpace ? BothVolumes(&identity, &vertex, count, world, v.sphereCenter, &v.sphereRadius,
+                                   v.boxCenter, v.boxMin, v.boxMax)
+                     : BothVolumes(&matrix, &vertex, count, none, v.sphereCenter, &v.sphereRadius,
+                                   v.boxCenter, v.boxMin, v.boxMax);
 }

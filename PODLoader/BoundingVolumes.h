@@ -34,3 +34,18 @@ BoundingVolumeResult CreateBoundingVolumes(PODMATRIXf* matrix, CPODData* vertex,
 BoundingVolumeResult CreateObjectSpaceVolumes(PODMATRIXf* world, CPODData* vertex, int count,
                                               float* sphereCenter, float* sphereRadius,
                                               float* boxCenter, float* boxMin, float* boxMax);
+
+// What CreateBoundingVolumes through `matrix` (or, with `objectSpace`, CreateObjectSpaceVolumes
+// with `matrix` as the world) gives, when it gives it without failing a check: four positions or
+// more, none of them NaN through either matrix. False otherwise, and nothing is told: only the
+// function itself, run in its turn, fails where it must. It never ends the run and reads no more
+// than the stream holds, so any thread may call it.
+struct BoundingVolumeValues {
+  float sphereCenter[3];
+  float sphereRadius;
+  float boxCenter[3];
+  float boxMin[3];
+  float boxMax[3];
+};
+bool TryBoundingVolumes(bool objectSpace, const PODMATRIXf& matrix, const CPODData& vertex,
+                        int count, BoundingVolumeValues& values);

@@ -20,6 +20,26 @@ const char* const kSource = "PODLoader/SceneGraphConverter";
 
 }  // namespace
 
+// The volumes each mesh record will be given, in node order: those of its node's mesh through the
+// node's own matrix.
+std::vector<MeshVolumesAhead::Job> SceneGraphConverter::meshVolumeJobs() {
+  std::vector<MeshVolumesAhead::Job> jobs;
+  const korvex::SceneRules& sceneRules = rules();
+  for (uint32_t i = 0; i < sceneRules.nodeCount(); ++i) {
+    const NodeKind kind = sceneRules.kind(i);
+    SPODNode& node = mScene->pNode[i];
+    if (!korvex::IsMeshRecordKind(kind) || node.nIdx < 0 ||
+        static_cast<uint32_t>(node.nIdx) >= mScene->nNumMesh || mScene->pMesh == nullptr)
+      continue;
+    SSGQelNode placed{};
+    setNodeTransform(&placed, &node);
+    const SPODMesh& mesh = mScene->pMesh[node.nIdx];
+    jobs.push_back({i, kind == NodeKind::kAnimationMesh, placed.transform, &mesh.sVertex,
+                    static_cast<int>(mesh.nNumVertex)});
+  }
+  return jobs;
+}
+
 SceneGraphConverter::SceneGraphConverter(QelSceneGraphModel* model)
     : mModel(model),
       mScene(nullptr),
@@ -39,6 +59,7 @@ const korvex::SceneRules& SceneGraphConverter::rules() {
 bool SceneGraphConverter::convertFromPOD(CPODScene* scene, const char* fileName) {
   mScene = scene;
   const korvex::SceneRules& sceneRules = rules();
+  m_volumesAhead = std::make_unique<MeshVolumesAhead>(meshVolumeJobs());
   for (uint32_t i = 0; i < sceneRules.nodeCount(); ++i) {
     const NodeKind kind = sceneRules.kind(i);
     if (korvex::IsMeshNodeKind(kind))
@@ -49,6 +70,7 @@ bool SceneGraphConverter::convertFromPOD(CPODScene* scene, const char* fileName)
       buildCameraType(static_cast<int>(i));
     // Other nodes (bones, helpers) are not converted.
   }
+  m_volumesAhead.reset();
   buildLightMapMesh();
   SSGFileHeader* header = createFileHeader(fileName);
   mModel->createNode(header, ESGFileHeader);  // copied in

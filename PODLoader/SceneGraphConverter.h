@@ -19,7 +19,9 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "convert/MeshVolumesAhead.h"
 #include "pod/Diagnostics.h"
 #include "qsn/SceneGraphRecords.h"
 
@@ -95,6 +97,8 @@ class SceneGraphConverter {
     fillMeshNodeData(*record, nodeIndex, volumes);
     return record;
   }
+  // The volumes of every mesh record to come, for m_volumesAhead.
+  std::vector<MeshVolumesAhead::Job> meshVolumeJobs();
   // transform := the node's own frame-0 matrix (parents are not applied).
   void setNodeTransform(SSGQelNode* record, SPODNode* node);
   SSGQelMeshNodeData* createMeshNodeData(int nodeIndex);
@@ -132,5 +136,7 @@ class SceneGraphConverter {
   std::list<SSGQelMeshNodeData*> m_LightMapMesh;
   bool m_borrowStreams = false;
   std::unique_ptr<korvex::SceneRules> m_rules;
+  // The mesh records' volumes, made on a second core during convertFromPOD.
+  std::unique_ptr<MeshVolumesAhead> m_volumesAhead;
   const CPODScene* m_rulesScene = nullptr;  // the scene m_rules was made for
 };

@@ -87,10 +87,21 @@ void SceneGraphConverter::fillMeshNodeData(SSGQelMeshNodeData& into, int nodeInd
 
   // A mesh without vertices gets no volumes: the fields stay zero.
   const int count = static_cast<int>(record->numVertex);
-  const BoundingVolumeResult made =
-      (volumes == MeshVolumes::World ? CreateBoundingVolumes : CreateObjectSpaceVolumes)(
-          &record->transform, &mesh.sVertex, count, record->sphereCenter, &record->sphereRadius,
-          record->boxCenter, record->boxMin, record->boxMax);
+  const MeshVolumesAhead::Job job{static_cast<uint32_t>(nodeIndex), volumes == MeshVolumes::ObjectSpace,
+                                  record->transform, &mesh.sVertex, count};
+  BoundingVolumeValues ahead;
+  BoundingVolumeResult made{true, true};
+  if (m_volumesAhead != nullptr && m_volumesAhead->Take(job, ahead)) {
+    std::memcpy(record->sphereCenter, ahead.sphereCenter, sizeof ahead.sphereCenter);
+    record->sphereRadius = ahead.sphereRadius;
+    std::memcpy(record->boxCenter, ahead.boxCenter, sizeof ahead.boxCenter);
+    std::memcpy(record->boxMin, ahead.boxMin, sizeof ahead.boxMin);
+    std::memcpy(record->boxMax, ahead.boxMax, sizeof ahead.boxMax);
+  } else {
+    made = (job.objectSpace ? CreateObjectSpaceVolumes : CreateBoundingVolumes)(
+        &record->transform, &mesh.sVertex, count, record->sphereCenter, &record->sphereRadius,
+        record->boxCenter, record->boxMin, record->boxMax);
+  }
   if (!made.sphere) korvex::PrintText("Error3: cannot create bounding sphere, %s\n", node.pszName);
   if (!made.box) korvex::PrintText("Error3: cannot create bounding AABB, %s\n", node.pszName);
 

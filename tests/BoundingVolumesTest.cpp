@@ -147,6 +147,13 @@ TEST(BoundingVolumes, SeveralVerticesAtATimeGiveTheOneAfterTheOtherResultToTheBi
           // Kept in object space whatever the world matrix: the identity's bits (zeros of the
           // stream turn positive through it).
           if (m == nullptr) continue;
+          // Made ahead, on any thread: the same bits, from four positions on.
+          BoundingVolumeValues ahead;
+          ASSERT_EQ(TryBoundingVolumes(false, *m, d, count, ahead), count >= 4);
+          if (count >= 4) {
+            EXPECT_EQ(std::memcmp(ahead.sphereCenter, both.sphere, sizeof both.sphere), 0);
+            EXPECT_EQ(std::memcmp(ahead.boxCenter, both.box, sizeof both.box), 0);
+          }
           const Volumes object = OneAfterTheOther(&identity, p);
           Volumes kept;
           std::memset(&kept, 0x7F, sizeof kept);
@@ -157,6 +164,11 @@ TEST(BoundingVolumes, SeveralVerticesAtATimeGiveTheOneAfterTheOtherResultToTheBi
           for (int i = 0; i < 9; ++i) {
             EXPECT_EQ(std::signbit(kept.box[i]), std::signbit(object.box[i])) << i;
             EXPECT_EQ(kept.box[i], object.box[i]) << i;
+          }
+          ASSERT_EQ(TryBoundingVolumes(true, *m, d, count, ahead), count >= 4);
+          if (count >= 4) {
+            EXPECT_EQ(std::memcmp(ahead.sphereCenter, kept.sphere, sizeof kept.sphere), 0);
+            EXPECT_EQ(std::memcmp(ahead.boxCenter, kept.box, sizeof kept.box), 0);
           }
         }
       }
@@ -273,6 +285,48 @@ TEST(BoundingVolumesDeathTest, ObjectSpaceVolumesFailFirstWhereTheWorldBoxWould)
     EXPECT_DEATH(CreateObjectSpaceVolumes(&world, &d, c.count, sc, &r, ctr, mn, mx),
                  Assertion("CreateBoundingAABB", c.expression));
   }
+}
+
+// Volumes made ahead are only those their functions make without failing: whatever would fail a
+// check (or reads beyond the stream) is left to the functions, and trying it ends nothing.
+TEST(BoundingVolumes, TryingLeavesToTheFunctionsWhatTheyFailOn) {
+  const float inf = std::numeric_limits<float>::infinity();
+  struct Case {
+    const char* what;
+    bool objectSpace;
+    int count;
+    float world0, x5;          // the matrix's x scale; x of vertex 5 (1 elsewhere)
+    void (*damage)(CPODData&);  // the stream as described
+  };
+  const Case cases[] = {
+      {"a NaN position", false, 9, 1.0f, std::numeric_limits<float>::quiet_NaN(), nullptr},
+      {"a NaN through the matrix", false, 9, inf, 0.0f, nullptr},
+      {"a NaN through the world matrix only", true, 9, inf, 0.0f, nullptr},
+      {"a NaN kept in object space only", true, 9, 1.0f, inf, nullptr},
+      {"fewer than four positions", false, 3, 1.0f, 1.0f, nullptr},
+      {"four floats a position", false, 9, 1.0f, 1.0f, [](CPODData& d) { d.n = 4; }},
+      {"a stride of 16", false, 9, 1.0f, 1.0f, [](CPODData& d) { d.nStride = 16; }},
+      {"integers", false, 9, 1.0f, 1.0f, [](CPODData& d) { d.eType = EPODDataInt32; }},
+      {"fewer positions held than asked for", false, 9, 1.0f, 1.0f, [](CPODData& d) { d.nDataSize -= 4; }},
+      {"no array", false, 9, 1.0f, 1.0f, [](CPODData& d) { d.pData = nullptr; }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<float> p(27, 1.0f);
+    if (c.count > 5) p[15] = c.x5;
+    CPODData d = Positions(p);
+    if (c.damage) c.damage(d);
+    PODMATRIXf m = Identity();
+    m.f[0] = c.world0;
+    m.f[1] = m.f[2] = c.x5 == inf ? 1.0f : 0.0f;  // an infinite x reaches every world axis
+    BoundingVolumeValues values;
+    EXPECT_FALSE(TryBoundingVolumes(c.objectSpace, m, d, c.count, values));
+  }
+  // The same stream, whole and sound: made.
+  std::vector<float> p(27, 1.0f);
+  BoundingVolumeValues values;
+  EXPECT_TRUE(TryBoundingVolumes(true, Identity(), Positions(p), 9, values));
+  EXPECT_EQ(values.sphereRadius, 0.0f);
 }
 
 }  // namespace

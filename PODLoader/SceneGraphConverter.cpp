@@ -60,6 +60,7 @@ bool SceneGraphConverter::convertFromPOD(CPODScene* scene, const char* fileName)
   mScene = scene;
   const korvex::SceneRules& sceneRules = rules();
   m_volumesAhead = std::make_unique<MeshVolumesAhead>(meshVolumeJobs());
+  mSkeletonConverter->keepFrames(scene);
   for (uint32_t i = 0; i < sceneRules.nodeCount(); ++i) {
     const NodeKind kind = sceneRules.kind(i);
     if (korvex::IsMeshNodeKind(kind))
@@ -71,6 +72,7 @@ bool SceneGraphConverter::convertFromPOD(CPODScene* scene, const char* fileName)
     // Other nodes (bones, helpers) are not converted.
   }
   m_volumesAhead.reset();
+  mSkeletonConverter->keepFrames(nullptr);
   buildLightMapMesh();
   SSGFileHeader* header = createFileHeader(fileName);
   mModel->createNode(header, ESGFileHeader);  // copied in

@@ -26,6 +26,10 @@ class SkeletonNodeConverter {
   // SceneGraphConverter::setBorrowStreams).
   void setBorrowStreams(bool borrow) { m_borrowStreams = borrow; }
 
+  // The bones' world matrices at each frame are kept from one node to the next while `scene`
+  // (unchanged) is converted; null ends that (see NodeEvaluator::keepFrames).
+  void keepFrames(const CPODScene* scene) { m_evaluator.keepFrames(scene); }
+
   void init(SSGQelSkeletalMeshNodeData* record);
 
   void createBoneBatchItem();

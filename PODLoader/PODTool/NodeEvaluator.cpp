@@ -234,8 +234,20 @@ void NodeEvaluator::start(const SPODScene& scene, const FrameFields& carried) {
   m_fields = carried;
   m_currentFrame = 0;
   m_frameCount = static_cast<int32_t>(scene.nNumFrame);
-  m_table.reset(scene.pNode ? scene.nNumNode : 0);
+  const uint32_t nodes = scene.pNode ? scene.nNumNode : 0;
+  m_table.reset(nodes);
+  m_current = &m_table;
+  if (m_kept != &scene) m_frames.clear();
+  else if (m_frames.empty() && uint64_t{scene.nNumFrame} * nodes * (sizeof(PODMATRIXf) + 4) <= kKeptFramesBudget)
+    m_frames.resize(scene.nNumFrame);
   setFrame(0.0f);
+}
+
+void NodeEvaluator::keepFrames(const SPODScene* scene) {
+  m_kept = scene;
+  m_frames.clear();
+  m_frames.shrink_to_fit();
+  m_current = &m_table;
 }
 
 void NodeEvaluator::setFrame(float frame) {
@@ -258,10 +270,19 @@ void NodeEvaluator::setFrame(float frame) {
   uint32_t blendBefore, blendAfter;
   std::memcpy(&blendBefore, &before.blend, 4);
   std::memcpy(&blendAfter, &after.blend, 4);
-  if (before.index != after.index || blendBefore != blendAfter ||
+  // A whole frame has a table of its own when frames are kept: index and matrix key the frame,
+  // the blend +0.
+  if (after.index == after.matrixKey && blendAfter == 0 && after.index >= 0 &&
+      after.index < static_cast<int64_t>(m_frames.size())) {
+    m_current = &m_frames[static_cast<size_t>(after.index)];
+    if (m_current->empty()) m_current->reset(m_scene->pNode ? m_scene->nNumNode : 0);
+    return;
+  }
+  if (m_current != &m_table || before.index != after.index || blendBefore != blendAfter ||
       before.matrixKey != after.matrixKey) {
     m_table.invalidate();
   }
+  m_current = &m_table;
 }
 
 KeyPoint NodeEvaluator::keyPoint() const {
@@ -269,7 +290,7 @@ KeyPoint NodeEvaluator::keyPoint() const {
 }
 
 const PODMATRIXf& NodeEvaluator::world(uint32_t node) {
-  return m_table.world(*m_scene, node, *m_rules, keyPoint());
+  return m_current->world(*m_scene, node, *m_rules, keyPoint());
 }
 
 void NodeEvaluator::bindTerm(PODMATRIXf& out, uint32_t meshNode, uint32_t boneNode) {

@@ -94,6 +94,7 @@ class WorldTable {
   void reset(uint32_t nodes);
   // Forget the matrices, keep the room: the point has changed.
   void invalidate();
+  bool empty() const { return m_stamp.empty(); }
   const PODMATRIXf& world(const SPODScene& scene, uint32_t node, const EvaluationRules& rules,
                           const KeyPoint& at);
 
@@ -106,7 +107,7 @@ class WorldTable {
 };
 
 // The bakers' evaluator: its own frame state (not the scene's), and the world matrices of the
-// current frame.
+// current frame (kept, those of every whole frame: see keepFrames).
 class NodeEvaluator {
  public:
   explicit NodeEvaluator(const EvaluationRules& rules) : m_rules(&rules) {}
@@ -130,6 +131,12 @@ class NodeEvaluator {
   // World matrix of node i at the current frame, by the rules (relative to the parent when they
   // apply no parents).
   const PODMATRIXf& world(uint32_t node);
+  // While `scene` is the one evaluated (null: never), the world matrices of each whole frame are
+  // kept from one start() to the next: bakers of several meshes that share bones then compute a
+  // bone's world at a frame once. The scene must not change meanwhile. Scenes whose frames and
+  // nodes would take more than kKeptFramesBudget bytes keep nothing.
+  void keepFrames(const SPODScene* scene);
+  static constexpr uint64_t kKeptFramesBudget = uint64_t{32} << 20;
   // bindPose(mesh) x inverse(boneWorld(0)) of one bone, evaluated at frame 0 (the frame is left
   // there).
   void bindTerm(PODMATRIXf& out, uint32_t meshNode, uint32_t boneNode);
@@ -142,7 +149,10 @@ class NodeEvaluator {
   FrameFields m_fields;
   int32_t m_currentFrame = 0;
   int32_t m_frameCount = 0;
-  WorldTable m_table;
+  WorldTable m_table;            // any other point
+  const SPODScene* m_kept = nullptr;
+  std::vector<WorldTable> m_frames;  // whole frame f at m_frames[f], kept (see keepFrames)
+  WorldTable* m_current = &m_table;
 };
 
 }  // namespace korvex

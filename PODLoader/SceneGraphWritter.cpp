@@ -148,6 +148,10 @@ bool SceneGraphWritter::WritetoFile(const std::string& path, QelSceneGraphModel*
 
   if (!buildFileFormat()) return false;
   if (!openFile()) return fail(m_out->error());
+  uint64_t planned = m_fileHeader.size();
+  for (const SGData& b : m_nodeHeaders) planned += b.size();
+  for (const SSGNodeHeader* h : m_written) planned += h->length;
+  m_out->Reserve(planned);
   writeFileFormat();
   if (!closeFile()) return fail(m_out->error());
   return true;

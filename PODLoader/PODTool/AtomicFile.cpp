@@ -92,6 +92,16 @@ bool AtomicFile::Open() {
   return true;
 }
 
+void AtomicFile::Reserve(uint64_t bytes) {
+#ifdef FALLOC_FL_KEEP_SIZE
+  // A file system without it, or without the room, is left to allocate as the bytes come.
+  if (m_file != nullptr && bytes > 0 && bytes <= uint64_t{INT64_MAX})
+    (void)fallocate(fileno(m_file), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(bytes));
+#else
+  (void)bytes;
+#endif
+}
+
 bool AtomicFile::Commit(bool writeFailed, int writeErrno) {
   if (m_file == nullptr) return Fail("not open", 0);
   errno = 0;

@@ -5,6 +5,7 @@
 // the temporary file is removed and the target stays as it was; so it is when the run ends on
 // exhausted memory (Diagnostics.h), which removes every temporary file still open.
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -21,6 +22,10 @@ class AtomicFile {
   bool Open();
   // The open temporary file (null before Open or after Commit).
   FILE* file() const { return m_file; }
+  // Room on the disk for the `bytes` about to be written, taken in one go where the file system
+  // can (its per-block bookkeeping then stays out of the writes); a hint that changes no byte of
+  // the file, nor its size.
+  void Reserve(uint64_t bytes);
   // Flushes, closes and renames onto the target; false with error() set when any step fails
   // (`writeFailed` reports a failure the writer saw itself, `writeErrno` its cause when known).
   // The temporary file is gone either way.

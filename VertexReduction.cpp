@@ -14,6 +14,7 @@
 
 #include "pod/Assertion.h"
 #include "pod/Diagnostics.h"
+#include "pod/HelperThread.h"
 #include "pod/IndexRange.h"
 #include "pod/PODMeshWeld.h"
 
@@ -742,7 +743,7 @@ class WeldsAhead {
     if (m_nodes.size() < 2 || corners < kWorthAThread) return;
     m_welds.resize(meshNodes);
     pthread_t helper;
-    const bool started = pthread_create(&helper, nullptr, &WeldsAhead::Work, this) == 0;
+    const bool started = korvex::StartHelperThread(helper, &WeldsAhead::Work, this);
     Work(this);
     if (started) pthread_join(helper, nullptr);
   }

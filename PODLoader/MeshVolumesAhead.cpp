@@ -3,12 +3,14 @@
 #include <cstring>
 #include <utility>
 
+#include "pod/HelperThread.h"
+
 MeshVolumesAhead::MeshVolumesAhead(std::vector<Job> jobs)
     : m_jobs(std::move(jobs)), m_slots(new Slot[m_jobs.size()]) {
   uint64_t positions = 0;
   for (const Job& job : m_jobs) positions += job.count > 0 ? static_cast<uint64_t>(job.count) : 0;
   if (m_jobs.size() < 2 || positions < kWorthAThread) return;
-  m_started = pthread_create(&m_thread, nullptr, &MeshVolumesAhead::Run, this) == 0;
+  m_started = korvex::StartHelperThread(m_thread, &MeshVolumesAhead::Run, this);
 }
 
 MeshVolumesAhead::~MeshVolumesAhead() {

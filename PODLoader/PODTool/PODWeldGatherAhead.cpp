@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <utility>
 
+#include "pod/HelperThread.h"
+
 PODWeldGatherAhead::PODWeldGatherAhead(std::vector<PODWeldGatherRequest> requests)
     : m_requests(std::move(requests)) {
   for (Slot& slot : m_slots) slot.data.resize(kSlice);
-  m_started = pthread_create(&m_thread, nullptr, &PODWeldGatherAhead::Run, this) == 0;
+  m_started = korvex::StartHelperThread(m_thread, &PODWeldGatherAhead::Run, this);
 }
 
 PODWeldGatherAhead::~PODWeldGatherAhead() { Stop(); }

@@ -5,6 +5,7 @@
 // The command line and the run's surroundings; the conversion itself is RunConversion
 // (Conversion.h).
 
+#include <malloc.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -33,6 +34,15 @@ void EndRunWhenAMappedFileShrinks() {
   sigaction(SIGBUS, &action, nullptr);
 }
 
+// Arrays of some hundred kilobytes (a mesh's weld, a slice of a stream) come and go on two
+// threads at once. Mapped and unmapped one by one, each changes the process's memory map, which
+// the other thread's page faults then wait for; kept in the heap, they are reused instead.
+void KeepLargeArraysInTheHeap() {
+#if defined(__GLIBC__) && defined(M_MMAP_THRESHOLD)
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);
+#endif
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -43,6 +53,7 @@ int main(int argc, char** argv) {
   const korvex::ConversionRequest request =
       korvex::RequestFromArguments(std::vector<std::string>(argv + 1, argv + argc));
   EndRunWhenAMappedFileShrinks();
+  KeepLargeArraysInTheHeap();
   korvex::EndRunOnFailedNew();
   return korvex::RunConversion(request).status;
 }

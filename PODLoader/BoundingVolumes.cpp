@@ -332,7 +332,8 @@ BoundingVolumeResult CreateBoundingVolumes(PODMATRIXf* matrix, CPODData* vertex,
     return {true, CreateBoundingAABB(matrix, vertex, count, boxCenter, boxMin, boxMax)};
   }
   // A NaN somewhere: the box's own loop fails at the check that names it.
-  if (!BothVolumes(matrix, vertex, count, none, sphereCenter, sphereRadius, boxCenter, boxMin, boxMax))
+  if (!BothVolumes(matrix, vertex, count, none, sphereCenter, sphereRadius, boxCenter, boxMin,
+                   boxMax))
     CreateBoundingAABB(matrix, vertex, count, boxCenter, boxMin, boxMax);
   return {true, true};
 }
@@ -370,8 +371,8 @@ bool TryBoundingVolumes(bool objectSpace, const PODMATRIXf& matrix, const CPODDa
   PODMatrixIdentityF(identity);
   NoCheck none;
   WorldBoxCheck world{&matrix, &vertex};
-  return objectSpace ? BothVolumes(&identity, &vertex, count, world, v.sphereCenter, &v.sphereRadius,
-                                   v.boxCenter, v.boxMin, v.boxMax)
+  return objectSpace ? BothVolumes(&identity, &vertex, count, world, v.sphereCenter,
+                                   &v.sphereRadius, v.boxCenter, v.boxMin, v.boxMax)
                      : BothVolumes(&matrix, &vertex, count, none, v.sphereCenter, &v.sphereRadius,
                                    v.boxCenter, v.boxMin, v.boxMax);
 }

@@ -31,7 +31,8 @@ void MeshVolumesAhead::Make() {
     uint8_t open = kOpen;
     if (!slot.state.compare_exchange_strong(open, kMaking)) return;
     const Job& job = m_jobs[j];
-    const bool made = TryBoundingVolumes(job.objectSpace, job.matrix, *job.vertex, job.count, slot.values);
+    const bool made =
+        TryBoundingVolumes(job.objectSpace, job.matrix, *job.vertex, job.count, slot.values);
     std::lock_guard<std::mutex> lock(m_mutex);
     slot.state = made ? kMade : kLeft;
     m_made.notify_all();

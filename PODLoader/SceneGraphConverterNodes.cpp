@@ -87,8 +87,9 @@ void SceneGraphConverter::fillMeshNodeData(SSGQelMeshNodeData& into, int nodeInd
 
   // A mesh without vertices gets no volumes: the fields stay zero.
   const int count = static_cast<int>(record->numVertex);
-  const MeshVolumesAhead::Job job{static_cast<uint32_t>(nodeIndex), volumes == MeshVolumes::ObjectSpace,
-                                  record->transform, &mesh.sVertex, count};
+  const MeshVolumesAhead::Job job{static_cast<uint32_t>(nodeIndex),
+                                  volumes == MeshVolumes::ObjectSpace, record->transform,
+                                  &mesh.sVertex, count};
   BoundingVolumeValues ahead;
   BoundingVolumeResult made{true, true};
   if (m_volumesAhead != nullptr && m_volumesAhead->Take(job, ahead)) {

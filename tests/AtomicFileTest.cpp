@@ -2,7 +2,6 @@
 // the size of what is written.
 
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
 
 #include <cstdio>

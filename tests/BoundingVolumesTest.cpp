@@ -295,7 +295,7 @@ TEST(BoundingVolumes, TryingLeavesToTheFunctionsWhatTheyFailOn) {
     const char* what;
     bool objectSpace;
     int count;
-    float world0, x5;          // the matrix's x scale; x of vertex 5 (1 elsewhere)
+    float world0, x5;           // the matrix's x scale; x of vertex 5 (1 elsewhere)
     void (*damage)(CPODData&);  // the stream as described
   };
   const Case cases[] = {
@@ -307,7 +307,8 @@ TEST(BoundingVolumes, TryingLeavesToTheFunctionsWhatTheyFailOn) {
       {"four floats a position", false, 9, 1.0f, 1.0f, [](CPODData& d) { d.n = 4; }},
       {"a stride of 16", false, 9, 1.0f, 1.0f, [](CPODData& d) { d.nStride = 16; }},
       {"integers", false, 9, 1.0f, 1.0f, [](CPODData& d) { d.eType = EPODDataInt32; }},
-      {"fewer positions held than asked for", false, 9, 1.0f, 1.0f, [](CPODData& d) { d.nDataSize -= 4; }},
+      {"fewer positions held than asked for", false, 9, 1.0f, 1.0f,
+       [](CPODData& d) { d.nDataSize -= 4; }},
       {"no array", false, 9, 1.0f, 1.0f, [](CPODData& d) { d.pData = nullptr; }},
   };
   for (const Case& c : cases) {

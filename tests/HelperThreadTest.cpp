@@ -2,7 +2,6 @@
 // every core the process may.
 
 #include <gtest/gtest.h>
-
 #include <pthread.h>
 #include <sched.h>
 

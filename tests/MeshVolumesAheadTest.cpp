@@ -65,9 +65,8 @@ TEST(MeshVolumesAhead, RecordsGetTheVolumesTheConverterWouldMake) {
       SCOPED_TRACE("node " + std::to_string(r->indexToObject));
       SPODMesh& mesh = scene.pMesh[scene.pNode[r->indexToObject].nIdx];
       float v[13];
-      (frames ? CreateObjectSpaceVolumes : CreateBoundingVolumes)(&r->transform, &mesh.sVertex,
-                                                                  int(mesh.nNumVertex), v, v + 3, v + 4,
-                                                                  v + 7, v + 10);
+      (frames ? CreateObjectSpaceVolumes : CreateBoundingVolumes)(
+          &r->transform, &mesh.sVertex, int(mesh.nNumVertex), v, v + 3, v + 4, v + 7, v + 10);
       EXPECT_EQ(std::memcmp(r->sphereCenter, v, 12), 0);
       EXPECT_EQ(std::memcmp(&r->sphereRadius, v + 3, 4), 0);
       EXPECT_EQ(std::memcmp(r->boxCenter, v + 4, 12), 0);
@@ -77,9 +76,9 @@ TEST(MeshVolumesAhead, RecordsGetTheVolumesTheConverterWouldMake) {
   }
 }
 
-// Asked with the inputs it was given, the helper hands over what it made; asked with others (another
-// matrix, another way of keeping the volumes, another count) or for a node it has no job for, it
-// hands over nothing, and the converter makes the volumes itself.
+// Asked with the inputs it was given, the helper hands over what it made; asked with others
+// (another matrix, another way of keeping the volumes, another count) or for a node it has no job
+// for, it hands over nothing, and the converter makes the volumes itself.
 TEST(MeshVolumesAhead, OnlyVolumesMadeFromTheInputsAskedForAreHandedOver) {
   CPODScene scene;
   BuildScene(scene, false);
@@ -98,11 +97,20 @@ TEST(MeshVolumesAhead, OnlyVolumesMadeFromTheInputsAskedForAreHandedOver) {
     MeshVolumesAhead::Job asked = jobs[k];
     const bool same = k % 2 == 0;
     switch (same ? -1 : int(k / 2)) {
-      case 0: asked.matrix.f[12] = 1.0f; break;
-      case 1: asked.objectSpace = true; break;
-      case 2: asked.count -= 1; break;
-      case 3: asked.node += 1; break;
-      default: break;
+      case 0:
+        asked.matrix.f[12] = 1.0f;
+        break;
+      case 1:
+        asked.objectSpace = true;
+        break;
+      case 2:
+        asked.count -= 1;
+        break;
+      case 3:
+        asked.node += 1;
+        break;
+      default:
+        break;
     }
     BoundingVolumeValues values;
     const bool handed = ahead.Take(asked, values);

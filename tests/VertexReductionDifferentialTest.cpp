@@ -526,7 +526,8 @@ TEST(VertexReductionDifferential, AnyRangeOfARebuiltStreamIsThatRangeOfTheWholeS
     for (int k = 0; k < 200; ++k) {
       const size_t at = rng() % bytes;
       const size_t n = 1 + rng() % std::min<size_t>(bytes - at, 97);
-      SCOPED_TRACE("stream " + std::to_string(int(stream)) + " at " + std::to_string(at) + " n " + std::to_string(n));
+      SCOPED_TRACE("stream " + std::to_string(int(stream)) + " at " + std::to_string(at) + " n " +
+                   std::to_string(n));
       std::vector<uint8_t> part(n);
       ASSERT_TRUE(PODMeshWeldGather(asWritten, *weld, stream, at, n, part.data()));
       ASSERT_EQ(std::memcmp(part.data(), whole.data() + at, n), 0);

@@ -237,8 +237,10 @@ void NodeEvaluator::start(const SPODScene& scene, const FrameFields& carried) {
   const uint32_t nodes = scene.pNode ? scene.nNumNode : 0;
   m_table.reset(nodes);
   m_current = &m_table;
-  if (m_kept != &scene) m_frames.clear();
-  else if (m_frames.empty() && uint64_t{scene.nNumFrame} * nodes * (sizeof(PODMATRIXf) + 4) <= kKeptFramesBudget)
+  if (m_kept != &scene)
+    m_frames.clear();
+  else if (m_frames.empty() &&
+           uint64_t{scene.nNumFrame} * nodes * (sizeof(PODMATRIXf) + 4) <= kKeptFramesBudget)
     m_frames.resize(scene.nNumFrame);
   setFrame(0.0f);
 }

@@ -149,7 +149,7 @@ class NodeEvaluator {
   FrameFields m_fields;
   int32_t m_currentFrame = 0;
   int32_t m_frameCount = 0;
-  WorldTable m_table;            // any other point
+  WorldTable m_table;  // any other point
   const SPODScene* m_kept = nullptr;
   std::vector<WorldTable> m_frames;  // whole frame f at m_frames[f], kept (see keepFrames)
   WorldTable* m_current = &m_table;

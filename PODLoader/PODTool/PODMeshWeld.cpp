@@ -106,26 +106,29 @@ void GatherRows(const uint8_t* old, const uint16_t* from, size_t first, size_t c
 }
 
 // The same for rows of `bytes` bytes at a stride of their own (a vertex's bone indices).
-void GatherStridedRows(const CPODData& old, size_t bytes, const uint16_t* from, size_t first, size_t count,
-                       uint8_t* out) {
+void GatherStridedRows(const CPODData& old, size_t bytes, const uint16_t* from, size_t first,
+                       size_t count, uint8_t* out) {
   const size_t stride = old.nStride;
   if (bytes == 4) {
-    for (size_t e = 0; e < count; ++e) std::memcpy(out + 4 * e, old.pData + stride * from[first + e], 4);
+    for (size_t e = 0; e < count; ++e)
+      std::memcpy(out + 4 * e, old.pData + stride * from[first + e], 4);
     return;
   }
-  for (size_t e = 0; e < count; ++e) std::memcpy(out + bytes * e, old.pData + stride * from[first + e], bytes);
+  for (size_t e = 0; e < count; ++e)
+    std::memcpy(out + bytes * e, old.pData + stride * from[first + e], bytes);
 }
 
 // Bone weights [first, first + count): `bones` of them a kept vertex, each taken from its old
 // vertex's row by bone; past the kept vertices, zeros.
-void GatherWeights(const SPODMesh& mesh, const SPODMeshWeld& weld, size_t bones, size_t first, size_t count,
-                   uint8_t* out) {
+void GatherWeights(const SPODMesh& mesh, const SPODMeshWeld& weld, size_t bones, size_t first,
+                   size_t count, uint8_t* out) {
   const size_t held = std::min(first + count, size_t{weld.nKept} * bones);
   const CPODData& weights = mesh.sBoneWeight;
   size_t v = first / bones, b = first % bones;
   size_t e = first;
   for (; e < held; ++e) {
-    std::memcpy(out + 4 * (e - first), weights.pData + size_t{weights.nStride} * weld.pnSource[v] + 4 * b, 4);
+    std::memcpy(out + 4 * (e - first),
+                weights.pData + size_t{weights.nStride} * weld.pnSource[v] + 4 * b, 4);
     if (++b == bones) {
       b = 0;
       ++v;

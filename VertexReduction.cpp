@@ -1,7 +1,5 @@
 #include "edit/VertexReduction.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -742,10 +740,10 @@ class WeldsAhead {
     }
     if (m_nodes.size() < 2 || corners < kWorthAThread) return;
     m_welds.resize(meshNodes);
-    pthread_t helper;
-    const bool started = korvex::StartHelperThread(helper, &WeldsAhead::Work, this);
+    korvex::HelperThread helper;
+    helper.Start(&WeldsAhead::Work, this);
     Work(this);
-    if (started) pthread_join(helper, nullptr);
+    helper.Join();
   }
   ~WeldsAhead() {
     for (MeshWeld& w : m_welds) PODMeshWeldFree(w.weld);  // only those no node took (an abort)

@@ -3,20 +3,17 @@
 #include <cstring>
 #include <utility>
 
-#include "pod/HelperThread.h"
-
 MeshVolumesAhead::MeshVolumesAhead(std::vector<Job> jobs)
     : m_jobs(std::move(jobs)), m_slots(new Slot[m_jobs.size()]) {
   uint64_t positions = 0;
   for (const Job& job : m_jobs) positions += job.count > 0 ? static_cast<uint64_t>(job.count) : 0;
   if (m_jobs.size() < 2 || positions < kWorthAThread) return;
-  m_started = korvex::StartHelperThread(m_thread, &MeshVolumesAhead::Run, this);
+  m_thread.Start(&MeshVolumesAhead::Run, this);
 }
 
 MeshVolumesAhead::~MeshVolumesAhead() {
-  if (!m_started) return;
   m_stop = true;
-  pthread_join(m_thread, nullptr);
+  m_thread.Join();
 }
 
 void* MeshVolumesAhead::Run(void* self) {

@@ -5,8 +5,6 @@
 // failing check are handed over: any other mesh is left to the converter in its turn, so what it
 // prints, and where an assertion stops it, is the same as without the helper.
 
-#include <pthread.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -15,6 +13,7 @@
 #include <vector>
 
 #include "convert/BoundingVolumes.h"
+#include "pod/HelperThread.h"
 #include "pod/PODModel.h"
 
 class MeshVolumesAhead {
@@ -58,6 +57,5 @@ class MeshVolumesAhead {
   std::mutex m_mutex;
   std::condition_variable m_made;
   std::atomic<bool> m_stop{false};
-  bool m_started = false;
-  pthread_t m_thread{};
+  korvex::HelperThread m_thread;  // last: joined before the members it uses go
 };

@@ -1,5 +1,5 @@
 // A helper thread starts on another core than its creator's, runs its work, and may then use
-// every core the process may.
+// every core its creator may.
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -21,7 +21,7 @@ void* Record(void* p) {
   seen.firstCore = sched_getcpu();
   seen.coresKnown = pthread_getaffinity_np(pthread_self(), sizeof seen.cores, &seen.cores) == 0;
   seen.arg = 42;
-  return &seen;
+  return nullptr;
 }
 
 TEST(HelperThread, StartsOnAnotherCoreThenMayUseEveryCore) {
@@ -32,16 +32,16 @@ TEST(HelperThread, StartsOnAnotherCoreThenMayUseEveryCore) {
   // (another process took its core) tells nothing, and the start is tried again.
   for (int attempt = 0; attempt < 20; ++attempt) {
     Seen seen;
-    pthread_t thread;
+    korvex::HelperThread thread;
     const int before = sched_getcpu();
-    ASSERT_TRUE(korvex::StartHelperThread(thread, &Record, &seen));
+    ASSERT_TRUE(thread.Start(&Record, &seen));
     const int after = sched_getcpu();
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, &seen);
+    EXPECT_FALSE(thread.Start(&Record, &seen));  // one thread a handle
+    thread.Join();
+    EXPECT_FALSE(thread.running());
     EXPECT_EQ(seen.arg, 42);
     ASSERT_TRUE(seen.coresKnown);
-    // Once running, the helper may use every core the process may, its creator's included.
+    // Once running, the helper may use every core its creator may, its creator's own included.
     EXPECT_TRUE(CPU_EQUAL(&seen.cores, &process));
     if (before != after) continue;
     EXPECT_NE(seen.firstCore, before);

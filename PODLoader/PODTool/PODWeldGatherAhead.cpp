@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "pod/HelperThread.h"
-
 PODWeldGatherAhead::PODWeldGatherAhead(std::vector<PODWeldGatherRequest> requests)
     : m_requests(std::move(requests)) {
   for (Slot& slot : m_slots) slot.data.resize(kSlice);
-  m_started = korvex::StartHelperThread(m_thread, &PODWeldGatherAhead::Run, this);
+  m_thread.Start(&PODWeldGatherAhead::Run, this);
 }
 
 PODWeldGatherAhead::~PODWeldGatherAhead() { Stop(); }
@@ -45,7 +43,7 @@ void PODWeldGatherAhead::Gather() {
 }
 
 const uint8_t* PODWeldGatherAhead::Take(size_t request, size_t at, size_t n, bool& ok) {
-  if (!m_started) return nullptr;
+  if (!m_thread.running()) return nullptr;
   const Slot* slot = nullptr;
   {
     std::unique_lock<std::mutex> lock(m_mutex);
@@ -67,12 +65,11 @@ void PODWeldGatherAhead::Done() {
 }
 
 void PODWeldGatherAhead::Stop() {
-  if (!m_started) return;
+  if (!m_thread.running()) return;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_stop = true;
     m_changed.notify_all();
   }
-  pthread_join(m_thread, nullptr);
-  m_started = false;
+  m_thread.Join();
 }

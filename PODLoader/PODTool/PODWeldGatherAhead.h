@@ -5,14 +5,13 @@
 // order, or no thread) is refused, and the save gathers it itself. The bytes are the same either
 // way.
 
-#include <pthread.h>
-
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <vector>
 
+#include "pod/HelperThread.h"
 #include "pod/PODMeshWeld.h"
 #include "pod/PODModel.h"
 
@@ -62,6 +61,5 @@ class PODWeldGatherAhead {
   size_t m_taken = 0;     // slices handed back
   bool m_finished = false;
   bool m_stop = false;
-  bool m_started = false;
-  pthread_t m_thread{};
+  korvex::HelperThread m_thread;  // last: joined before the members it uses go
 };

@@ -499,18 +499,35 @@ TEST(VertexReductionDifferential, WeldsMadeAheadOnTwoCoresAreThoseOfOneNodeAtATi
   FreeScene(scene);
 }
 
+// A grid mesh welded for saving (the plan's weld, null when none was made), and the mesh as the
+// save writes it: its own streams, the weld's vertex count.
+struct WeldedGrid {
+  SPODScene scene;
+  PODWeldPlan plan;
+  const SPODMeshWeld* weld = nullptr;
+  SPODMesh asWritten{};
+
+  WeldedGrid(int side, unsigned seed) : scene(MakeScene({MakeMesh(Grid(side, 1, seed))}, {{0, 0, "grid"}})) {
+    testing::internal::CaptureStdout();
+    plan = reduceMeshVertexForSave(&scene, false);
+    testing::internal::GetCapturedStdout();
+    weld = plan.weld(0);
+    asWritten = scene.pMesh[0];
+    if (weld != nullptr) asWritten.nNumVertex = weld->nKept;
+  }
+  ~WeldedGrid() { FreeScene(scene); }
+  WeldedGrid(const WeldedGrid&) = delete;
+  WeldedGrid& operator=(const WeldedGrid&) = delete;
+};
+
 // A save gathers a rebuilt stream in slices that may cut an element, or a vertex's bones, anywhere:
 // every range holds the bytes of the whole stream there (which the scans above check), for the
 // bones too, whose weights are packed by bone index and end in zeros.
 TEST(VertexReductionDifferential, AnyRangeOfARebuiltStreamIsThatRangeOfTheWholeStream) {
-  SPODScene scene = MakeScene({MakeMesh(Grid(30, 1, 4))}, {{0, 0, "grid"}});
-  testing::internal::CaptureStdout();
-  const PODWeldPlan plan = reduceMeshVertexForSave(&scene, false);
-  testing::internal::GetCapturedStdout();
-  const SPODMeshWeld* weld = plan.weld(0);
-  ASSERT_NE(weld, nullptr);
-  SPODMesh asWritten = scene.pMesh[0];
-  asWritten.nNumVertex = weld->nKept;
+  WeldedGrid grid(30, 4);
+  ASSERT_NE(grid.weld, nullptr);
+  const SPODMeshWeld* weld = grid.weld;
+  const SPODMesh& asWritten = grid.asWritten;
   std::mt19937 rng(7);
   for (EPODWeldStream stream : {EPODWeldStream::Faces, EPODWeldStream::Vertex, EPODWeldStream::UVW0,
                                 EPODWeldStream::BoneIdx, EPODWeldStream::BoneWeight}) {
@@ -533,21 +550,16 @@ TEST(VertexReductionDifferential, AnyRangeOfARebuiltStreamIsThatRangeOfTheWholeS
       ASSERT_EQ(std::memcmp(part.data(), whole.data() + at, n), 0);
     }
   }
-  FreeScene(scene);
 }
 
 // The gatherer of a save hands over the slices of the streams it was given, in order, as the save
 // itself would gather them, with the gather's failure; asked out of order, it stops and hands over
 // nothing more, and the save gathers the rest itself.
 TEST(VertexReductionDifferential, GatheringAheadHandsOverTheSlicesOfEachStreamInOrder) {
-  SPODScene scene = MakeScene({MakeMesh(Grid(200, 1, 9))}, {{0, 0, "grid"}});
-  testing::internal::CaptureStdout();
-  const PODWeldPlan plan = reduceMeshVertexForSave(&scene, false);
-  testing::internal::GetCapturedStdout();
-  const SPODMeshWeld* weld = plan.weld(0);
-  ASSERT_NE(weld, nullptr);
-  SPODMesh asWritten = scene.pMesh[0];
-  asWritten.nNumVertex = weld->nKept;
+  WeldedGrid grid(200, 9);
+  ASSERT_NE(grid.weld, nullptr);
+  const SPODMeshWeld* weld = grid.weld;
+  const SPODMesh& asWritten = grid.asWritten;
   std::vector<PODWeldGatherRequest> requests;
   for (EPODWeldStream stream : {EPODWeldStream::Faces, EPODWeldStream::Vertex, EPODWeldStream::UVW0})
     requests.push_back({asWritten, weld, stream, PODMeshWeldedBytes(asWritten, *weld, stream)});
@@ -555,7 +567,7 @@ TEST(VertexReductionDifferential, GatheringAheadHandsOverTheSlicesOfEachStreamIn
 
   // An index beyond the old vertices, at corner 5: the first slice of the indices fails.
   const uint16_t beyond = 0xFFFF;
-  std::memcpy(scene.pMesh[0].sFaces.pData + 10, &beyond, 2);
+  std::memcpy(grid.scene.pMesh[0].sFaces.pData + 10, &beyond, 2);
   for (size_t r = 0; r < requests.size(); ++r) {
     SCOPED_TRACE("stream " + std::to_string(r));
     std::vector<uint8_t> whole(requests[r].bytes);
@@ -589,7 +601,6 @@ TEST(VertexReductionDifferential, GatheringAheadHandsOverTheSlicesOfEachStreamIn
     EXPECT_EQ(ahead.Take(1, 0, PODWeldGatherAhead::kSlice, ok), nullptr);
     EXPECT_EQ(ahead.Take(0, 0, PODWeldGatherAhead::kSlice, ok), nullptr);
   }
-  FreeScene(scene);
 }
 
 }  // namespace

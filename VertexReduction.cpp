@@ -21,7 +21,7 @@ namespace {
 constexpr uint32_t kMaxUVSets = 2;
 // Bone streams are copied once per kept vertex and a vertex with a NaN becomes a new kept vertex
 // at every corner, so a mesh with many bones a vertex could multiply its size by its corners.
-// Meshes whose rebuilt bone streams could pass this size are left alone.
+// Meshes whose rebuilt bone streams would pass this size, as the weld keeps them, are left alone.
 constexpr uint64_t kMaxRebuiltBoneBytes = uint64_t{256} << 20;
 constexpr double kNearTolerance = 0.001;
 // A position group of near mode this long is searched through its cells instead of one by one.
@@ -97,10 +97,6 @@ const char* WhyNotReducible(const SPODMesh& mesh, size_t& reach) {
   if (mesh.sBoneBatches.nBatchCnt > 0) {
     const CPODData& idx = mesh.sBoneIdx;
     const CPODData& weights = mesh.sBoneWeight;
-    // At most one kept vertex a corner.
-    const uint64_t boneBytes = idx.n + 4 * uint64_t{weights.n};
-    if (corners > 0 && boneBytes > kMaxRebuiltBoneBytes / corners)
-      return "the rebuilt bone streams could pass 256 MiB";
     // One weight is copied per bone index.
     if (weights.n < idx.n) return "fewer bone weights than bone indices";
     if (!IsPackedBoneStream(idx, idx.n) || !IsPackedBoneStream(weights, 4 * uint64_t{weights.n}))
@@ -667,6 +663,10 @@ MeshWeld MakeWeld(const SPODMesh& mesh, bool useUV, bool nearly, ReductionScratc
 
   const std::vector<buffer>& entries = scratch.entries;
   const size_t n = scratch.kept;
+  if (mesh.sBoneBatches.nBatchCnt > 0) {
+    const uint64_t boneBytes = mesh.sBoneIdx.n + 4 * uint64_t{mesh.sBoneWeight.n};
+    if (n > 0 && boneBytes > kMaxRebuiltBoneBytes / n) return {nullptr, "the rebuilt bone streams would pass 256 MiB"};
+  }
   SPODMeshWeld* weld = PODMeshWeldCreate(static_cast<uint32_t>(n), !scratch.perCorner, addressable, corners);
   weld->nUVW = uvSets;
   weld->bBones = mesh.sBoneBatches.nBatchCnt > 0;

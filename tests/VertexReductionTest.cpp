@@ -185,6 +185,38 @@ TEST(VertexReduction, NewIndicesWrapAbove65535KeptVertices) {
   FreeScene(scene);
 }
 
+// The rebuilt bone streams are bounded by the vertices the weld keeps, not by the corners: many
+// triangles over few vertices weld, while a NaN vertex kept at every corner would pass 256 MiB.
+TEST(VertexReduction, RebuiltBoneStreamsAreBoundedByTheVerticesKept) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const uint32_t kBones = 65536;  // 327,680 bytes of bones a vertex: 820 kept vertices pass 256 MiB
+  MeshData m;
+  m.normals = {1, 0, 0, 2, 0, 0};
+  m.boneIdxN = m.boneWeightN = kBones;
+  m.boneIdx.assign(2 * kBones, 0);
+  m.boneIdx[0] = 7, m.boneIdx[kBones] = 9;
+  m.boneWeights.assign(2 * kBones, 0.5f);
+  for (int c = 0; c < 274; ++c) m.faces.insert(m.faces.end(), {0, 0, 1});  // 822 corners
+  m.positions = {3, 4, 5, 3, 4, 5};
+  const SPODMesh few = MakeMesh(m);
+  m.positions = {nan, 4, 5, 3, 4, 5};
+  m.faces.assign(822, 0);
+  const SPODMesh everyCorner = MakeMesh(m);
+  SPODScene scene = MakeScene({few, everyCorner}, {{0, -1, "few"}, {1, -1, "nan"}});
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(ReduceScene(scene, false), kSameHeader + Totals(4, 3));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Note: vertices of \"nan\" not reduced: the rebuilt bone streams would pass 256 MiB\n");
+  const SPODMesh& welded = scene.pMesh[0];
+  ASSERT_EQ(welded.nNumVertex, 1u);
+  const std::vector<uint8_t> bones = Values<uint8_t>(welded.sBoneIdx);
+  ASSERT_EQ(bones.size(), kBones);
+  EXPECT_EQ(bones[0], 7);  // the first corner's vertex
+  EXPECT_EQ(Values<float>(welded.sNormals), (std::vector<float>{2, 0, 0}));  // the last corner's
+  EXPECT_EQ(scene.pMesh[1].nNumVertex, 2u);
+  FreeScene(scene);
+}
+
 // The vertex count does not bound the indices: vertices are read only where the triangles use
 // them, so streams shorter than the count, or indices past it, are welded as long as every stream
 // read holds each index used. The totals still add up the counts.

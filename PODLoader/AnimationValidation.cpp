@@ -52,7 +52,7 @@ uint64_t SkeletalWork(const CPODScene& scene, const SPODNode& node, const int32_
       ++chainNodes;
     }
   }
-  return work + uint64_t{scene.nNumFrame} * (chainNodes + uint64_t(k));
+  return work + uint64_t{scene.nNumFrame} * (chainNodes + uint64_t(k > 0 ? k : 0));
 }
 
 // A per-vertex bone stream is copied as numVertex x stride bytes from its own array.
@@ -69,18 +69,26 @@ std::string CheckBoneStream(const SPODMesh& mesh, const CPODData& stream, const 
 
 std::string CheckSkinnedMesh(const CPODScene& scene, const korvex::SceneRules& rules,
                              const SPODNode& node, const SPODMesh& mesh) {
-  // The bind pose is read from the first keys of the mesh node, without a fallback.
-  if (korvex::ScaleKeyCount(node) == 0) return "skinned mesh node has no pfAnimScale key";
-  if (korvex::RotationKeyCount(node) == 0) return "skinned mesh node has no pfAnimRotation key";
-  if (korvex::PositionKeyCount(node) == 0) return "skinned mesh node has no pfAnimPosition key";
-
   const CPODBoneBatches& batches = mesh.sBoneBatches;
-  if (batches.pnBatchBoneCnt != nullptr && batches.nBatchBoneCntSize >= 4) {
-    const int32_t k = batches.pnBatchBoneCnt[0];
-    if (k < 0 || k > 255) return Format("bone count %d of the first batch is outside 0..255", k);
+  // The bone count of the first batch; a mesh without batch counts has none.
+  const bool counted = batches.pnBatchBoneCnt != nullptr && batches.nBatchBoneCntSize >= 4;
+  const int32_t k = counted ? batches.pnBatchBoneCnt[0] : 0;
+
+  // Each bone's bind pose reads the first keys of the mesh node, without a fallback; with no
+  // bones they are never read.
+  if (k > 0 && korvex::ScaleKeyCount(node) == 0) return "skinned mesh node has no pfAnimScale key";
+  if (k > 0 && korvex::RotationKeyCount(node) == 0) return "skinned mesh node has no pfAnimRotation key";
+  if (k > 0 && korvex::PositionKeyCount(node) == 0) return "skinned mesh node has no pfAnimPosition key";
+
+  if (counted) {
+    // The bone loops would run past the tables sized by the count's low byte.
+    if (k > 255) return Format("bone count %d of the first batch is above 255", k);
+    // The batch table takes the count's low byte of entries (255 for -1), though only a positive
+    // count uses them as bones.
+    const uint32_t entries = static_cast<uint32_t>(k) & 0xFFu;
     const size_t available = batches.pnBatches ? batches.nBatchesSize / 4 : 0;
-    if (available < static_cast<size_t>(k)) {
-      return Format("first batch names %d bones but pnBatches holds %zu", k, available);
+    if (available < entries) {
+      return Format("first batch takes %u bones (count %d) but pnBatches holds %zu", entries, k, available);
     }
     for (int32_t b = 0; b < k; ++b) {
       const int32_t bone = batches.pnBatches[b];
@@ -88,16 +96,15 @@ std::string CheckSkinnedMesh(const CPODScene& scene, const korvex::SceneRules& r
         return Format("bone node index %d is outside the node array", bone);
       }
     }
-    if (uint64_t{scene.nNumFrame} * static_cast<uint64_t>(k) * 64 > kMaxBoneMatrixBytes) {
-      return Format("%d bones over %u frames exceed the bone matrix limit", k, scene.nNumFrame);
+    if (uint64_t{scene.nNumFrame} * entries * 64 > kMaxBoneMatrixBytes) {
+      return Format("%u bones over %u frames exceed the bone matrix limit", entries, scene.nNumFrame);
     }
   }
 
   std::string problem = CheckBoneStream(mesh, mesh.sBoneIdx, "sBoneIdx");
   if (problem.empty()) problem = CheckBoneStream(mesh, mesh.sBoneWeight, "sBoneWeight");
   if (problem.empty()) problem = CheckParentChains(scene, rules);
-  if (problem.empty() && batches.pnBatchBoneCnt != nullptr && batches.nBatchBoneCntSize >= 4 &&
-      SkeletalWork(scene, node, batches.pnBatches, batches.pnBatchBoneCnt[0], rules) > kMaxWork) {
+  if (problem.empty() && counted && SkeletalWork(scene, node, batches.pnBatches, k, rules) > kMaxWork) {
     problem = "bone hierarchy too deep for the frame count";
   }
   return problem;

@@ -44,7 +44,12 @@ TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) 
       {"", [](CPODScene&) {}},
       {"", [](CPODScene&) {}, 1},
       {"no pfAnimRotation key", [](CPODScene& s) { s.pNode[0].nAnimRotationSize = 12; }},
-      {"outside 0..255", [&](CPODScene& s) { cnt(s) = 256; }},
+      {"above 255", [&](CPODScene& s) { cnt(s) = 256; }},
+      // Without bones the mesh node's keys are never read; a negative count still copies its
+      // low byte of batch entries, which the mesh must hold.
+      {"", [&](CPODScene& s) { cnt(s) = 0, s.pNode[0].nAnimRotationSize = 0; }},
+      {"takes 255 bones (count -1) but pnBatches holds 2", [&](CPODScene& s) { cnt(s) = -1; }},
+      {"", [&](CPODScene& s) { cnt(s) = -256, s.pNode[0].nAnimScaleSize = 0; }},
       {"bone node index 4", [](CPODScene& s) { s.pMesh[0].sBoneBatches.pnBatches[1] = 4; }},
       {"sBoneWeight holds fewer", [](CPODScene& s) { s.pMesh[0].sBoneWeight.nDataSize = 4; }},
       {"parent chain of node 2 is cyclic", [](CPODScene& s) { s.pNode[2].nIdxParent = 3; }},

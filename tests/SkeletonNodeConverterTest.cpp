@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -160,6 +161,50 @@ TEST(SkeletonNodeConverter, ABoneNamedTwiceIsRegisteredOnceAndCountsTwiceInTheVo
   }
   // The geometry word and the trailing word of each element are zero.
   for (float word : {sphere[0], sphere[5], box[0], box[10]}) EXPECT_EQ(word, 0.0f);
+}
+
+// A count of no bones sizes the tables by its low byte (255 for -1), runs no bone loop and so
+// reads no key of the mesh node, and divides the empty sums by itself: 0/0 or -0.
+TEST(SkeletonNodeConverter, ACountOfNoBonesSizesItsTablesByItsLowByteAndDividesByItself) {
+  struct Case {
+    int32_t count;
+    uint32_t entries;
+  };
+  for (const Case c : {Case{0, 0}, Case{-1, 255}, Case{-256, 0}}) {
+    SCOPED_TRACE(c.count);
+    Skin s(2);
+    s.b.SetAnimScale(s.skin, {}, false);  // the mesh node has no keys at all
+    s.b.SetAnimRotation(s.skin, {}, false);
+    s.b.SetAnimPosition(s.skin, {}, false);
+    std::vector<int32_t> bones(255);
+    for (size_t b = 0; b < bones.size(); ++b) bones[b] = int32_t(b);
+    s.b.SetBoneBatches(s.mesh, 255, {bones}, {0});
+    ASSERT_TRUE(s.b.Build(s.scene));
+    s.scene.pMesh[s.mesh].sBoneBatches.pnBatchBoneCnt[0] = c.count;
+    s.conv.convertSkeletonNode(&s.scene, s.skin, s.r, s.frame);
+
+    ASSERT_EQ(s.r->Batch.length, 4 * c.entries);
+    EXPECT_EQ(std::memcmp(s.r->Batch.data, bones.data(), 4 * c.entries), 0);
+    ASSERT_EQ(s.r->sBoneIndexbuffer.length, 4 * c.entries);
+    for (uint32_t slot = 0; slot < c.entries; ++slot) EXPECT_EQ(s.slot(int(slot)), -1);
+    ASSERT_EQ(s.r->sBoneWorldMatrixbuffer.length, 2 * 64 * c.entries);
+    for (uint32_t e = 0; e < 2 * 16 * c.entries; ++e) ASSERT_EQ(s.floats(s.r->sBoneWorldMatrixbuffer, e, 1)[0], 0.0f);
+    for (int f = 0; f < 2; ++f) {
+      const std::vector<float> sphere = s.floats(s.r->sSpherebuffer, 6 * f, 6);
+      const std::vector<float> box = s.floats(s.r->sAABBbuffer, 11 * f, 11);
+      for (float v : {sphere[1], sphere[3], box[1], box[5], box[9]}) {
+        if (c.count == 0) {
+          EXPECT_TRUE(std::isnan(v));
+        } else {
+          EXPECT_EQ(v, 0.0f);
+          EXPECT_TRUE(std::signbit(v));
+        }
+      }
+      EXPECT_EQ(sphere[4], 7.0f);
+    }
+    EXPECT_EQ(s.frame.frame, 0.0f);  // no bone matrix set a frame
+    EXPECT_EQ(s.frame.index, 0);
+  }
 }
 
 TEST(SkeletonNodeConverterDeathTest, AnUnregisteredBoneFailsTheSlotAssertion) {

@@ -85,6 +85,40 @@ TEST_F(PODFileAccess, LazyLoadingJoinsDirectoryAndFileName) {
   EXPECT_EQ(Bytes(box->normal, 24), Pattern(60, 24));
 }
 
+// Streams the POD file does not hold, in part or at all, leave a warning naming file and node.
+TEST_F(PODFileAccess, LazyLoadingWarnsOfStreamsTheFileDoesNotHold) {
+  struct Case {
+    const char* what;
+    uint32_t uvOffset;   // of one set of 2 floats a vertex
+    uint32_t vertices;
+    bool warned;
+  };
+  const Case cases[] = {
+      {"inside the file", 200, 2, false},
+      {"past its end", 290, 2, true},
+      {"larger than the file", 10, 40, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    QelSceneGraphModel model;
+    SSGQelMeshNodeData* m = AddMesh(model, ESGMeshNode);
+    m->numVertex = c.vertices;
+    m->numUVW = 1;
+    m->UVW[0].n = 2;
+    m->UVWOffset[0] = c.uvOffset;
+    AddNode<SSGQelLightNodeData>(model, ESGLightNode, "Light");
+    SetFileHeader(model, "scene.PODx");
+    model.PODDirectory = dir.path() + "/";
+    testing::internal::CaptureStderr();
+    model.loadAllNodeDataFromPOD();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              c.warned ? "Korvex: warning: " + dir.file("scene.PODx") +
+                             ": node \"Mesh\": its mesh streams are not all in the file; what is missing"
+                             " is left empty or zero\n"
+                       : "");
+  }
+}
+
 // What a caller hands over with createNode and createNodeHeader stays the caller's: the model
 // copies a file header and keeps the other pointers, but frees none of them, nor their arrays.
 // Records made for the model and adopted are released with it (the leak checker would say).

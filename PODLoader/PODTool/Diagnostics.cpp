@@ -111,4 +111,6 @@ void EndRunOnFailedNew(const char* program) {
   std::set_new_handler(OnFailedNew);
 }
 
+const char* ProgramName() { return g_program; }
+
 }  // namespace korvex

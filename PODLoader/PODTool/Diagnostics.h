@@ -70,5 +70,7 @@ void SetExitCleanup(ExitCleanup cleanup);
 // Makes a failed `new` anywhere end the run through OutOfMemory, whose line then names `program`
 // ("Korvex" unless said otherwise).
 void EndRunOnFailedNew(const char* program = "Korvex");
+// The program so named, for the problem lines library code words itself.
+const char* ProgramName();
 
 }  // namespace korvex

@@ -25,9 +25,10 @@ namespace {
 
 // What the reader may allocate for an input of n bytes: one record per 16 bytes at the size of
 // the largest record (about 29 times the input), 4 times each array of 32-bit words, texture
-// coordinate descriptors, the file itself.
+// coordinate descriptors, the file itself; and the records a read may allocate beyond what its
+// file can hold.
 constexpr size_t kAllocPerByte = 48;
-constexpr size_t kAllocSlack = 4096;
+constexpr size_t kAllocSlack = CSource::kUnbackedAllowance + 4096;
 
 void Check(bool ok, const char* what) {
   if (!ok) {

@@ -93,7 +93,7 @@ TEST(PODReadReport, FailuresNameTheirCauseTheRecordAndTheByte) {
   Counts one;
   one.meshes = 1;
   Counts huge;
-  huge.nodes = 1000;
+  huge.nodes = 100000;
   const Bytes emptyMesh = Bytes().open(2012).close(2012);
   Bytes early;
   early.version().open(1001).append(emptyMesh).append(podtest::SceneValues(one)).close(1001);
@@ -133,7 +133,7 @@ TEST(PODReadReport, FailuresNameTheirCauseTheRecordAndTheByte) {
        EPODReadFailure::NoVersion, "the file", 0, ""},
       {"no scene", Bytes().version().v, EPODReadFailure::NoScene, "the file", 0, ""},
       {"counts beyond the file", podtest::File(huge, Bytes()).v, EPODReadFailure::TooManyRecords,
-       "the scene", 0, "1000 records"},
+       "the scene", 0, "100000 records"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

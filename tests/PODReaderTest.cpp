@@ -317,7 +317,7 @@ TEST_F(PODReaderTest, EveryPrefixOfAFileFailsAndHostileLengthsAreRefused) {
 TEST_F(PODReaderTest, AllocationStaysASmallMultipleOfTheFileSize) {
   // Counts far beyond what the file can hold fail before allocating.
   Counts huge;
-  huge.nodes = 1000;
+  huge.nodes = 100000;
   PODReaderResetAllocatedBytes();
   EXPECT_FALSE(Load(podtest::File(huge, Bytes())));
   Bytes small = podtest::File(huge, Bytes());
@@ -334,6 +334,39 @@ TEST_F(PODReaderTest, AllocationStaysASmallMultipleOfTheFileSize) {
   EXPECT_TRUE(Load(many));
   EXPECT_GE(PODReaderAllocatedBytes(), 1000 * sizeof(SPODMesh));
   EXPECT_LE(PODReaderAllocatedBytes(), perFileByte * many.size());
+}
+
+// Counts the rest of the file cannot hold are allocated within a small allowance, so that a count
+// declared again, or a smaller second scene read over a first, reads as the file says.
+TEST_F(PODReaderTest, CountsDeclaredAgainAndASmallerSecondSceneReadAsTheyStand) {
+  Counts one;
+  one.meshes = one.nodes = 1;
+  const Bytes node = Bytes().open(2013).blockU32(5000, 0).close(2013);
+  struct Case {
+    const char* name;
+    Bytes file;
+  };
+  Bytes bigFirst = Bytes().version().open(1001).blockU32(2004, 200).blockU32(2005, 300);
+  bigFirst.append(podtest::SceneValues(one)).open(2012).close(2012).append(node).close(1001);
+  Bytes uvsAgain = Bytes().open(2012).blockU32(6002, 500).blockU32(6002, 0).close(2012).append(node);
+  Counts many = one;
+  many.nodes = 200;
+  Bytes nodes;
+  for (int i = 0; i < 200; ++i) nodes.append(node);
+  Bytes secondScene = podtest::File(many, Bytes().open(2012).close(2012).append(nodes));
+  secondScene.open(1001).append(podtest::SceneValues(one)).open(2012).close(2012).append(node).close(1001);
+  const Case cases[] = {
+      {"record counts declared again", bigFirst},
+      {"texture-coordinate count declared again", podtest::File(one, uvsAgain)},
+      {"a smaller second scene", secondScene},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(Load(c.file));
+    EXPECT_EQ(scene.nNumMesh, 1u);
+    EXPECT_EQ(scene.nNumNode, 1u);
+    EXPECT_EQ(scene.pMesh[0].nNumUVW, 0u);
+  }
 }
 
 // A file's stream payloads stay in the file the scene keeps instead of being copied (a stream met

@@ -111,13 +111,14 @@ void ReleaseRecordArray(T*& array, C& capacity) {
 // zeroed array, the earlier one released rather than leaked, for a second count as for the
 // first; a count of 0 allocates nothing and keeps the array. Every record announced and not yet
 // read (`unread` of the count) needs a container of at least 16 bytes in what is left of the
-// file, so a count the file cannot hold fails before anything is allocated.
+// file; a count the file cannot hold fails before anything is allocated, unless its array fits
+// in what is left of the read's allowance (CSource::AllowUnbacked).
 template <typename T, typename C, typename Unread>
 bool ReadCount(CSource& src, uint32_t& n, T*& array, C& capacity, Unread&& unread, const char* what) {
   unsigned int count;
   if (!src.Read(count)) return false;
   if (count != 0) {
-    if (unread(count) > src.GetRemaining() / kMinRecordBytes)
+    if (unread(count) > src.GetRemaining() / kMinRecordBytes && !src.AllowUnbacked(size_t{count} * sizeof(T)))
       return src.Fail(EPODReadFailure::TooManyRecords, std::to_string(count) + what);
     T* fresh = nullptr;
     if (!SafeAlloc(fresh, count)) return src.Fail(EPODReadFailure::OutOfMemory, std::to_string(count) + what);

@@ -178,6 +178,12 @@ bool CSourceStream::Skip(unsigned int nBytes) {
   return true;
 }
 
+bool CSource::AllowUnbacked(size_t nBytes) {
+  if (nBytes > kUnbackedAllowance - m_unbacked) return false;
+  m_unbacked += nBytes;
+  return true;
+}
+
 unsigned int CSourceStream::GetRemaining() const {
   return m_pFile ? m_pFile->Size() - m_BytePosition : 0;
 }

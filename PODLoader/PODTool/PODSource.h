@@ -24,6 +24,12 @@ class CSource {
   // Bytes between the read position and the end of the data: bounds what a count in the file
   // may make the parser allocate.
   virtual unsigned int GetRemaining() const = 0;
+  // Records a count asks for beyond those the rest of the data can hold (each needs a container
+  // of 16 bytes) are allocated only within a small allowance for the whole read, which this
+  // grants or refuses: odd but valid files (a count declared twice, a smaller second scene read
+  // over a first) read as they are, while no count makes a read allocate far beyond its data.
+  static constexpr size_t kUnbackedAllowance = size_t{1} << 20;
+  bool AllowUnbacked(size_t nBytes);
   // The next nBytes in place, skipped over, when the source can lend them to the scene for as
   // long as the scene keeps the source's file; null (nothing moved) otherwise.
   virtual uint8_t* Lend(unsigned int nBytes);
@@ -98,6 +104,7 @@ class CSource {
 
   PODReadReport* m_pReport = nullptr;
   std::vector<Open> m_open;
+  size_t m_unbacked = 0;  // granted by AllowUnbacked so far
 };
 
 // One whole file (or a caller's bytes) in memory. A file is mapped privately rather than copied

@@ -665,7 +665,8 @@ MeshWeld MakeWeld(const SPODMesh& mesh, bool useUV, bool nearly, ReductionScratc
   const size_t n = scratch.kept;
   if (mesh.sBoneBatches.nBatchCnt > 0) {
     const uint64_t boneBytes = mesh.sBoneIdx.n + 4 * uint64_t{mesh.sBoneWeight.n};
-    if (n > 0 && boneBytes > kMaxRebuiltBoneBytes / n) return {nullptr, "the rebuilt bone streams would pass 256 MiB"};
+    if (n > 0 && boneBytes > kMaxRebuiltBoneBytes / n)
+      return {nullptr, "the rebuilt bone streams would pass 256 MiB"};
   }
   SPODMeshWeld* weld = PODMeshWeldCreate(static_cast<uint32_t>(n), !scratch.perCorner, addressable, corners);
   weld->nUVW = uvSets;

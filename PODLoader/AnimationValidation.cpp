@@ -77,8 +77,10 @@ std::string CheckSkinnedMesh(const CPODScene& scene, const korvex::SceneRules& r
   // Each bone's bind pose reads the first keys of the mesh node, without a fallback; with no
   // bones they are never read.
   if (k > 0 && korvex::ScaleKeyCount(node) == 0) return "skinned mesh node has no pfAnimScale key";
-  if (k > 0 && korvex::RotationKeyCount(node) == 0) return "skinned mesh node has no pfAnimRotation key";
-  if (k > 0 && korvex::PositionKeyCount(node) == 0) return "skinned mesh node has no pfAnimPosition key";
+  if (k > 0 && korvex::RotationKeyCount(node) == 0)
+    return "skinned mesh node has no pfAnimRotation key";
+  if (k > 0 && korvex::PositionKeyCount(node) == 0)
+    return "skinned mesh node has no pfAnimPosition key";
 
   if (counted) {
     // The bone loops would run past the tables sized by the count's low byte.
@@ -88,7 +90,8 @@ std::string CheckSkinnedMesh(const CPODScene& scene, const korvex::SceneRules& r
     const uint32_t entries = static_cast<uint32_t>(k) & 0xFFu;
     const size_t available = batches.pnBatches ? batches.nBatchesSize / 4 : 0;
     if (available < entries) {
-      return Format("first batch takes %u bones (count %d) but pnBatches holds %zu", entries, k, available);
+      return Format("first batch takes %u bones (count %d) but pnBatches holds %zu", entries, k,
+                    available);
     }
     for (int32_t b = 0; b < k; ++b) {
       const int32_t bone = batches.pnBatches[b];
@@ -97,14 +100,16 @@ std::string CheckSkinnedMesh(const CPODScene& scene, const korvex::SceneRules& r
       }
     }
     if (uint64_t{scene.nNumFrame} * entries * 64 > kMaxBoneMatrixBytes) {
-      return Format("%u bones over %u frames exceed the bone matrix limit", entries, scene.nNumFrame);
+      return Format("%u bones over %u frames exceed the bone matrix limit", entries,
+                    scene.nNumFrame);
     }
   }
 
   std::string problem = CheckBoneStream(mesh, mesh.sBoneIdx, "sBoneIdx");
   if (problem.empty()) problem = CheckBoneStream(mesh, mesh.sBoneWeight, "sBoneWeight");
   if (problem.empty()) problem = CheckParentChains(scene, rules);
-  if (problem.empty() && counted && SkeletalWork(scene, node, batches.pnBatches, k, rules) > kMaxWork) {
+  if (problem.empty() && counted &&
+      SkeletalWork(scene, node, batches.pnBatches, k, rules) > kMaxWork) {
     problem = "bone hierarchy too deep for the frame count";
   }
   return problem;

@@ -177,9 +177,10 @@ void QelSceneGraphModel::loadNodeDataFromPOD(SSGNodeHeader* nodeHeader) {
     // The dump and the viewer go on without what the file lacks, but say so.
     if constexpr (std::is_base_of<SSGQelMeshNode, Record>::value) {
       if (!loadMeshData(static_cast<Record*>(record(L::kKind, nodeHeader->index))))
-        korvex::ReportProblem(std::string(korvex::ProgramName()) + ": warning: " + PODFilePath + ": node \"" +
-                              std::string(nodeHeader->name, strnlen(nodeHeader->name, sizeof nodeHeader->name)) +
-                              "\": its mesh streams are not all in the file; what is missing is left empty or zero");
+        korvex::ReportProblem(
+            std::string(korvex::ProgramName()) + ": warning: " + PODFilePath + ": node \"" +
+            std::string(nodeHeader->name, strnlen(nodeHeader->name, sizeof nodeHeader->name)) +
+            "\": its mesh streams are not all in the file; what is missing is left empty or zero");
     }
   });
   closePODFile();

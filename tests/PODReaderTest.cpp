@@ -348,13 +348,15 @@ TEST_F(PODReaderTest, CountsDeclaredAgainAndASmallerSecondSceneReadAsTheyStand) 
   };
   Bytes bigFirst = Bytes().version().open(1001).blockU32(2004, 200).blockU32(2005, 300);
   bigFirst.append(podtest::SceneValues(one)).open(2012).close(2012).append(node).close(1001);
-  Bytes uvsAgain = Bytes().open(2012).blockU32(6002, 500).blockU32(6002, 0).close(2012).append(node);
+  Bytes uvsAgain =
+      Bytes().open(2012).blockU32(6002, 500).blockU32(6002, 0).close(2012).append(node);
   Counts many = one;
   many.nodes = 200;
   Bytes nodes;
   for (int i = 0; i < 200; ++i) nodes.append(node);
   Bytes secondScene = podtest::File(many, Bytes().open(2012).close(2012).append(nodes));
-  secondScene.open(1001).append(podtest::SceneValues(one)).open(2012).close(2012).append(node).close(1001);
+  secondScene.open(1001).append(podtest::SceneValues(one));
+  secondScene.open(2012).close(2012).append(node).close(1001);
   const Case cases[] = {
       {"record counts declared again", bigFirst},
       {"texture-coordinate count declared again", podtest::File(one, uvsAgain)},

@@ -89,7 +89,7 @@ TEST_F(PODFileAccess, LazyLoadingJoinsDirectoryAndFileName) {
 TEST_F(PODFileAccess, LazyLoadingWarnsOfStreamsTheFileDoesNotHold) {
   struct Case {
     const char* what;
-    uint32_t uvOffset;   // of one set of 2 floats a vertex
+    uint32_t uvOffset;  // of one set of 2 floats a vertex
     uint32_t vertices;
     bool warned;
   };
@@ -112,10 +112,11 @@ TEST_F(PODFileAccess, LazyLoadingWarnsOfStreamsTheFileDoesNotHold) {
     testing::internal::CaptureStderr();
     model.loadAllNodeDataFromPOD();
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              c.warned ? "Korvex: warning: " + dir.file("scene.PODx") +
-                             ": node \"Mesh\": its mesh streams are not all in the file; what is missing"
-                             " is left empty or zero\n"
-                       : "");
+              c.warned
+                  ? "Korvex: warning: " + dir.file("scene.PODx") +
+                        ": node \"Mesh\": its mesh streams are not all in the file; what is missing"
+                        " is left empty or zero\n"
+                  : "");
   }
 }
 

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <vector>
 
+#include "convert/SkeletonNodeConverter.h"
 #include "pod/PODSceneBuilder.h"
 #include "support/RotationReference.h"
-#include "convert/SkeletonNodeConverter.h"
 
 namespace {
 
@@ -188,7 +188,8 @@ TEST(SkeletonNodeConverter, ACountOfNoBonesSizesItsTablesByItsLowByteAndDividesB
     ASSERT_EQ(s.r->sBoneIndexbuffer.length, 4 * c.entries);
     for (uint32_t slot = 0; slot < c.entries; ++slot) EXPECT_EQ(s.slot(int(slot)), -1);
     ASSERT_EQ(s.r->sBoneWorldMatrixbuffer.length, 2 * 64 * c.entries);
-    for (uint32_t e = 0; e < 2 * 16 * c.entries; ++e) ASSERT_EQ(s.floats(s.r->sBoneWorldMatrixbuffer, e, 1)[0], 0.0f);
+    for (uint32_t e = 0; e < 2 * 16 * c.entries; ++e)
+      ASSERT_EQ(s.floats(s.r->sBoneWorldMatrixbuffer, e, 1)[0], 0.0f);
     for (int f = 0; f < 2; ++f) {
       const std::vector<float> sphere = s.floats(s.r->sSpherebuffer, 6 * f, 6);
       const std::vector<float> box = s.floats(s.r->sAABBbuffer, 11 * f, 11);

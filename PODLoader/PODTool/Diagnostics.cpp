@@ -111,6 +111,8 @@ void EndRunOnFailedNew(const char* program) {
   std::set_new_handler(OnFailedNew);
 }
 
-const char* ProgramName() { return g_program; }
+const char* ProgramName() {
+  return g_program;
+}
 
 }  // namespace korvex

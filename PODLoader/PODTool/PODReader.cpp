@@ -118,7 +118,8 @@ bool ReadCount(CSource& src, uint32_t& n, T*& array, C& capacity, Unread&& unrea
   unsigned int count;
   if (!src.Read(count)) return false;
   if (count != 0) {
-    if (unread(count) > src.GetRemaining() / kMinRecordBytes && !src.AllowUnbacked(size_t{count} * sizeof(T)))
+    if (unread(count) > src.GetRemaining() / kMinRecordBytes &&
+        !src.AllowUnbacked(size_t{count} * sizeof(T)))
       return src.Fail(EPODReadFailure::TooManyRecords, std::to_string(count) + what);
     T* fresh = nullptr;
     if (!SafeAlloc(fresh, count)) return src.Fail(EPODReadFailure::OutOfMemory, std::to_string(count) + what);

@@ -270,6 +270,22 @@ TEST(PODReadReport, BlocksARecordsOwnValuesCallForAreNamed) {
             (std::vector<std::string>{
                 "mesh 0: nNumStrips is 2 but block 6004 (pnStripLength) is missing",
                 "mesh 0: nBatchCnt is 1 but block 6016 (pnBatchBoneCnt) is missing"}));
+
+  // Empty blocks leave the arrays absent too.
+  Bytes emptyArrays;
+  emptyArrays.open(2012).blockU32(6000, 0).blockU32(6001, 0).blockU32(6002, 0).blockU32(6005, 2);
+  emptyArrays.block(6004, "", 0).blockU32(6018, 4).blockU32(6019, 1);
+  emptyArrays.blockWords(6015, {0, 0, 0, 0}).block(6016, "", 0);
+  for (uint32_t tag : {6003u, 6006u, 6007u, 6008u, 6009u, 6011u, 6012u, 6013u})
+    emptyArrays.open(tag).blockU32(9000, 0).blockU32(9001, 0).blockU32(9002, 0).close(tag);
+  emptyArrays.close(2012);
+  Loaded empty;
+  Load(empty, podtest::File(m, emptyArrays).v);
+  ASSERT_TRUE(empty.ok);
+  EXPECT_EQ(empty.report.irregularities,
+            (std::vector<std::string>{
+                "mesh 0: nNumStrips is 2 but block 6004 (pnStripLength) is empty",
+                "mesh 0: nBatchCnt is 1 but block 6016 (pnBatchBoneCnt) is empty"}));
 }
 
 // A second count for records already allocated gives a fresh zeroed array, and the count of

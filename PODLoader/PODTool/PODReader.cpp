@@ -294,15 +294,20 @@ void CheckMeshArrays(const SPODMesh& s, CSource& src) {
       check(d, which.name, s.nNumVertex);
     });
   }
-  if (s.nNumStrips != 0 && !src.HasSeen(PODTag::MeshStripLength))
-    src.Irregular("nNumStrips is " + std::to_string(s.nNumStrips) + " but " +
-                  PODBlockName(PODTag::MeshStripLength) + " is missing");
+  // An empty block leaves its array as absent as a missing one: the skinned conversion then
+  // takes the bone count as 0.
+  auto absent = [&src](const void* array, unsigned int tag, const std::string& count) {
+    if (array == nullptr)
+      src.Irregular(count + " but " + PODBlockName(tag) +
+                    (src.HasSeen(tag) ? " is empty" : " is missing"));
+  };
+  if (s.nNumStrips != 0)
+    absent(s.pnStripLength, PODTag::MeshStripLength,
+           "nNumStrips is " + std::to_string(s.nNumStrips));
   if (s.sBoneBatches.nBatchCnt > 0) {
-    for (unsigned int tag : {PODTag::MeshBoneBatches, PODTag::MeshBoneBatchBoneCnts}) {
-      if (!src.HasSeen(tag))
-        src.Irregular("nBatchCnt is " + std::to_string(s.sBoneBatches.nBatchCnt) + " but " +
-                      PODBlockName(tag) + " is missing");
-    }
+    const std::string count = "nBatchCnt is " + std::to_string(s.sBoneBatches.nBatchCnt);
+    absent(s.sBoneBatches.pnBatches, PODTag::MeshBoneBatches, count);
+    absent(s.sBoneBatches.pnBatchBoneCnt, PODTag::MeshBoneBatchBoneCnts, count);
   }
 }
 

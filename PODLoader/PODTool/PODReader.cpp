@@ -306,7 +306,9 @@ void CheckMeshArrays(const SPODMesh& s, CSource& src) {
            "nNumStrips is " + std::to_string(s.nNumStrips));
   if (s.sBoneBatches.nBatchCnt > 0) {
     const std::string count = "nBatchCnt is " + std::to_string(s.sBoneBatches.nBatchCnt);
-    absent(s.sBoneBatches.pnBatches, PODTag::MeshBoneBatches, count);
+    // Batches of at most 0 bones have an empty table by right.
+    if (s.sBoneBatches.nBatchBoneMax > 0)
+      absent(s.sBoneBatches.pnBatches, PODTag::MeshBoneBatches, count);
     absent(s.sBoneBatches.pnBatchBoneCnt, PODTag::MeshBoneBatchBoneCnts, count);
   }
 }

@@ -76,11 +76,11 @@ std::string CheckSkinnedMesh(const CPODScene& scene, const korvex::SceneRules& r
 
   // Each bone's bind pose reads the first keys of the mesh node, without a fallback; with no
   // bones they are never read.
-  if (k > 0 && korvex::ScaleKeyCount(node) == 0) return "skinned mesh node has no pfAnimScale key";
-  if (k > 0 && korvex::RotationKeyCount(node) == 0)
-    return "skinned mesh node has no pfAnimRotation key";
-  if (k > 0 && korvex::PositionKeyCount(node) == 0)
-    return "skinned mesh node has no pfAnimPosition key";
+  if (k > 0) {
+    if (korvex::ScaleKeyCount(node) == 0) return "skinned mesh node has no pfAnimScale key";
+    if (korvex::RotationKeyCount(node) == 0) return "skinned mesh node has no pfAnimRotation key";
+    if (korvex::PositionKeyCount(node) == 0) return "skinned mesh node has no pfAnimPosition key";
+  }
 
   if (counted) {
     // The bone loops would run past the tables sized by the count's low byte.

@@ -1,27 +1,18 @@
 #include "convert/AnimationValidation.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <vector>
 
+#include "convert/SceneRules.h"
 #include "pod/ChannelKeys.h"
 #include "pod/Diagnostics.h"
-#include "convert/SceneRules.h"
+#include "qsn/SceneGraphRecords.h"
 
 namespace {
 
 using korvex::Format;
-
-// Limits of what is baked, so that a few bytes of input claiming a huge animation cannot make
-// the conversion allocate absurd tables: at most 65536 frames (over half an hour at 30 frames a
-// second), and at most 64 MiB of bone matrices for one skinned mesh (60 bones over 17476 frames).
-const uint64_t kMaxFrames = 65536;
-const uint64_t kMaxBoneMatrixBytes = uint64_t{64} << 20;
-// And at most 2^25 node evaluations for one skinned mesh (some seconds). The bakers keep each
-// node's world matrix at a frame once computed, so a frame costs a node per ancestor the bones
-// have between them, however many bones share them: 60 bones in chains of 20 over 2000 frames
-// need about 240,000.
-const uint64_t kMaxWork = uint64_t{1} << 25;
 
 // The skeletal converter evaluates every node with its parents (its frame-0 table), so every
 // chain must stay inside the node array and end at a root.
@@ -35,8 +26,9 @@ std::string CheckParentChains(const CPODScene& scene, const korvex::SceneRules& 
 
 // Node evaluations the skeletal conversion makes (each a local S x R x T and a product): the
 // frame-0 table of every node with its chain; each bone's bind term once, with the bone's chain
-// and the mesh's parent chain; then at every frame each node on the bones' chains once and one
-// bone matrix a bone. Every chain reaches a root (checked before).
+// and the mesh's parent chain; then at every frame each node on the bones' chains once (a node's
+// world matrix at a frame is kept once computed, however many bones share it) and one bone matrix
+// a bone. Every chain reaches a root (checked before).
 uint64_t SkeletalWork(const CPODScene& scene, const SPODNode& node, const int32_t* bones, int32_t k,
                       const korvex::SceneRules& rules) {
   uint64_t work = 0;
@@ -99,19 +91,11 @@ std::string CheckSkinnedMesh(const CPODScene& scene, const korvex::SceneRules& r
         return Format("bone node index %d is outside the node array", bone);
       }
     }
-    if (uint64_t{scene.nNumFrame} * entries * 64 > kMaxBoneMatrixBytes) {
-      return Format("%u bones over %u frames exceed the bone matrix limit", entries,
-                    scene.nNumFrame);
-    }
   }
 
   std::string problem = CheckBoneStream(mesh, mesh.sBoneIdx, "sBoneIdx");
   if (problem.empty()) problem = CheckBoneStream(mesh, mesh.sBoneWeight, "sBoneWeight");
   if (problem.empty()) problem = CheckParentChains(scene, rules);
-  if (problem.empty() && counted &&
-      SkeletalWork(scene, node, batches.pnBatches, k, rules) > kMaxWork) {
-    problem = "bone hierarchy too deep for the frame count";
-  }
   return problem;
 }
 
@@ -127,10 +111,6 @@ std::string CheckAnimatedNode(const CPODScene& scene, const korvex::SceneRules& 
 
   if (!rules.baked(nodeIndex)) return std::string();
   const SPODNode& node = scene.pNode[nodeIndex];
-  if (scene.nNumFrame > kMaxFrames) {
-    return Format("frame count %u exceeds %llu", scene.nNumFrame,
-                  static_cast<unsigned long long>(kMaxFrames));
-  }
   if (rules.kind(nodeIndex) == korvex::NodeKind::kAnimationCamera) {
     if (node.nIdx < 0 || static_cast<uint32_t>(node.nIdx) >= scene.nNumCamera ||
         scene.pCamera == nullptr) {
@@ -145,5 +125,39 @@ std::string CheckAnimatedNode(const CPODScene& scene, const korvex::SceneRules& 
   const SPODMesh& mesh = scene.pMesh[node.nIdx];
   if (rules.kind(nodeIndex) == korvex::NodeKind::kSkeletalMesh)
     return CheckSkinnedMesh(scene, rules, node, mesh);
+  return std::string();
+}
+
+// A scene larger than a scene-graph file can hold could never be written, so it is refused before
+// anything is baked rather than after; the cap on evaluations keeps a few bytes of input that
+// claim many frames over a deep hierarchy from running for hours.
+std::string AnimationBudget::Add(const CPODScene& scene, const korvex::SceneRules& rules,
+                                 unsigned int nodeIndex) {
+  if (scene.nNumFrame == 0 || !rules.baked(nodeIndex)) return std::string();
+  const uint64_t frames = scene.nNumFrame;
+  const SPODNode& node = scene.pNode[nodeIndex];
+  if (rules.kind(nodeIndex) == korvex::NodeKind::kSkeletalMesh) {
+    const CPODBoneBatches& batches = scene.pMesh[node.nIdx].sBoneBatches;
+    const bool counted = batches.pnBatchBoneCnt != nullptr && batches.nBatchBoneCntSize >= 4;
+    const int32_t k = counted ? batches.pnBatchBoneCnt[0] : 0;
+    // A bone matrix a table entry (the count's low byte of them) and two volumes a frame.
+    const uint64_t entries = static_cast<uint32_t>(k) & 0xFFu;
+    m_bytes += frames * (entries * 64 + kSGSphereElementSize + kSGAABBElementSize);
+    m_work += SkeletalWork(scene, node, batches.pnBatches, k, rules);
+  } else {
+    // A world matrix a frame, each evaluated along the node's chain.
+    m_bytes += frames * 64;
+    m_work += frames * std::max<uint32_t>(rules.depth(nodeIndex), 1);
+  }
+  if (m_bytes > m_maxBytes)
+    return Format(
+        "the animation baked up to this node takes %llu bytes of tables, more than the "
+        "%llu allowed",
+        static_cast<unsigned long long>(m_bytes), static_cast<unsigned long long>(m_maxBytes));
+  if (m_work > m_maxWork)
+    return Format(
+        "the animation baked up to this node takes %llu node evaluations, more than the "
+        "%llu allowed",
+        static_cast<unsigned long long>(m_work), static_cast<unsigned long long>(m_maxWork));
   return std::string();
 }

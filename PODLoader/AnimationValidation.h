@@ -2,6 +2,7 @@
 // Up-front check of the nodes whose animation is baked (skinned and animated meshes, animated
 // cameras): whether their conversion can run on this scene without reading outside any array.
 
+#include <cstdint>
 #include <string>
 
 #include "pod/PODModel.h"
@@ -16,3 +17,25 @@ class SceneRules;
 // are the scene's own.
 std::string CheckAnimatedNode(const CPODScene& scene, const korvex::SceneRules& rules,
                               unsigned int nodeIndex);
+
+// What baking a scene's animation costs, added up node by node in the order the conversion takes
+// them: the bytes of the per-frame tables and the node evaluations that fill them. Both are
+// capped, and the node that takes a total past its cap is refused.
+class AnimationBudget {
+ public:
+  // What any scene may take: tables a scene-graph file's 32-bit offsets can hold, and 2^30 node
+  // evaluations (one to a few minutes).
+  static constexpr uint64_t kMaxBytes = UINT32_MAX;
+  static constexpr uint64_t kMaxWork = uint64_t{1} << 30;
+  explicit AnimationBudget(uint64_t maxBytes = kMaxBytes, uint64_t maxWork = kMaxWork)
+      : m_maxBytes(maxBytes), m_maxWork(maxWork) {}
+
+  // Adds node `nodeIndex`, which CheckAnimatedNode has passed; nodes that are not baked cost
+  // nothing. Empty while the totals stay within the caps, otherwise the problem.
+  std::string Add(const CPODScene& scene, const korvex::SceneRules& rules, unsigned int nodeIndex);
+
+ private:
+  uint64_t m_maxBytes, m_maxWork;
+  uint64_t m_bytes = 0;
+  uint64_t m_work = 0;
+};

@@ -161,7 +161,8 @@ class Checker {
   }
 
   bool animated(int64_t i) {
-    const std::string problem = CheckAnimatedNode(s, *rules, static_cast<unsigned int>(i));
+    std::string problem = CheckAnimatedNode(s, *rules, static_cast<unsigned int>(i));
+    if (problem.empty()) problem = budget.Add(s, *rules, static_cast<unsigned int>(i));
     if (!problem.empty()) return fail(i, problem);
     return true;
   }
@@ -257,6 +258,7 @@ class Checker {
   SceneCheck& out;
   const korvex::SceneRules* rules;
   const PODWeldPlan* plan;  // the welds the save applies; null for none
+  AnimationBudget budget;   // what the animated nodes checked so far take to bake
 };
 
 }  // namespace

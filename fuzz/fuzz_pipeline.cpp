@@ -15,13 +15,14 @@
 #include <cstring>
 #include <string>
 
+#include "convert/AnimationValidation.h"
+#include "convert/SceneGraphConverter.h"
+#include "convert/SceneRules.h"
 #include "pipeline/Conversion.h"
 #include "pod/Diagnostics.h"
 #include "pod/PODModel.h"
 #include "qsn/QelSceneGraphModel.h"
-#include "convert/SceneGraphConverter.h"
 #include "qsn/SceneGraphLoader.h"
-#include "convert/SceneRules.h"
 
 namespace {
 
@@ -89,6 +90,16 @@ bool BoxAssertionFails(CPODScene& s, const korvex::SceneRules& rules) {
   return false;
 }
 
+// A run must stay within libFuzzer's memory and time limits, far below what the tool allows a
+// scene to take to bake (the caps themselves are tested on their own): larger scenes are skipped.
+bool BakesTooMuchForARun(const CPODScene& s, const korvex::SceneRules& rules) {
+  AnimationBudget budget(uint64_t{128} << 20, uint64_t{1} << 25);
+  for (uint32_t i = 0; i < rules.nodeCount(); ++i) {
+    if (!budget.Add(s, rules, i).empty()) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -108,7 +119,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   request.nearly = nearly;
   request.assertsAhead = [](CPODScene& reloaded) {
     const korvex::SceneRules rules(reloaded);
-    return FinalAssertionsFail(rules) || BoxAssertionFails(reloaded, rules);
+    return FinalAssertionsFail(rules) || BoxAssertionFails(reloaded, rules) ||
+           BakesTooMuchForARun(reloaded, rules);
   };
   static TextsDropped sink;
   const korvex::ScopedDiagnosticSink use(&sink);

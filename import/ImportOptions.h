@@ -6,7 +6,7 @@
 
 namespace korvex::podimport {
 
-// The most frames Korvex bakes (it refuses scenes with more), so also the most podimport samples.
+// The most frames podimport samples (over half an hour at 30 fps); --frames takes fewer.
 const uint32_t kMaxFrames = 65536;
 // Bone indices are stored as unsigned bytes, so a batch holds at most 255 bones.
 const int kMaxBonesLimit = 255;

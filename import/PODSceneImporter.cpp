@@ -394,7 +394,7 @@ bool PODSceneImporter::SampleFrames(std::string& error) {
     if (frames > kMaxFrames) {
       error = "animation " + Quoted(m_summary.animation) + " needs " + std::to_string(frames) +
               " frames at " + fps + " fps, more than the " + std::to_string(kMaxFrames) +
-              " Korvex takes: use --frames or a lower --fps";
+              " podimport samples: use --frames or a lower --fps";
       return false;
     }
     uint64_t animated = 0;
@@ -460,7 +460,7 @@ bool PODSceneImporter::SampleFrames(std::string& error) {
   if (m_frames > kMaxFrames) {
     error = "animation " + Quoted(m_summary.animation) + " with the bind pose inserted needs " +
             std::to_string(m_frames) + " frames, more than the " + std::to_string(kMaxFrames) +
-            " Korvex takes: use --frames";
+            " podimport samples: use --frames";
     return false;
   }
   return true;

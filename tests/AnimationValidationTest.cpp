@@ -54,7 +54,6 @@ TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) 
       {"sBoneWeight holds fewer", [](CPODScene& s) { s.pMesh[0].sBoneWeight.nDataSize = 4; }},
       {"parent chain of node 2 is cyclic", [](CPODScene& s) { s.pNode[2].nIdxParent = 3; }},
       {"node 3 has parent 9 outside", [](CPODScene& s) { s.pNode[3].nIdxParent = 9; }},
-      {"frame count 65537", [](CPODScene& s) { s.nNumFrame = 65537; }},
       {"camera node's nIdx", [](CPODScene& s) { s.pNode[1].nIdx = 1; }, 1},
       {"",  // a keyword mesh is not baked, so its missing key does not matter
        [](CPODScene& s) {
@@ -80,20 +79,27 @@ TEST(AnimationValidation, NamesWhatTheBakedConversionWouldReadOutsideItsArrays) 
   }
 }
 
-TEST(AnimationValidation, BoneChainsTooDeepForTheFrameCountAreRefused) {
+// The budget adds up every baked node (here the skinned mesh, node 0, then the camera, node 1):
+// per frame 2 bone matrices and two volumes (196 bytes) and a camera matrix (64), and the node
+// evaluations of the bones' chains and the camera's. The node that passes a cap is named.
+TEST(AnimationValidation, TheBudgetRefusesTheNodeThatTakesTheBakedTablesOrTheirWorkPastItsCap) {
   struct Case {
     uint32_t frames;
     int ancestors;
-    const char* expected;
+    unsigned node;        // the node refused; 9: none
+    const char* problem;  // part of its problem text
   };
-  // 600 ancestors put the bones about 600 deep: some 600 evaluations a frame, since the two
-  // bones share them. 300 ancestors need half as many, within the limit, although each bone
-  // alone has a chain of over 300.
   const Case cases[] = {
-      {65536, 600, "bone hierarchy too deep for the frame count"},
-      {65536, 300, ""},
-      {4, 600, ""},
-      {65536, 0, ""},
+      // Long animations convert: frame counts have no limit of their own.
+      {65537, 0, 9, ""},
+      // 16,500,000 frames: 3,234,000,000 bytes for the mesh, then 1,056,000,000 for the camera
+      // stay within 2^32 - 1; 16,600,000 do not, only once the camera is added.
+      {16500000, 0, 9, ""},
+      {16600000, 0, 1, "takes 4316000000 bytes of tables, more than the 4294967295 allowed"},
+      // Some 2^20 x 1100 evaluations for the bones' chains pass 2^30 at the mesh; 900 ancestors
+      // stay below it, camera included.
+      {1u << 20, 1100, 0, "node evaluations, more than the 1073741824 allowed"},
+      {1u << 20, 900, 9, ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::to_string(c.frames) + " frames, " + std::to_string(c.ancestors) +
@@ -102,7 +108,17 @@ TEST(AnimationValidation, BoneChainsTooDeepForTheFrameCountAreRefused) {
     BuildValid(b, c.frames, c.ancestors);
     CPODScene scene;
     ASSERT_TRUE(b.Build(scene));
-    EXPECT_EQ(CheckAnimatedNode(scene, korvex::SceneRules(scene), 0), c.expected);
+    const korvex::SceneRules rules(scene);
+    AnimationBudget budget;
+    unsigned refused = 9;
+    std::string problem;
+    for (unsigned i = 0; i < scene.nNumNode && refused == 9; ++i) {
+      ASSERT_EQ(CheckAnimatedNode(scene, rules, i), "");
+      problem = budget.Add(scene, rules, i);
+      if (!problem.empty()) refused = i;
+    }
+    EXPECT_EQ(refused, c.node) << problem;
+    EXPECT_NE(problem.find(c.problem), std::string::npos) << problem;
   }
 }
 

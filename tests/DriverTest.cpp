@@ -234,6 +234,12 @@ void MaterialOutOfRange(PODSceneBuilder& b) {
   b.AddMaterial("M", -1);
   b.AddMeshNode("Box", AddTriangle(b), 5);  // one material only
 }
+// A few hundred bytes claiming 70,000,000 frames: 64 bytes a frame for the animated mesh.
+void AnimationTooLargeToWrite(PODSceneBuilder& b) {
+  b.SetNumFrames(70000000);
+  b.AddMaterial("M", -1);
+  b.AddMeshNode("Box", AddTriangle(b), 0);
+}
 void CameraTargetWithoutPosition(PODSceneBuilder& b) {
   b.AddCameraNode("Cam", 1, 1, 10, 1);  // camera 0 reads node 0 (itself): no position key
   b.AddNode("Target");
@@ -256,6 +262,9 @@ TEST(Driver, ScenesThatCannotBeConvertedAreRefusedBeforeAnythingIsWritten) {
        "node 0 \"Box\": material index 5 is out of range (1 materials)"},
       {"camera", CameraTargetWithoutPosition,
        "node 0 \"Cam\": target position is read from node 0, which has no position key"},
+      {"baked", AnimationTooLargeToWrite,
+       "node 0 \"Box\": the animation baked up to this node takes 4480000000 bytes of tables, "
+       "more than the 4294967295 allowed"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

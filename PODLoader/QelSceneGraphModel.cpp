@@ -49,6 +49,12 @@ QelSceneGraphModel::~QelSceneGraphModel() {
   for (const auto& adopted : m_adopted) destroyRecord(adopted.first, adopted.second);
   for (SSGNodeHeader* h : m_adoptedHeaders) std::free(h);
   for (uint8_t* p : m_loadedStreams) std::free(p);
+  for (uint8_t* p : m_keptArrays) std::free(p);
+}
+
+uint8_t* QelSceneGraphModel::keepArray(size_t bytes) {
+  m_keptArrays.push_back(korvex::AllocateZeroed<uint8_t>(bytes, "a shared array"));
+  return m_keptArrays.back();
 }
 
 void QelSceneGraphModel::destroyRecord(uint32_t kind, void* rec) {

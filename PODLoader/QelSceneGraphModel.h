@@ -72,6 +72,10 @@ class QelSceneGraphModel {
     return const_cast<QelSceneGraphModel*>(this)->sequence<K>();
   }
 
+  // A zero-filled array of `bytes` bytes, freed with the model: one that several records share,
+  // each borrowing it.
+  uint8_t* keepArray(size_t bytes);
+
   // Frees a record of `kind` with all its arrays (for records never handed to a model).
   static void destroyRecord(uint32_t kind, void* record);
 
@@ -123,6 +127,7 @@ class QelSceneGraphModel {
   std::vector<std::pair<uint32_t, void*>> m_adopted;  // kind and record
   std::vector<SSGNodeHeader*> m_adoptedHeaders;
   std::vector<uint8_t*> m_loadedStreams;  // arrays made by loadMeshData
+  std::vector<uint8_t*> m_keptArrays;     // arrays made by keepArray
 };
 
 template <>

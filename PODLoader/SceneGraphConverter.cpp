@@ -58,6 +58,7 @@ const korvex::SceneRules& SceneGraphConverter::rules() {
 
 bool SceneGraphConverter::convertFromPOD(CPODScene* scene, const char* fileName) {
   mScene = scene;
+  m_joinedUVW.clear();
   const korvex::SceneRules& sceneRules = rules();
   m_volumesAhead = std::make_unique<MeshVolumesAhead>(meshVolumeJobs());
   mSkeletonConverter->keepFrames(scene);

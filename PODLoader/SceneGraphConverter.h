@@ -135,6 +135,9 @@ class SceneGraphConverter {
   // Records of light-mapped meshes in creation order (owned by the model).
   std::list<SSGQelMeshNodeData*> m_LightMapMesh;
   bool m_borrowStreams = false;
+  // Borrowing, a mesh's two texture-coordinate sets end to end, made once for all its nodes (kept
+  // by the model), by mesh index.
+  std::map<int32_t, uint8_t*> m_joinedUVW;
   std::unique_ptr<korvex::SceneRules> m_rules;
   // The mesh records' volumes, made on a second core during convertFromPOD.
   std::unique_ptr<MeshVolumesAhead> m_volumesAhead;

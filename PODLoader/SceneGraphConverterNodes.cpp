@@ -129,19 +129,30 @@ void SceneGraphConverter::fillMeshNodeData(SSGQelMeshNodeData& into, int nodeInd
   if (record->defaultMaterialIndex >= 0) {
     const uint32_t sets = record->numUVW;
     const uint32_t setBytes = record->numVertex * 8;  // two floats a vertex
-    // One set is the scene's array as it stands; two are laid end to end in an array of their own.
-    if (sets == 1)
+    // One set is the scene's array as it stands; two are laid end to end in an array of their own,
+    // which, borrowing, the nodes of one mesh share (many nodes on one mesh take no copy each).
+    if (sets == 1) {
       korvex::TakeStreamArray(record->UVWBuffer, SSGBufferFloat, setBytes, mesh.psUVW[0].pData,
                               mesh.psUVW[0].nDataSize, borrow);
-    else
+    } else if (borrow && setBytes != 0) {
+      uint8_t*& joined = m_joinedUVW[node.nIdx];
+      if (joined == nullptr) {
+        joined = mModel->keepArray(size_t{sets} * setBytes);
+        for (uint32_t k = 0; k < sets; ++k)
+          std::memcpy(joined + k * setBytes, mesh.psUVW[k].pData, setBytes);
+      }
+      korvex::TakeStreamArray(record->UVWBuffer, SSGBufferFloat, sets * setBytes, joined,
+                              size_t{sets} * setBytes, borrow);
+    } else {
       korvex::AllocateNodeData(record->UVWBuffer, SSGBufferFloat, sets * setBytes);
+      for (uint32_t k = 0; setBytes != 0 && k < sets; ++k)
+        std::memcpy(record->UVWBuffer.data + k * setBytes, mesh.psUVW[k].pData, setBytes);
+    }
     for (uint32_t k = 0; k < sets; ++k) {
       const CPODData& uvw = mesh.psUVW[k];
       record->UVW[k] = CopyDescriptor(uvw);
       record->UVW[k].nFileOffset = 0;  // never set for texture coordinates; written as zero
       record->UVWOffset[k] = uvw.nFileOffset;
-      if (sets > 1 && setBytes != 0)
-        std::memcpy(record->UVWBuffer.data + k * setBytes, uvw.pData, setBytes);
     }
   }
 

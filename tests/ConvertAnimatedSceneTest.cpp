@@ -264,6 +264,57 @@ TEST(ConvertAnimatedScene, RecordsBorrowingTheScenesArraysWriteTheSameFile) {
   CheckAnimatedQsn(Qsn{files[1]});
 }
 
+// Records of nodes on one mesh with two texture-coordinate sets take the sets end to end: when
+// borrowing, from one array for the mesh (so that many nodes on a large mesh take no copy each),
+// kept by the model; otherwise each from a copy of its own. Either way each holds its own mesh's
+// sets, and the files are the same.
+TEST(ConvertAnimatedScene, NodesOnOneMeshShareItsJoinedTextureCoordinatesWhenBorrowing) {
+  korvex::test::TempDir dir;
+  std::vector<uint8_t> files[2];
+  for (int borrow = 0; borrow < 2; ++borrow) {
+    PODSceneBuilder b;
+    const int material = b.AddMaterial("M", b.AddTexture("t.png"));
+    int meshes[2];
+    for (int m = 0; m < 2; ++m) {
+      meshes[m] = b.AddMesh(3);
+      b.SetFloatStream(meshes[m], PODStream::Vertex, 3, {0, 0, 0, 1, 0, 0, 0, 1, 0});
+      b.SetFaces(meshes[m], {0, 1, 2});
+      for (int k = 0; k < 2; ++k) {
+        std::vector<float> uv(6);
+        for (int i = 0; i < 6; ++i) uv[i] = float(100 * m + 10 * k + i);
+        b.AddFloatUVW(meshes[m], 2, uv);
+      }
+    }
+    b.AddMeshNode("A", meshes[0], material);
+    b.AddMeshNode("B", meshes[1], material);
+    b.AddMeshNode("C", meshes[0], material);
+    CPODScene scene;
+    ASSERT_TRUE(b.Build(scene));
+    QelSceneGraphModel model;
+    SceneGraphConverter converter(&model);
+    converter.setBorrowStreams(borrow == 1);
+    ASSERT_TRUE(converter.convertFromPOD(&scene, "uv.PODx"));
+    ASSERT_EQ(model.meshnode.size(), 3u);
+    const SSGNodeData* uvw[3];
+    for (int n = 0; n < 3; ++n) {
+      SCOPED_TRACE("node " + std::to_string(n) + (borrow ? ", borrowing" : ", copying"));
+      uvw[n] = &model.meshnode[n]->UVWBuffer;
+      ASSERT_EQ(uvw[n]->length, 48u);
+      EXPECT_EQ(uvw[n]->borrowed, borrow == 1);
+      const SPODMesh& mesh = scene.pMesh[n == 1 ? 1 : 0];
+      EXPECT_EQ(std::memcmp(uvw[n]->data, mesh.psUVW[0].pData, 24), 0);
+      EXPECT_EQ(std::memcmp(uvw[n]->data + 24, mesh.psUVW[1].pData, 24), 0);
+    }
+    EXPECT_EQ(uvw[0]->data == uvw[2]->data, borrow == 1);
+    EXPECT_NE(uvw[0]->data, uvw[1]->data);
+    SceneGraphWritter writer;
+    const std::string out = dir.file(borrow ? "borrowed.qsn" : "copied.qsn");
+    ASSERT_TRUE(writer.WritetoFile(out, &model));
+    files[borrow] = korvex::test::ReadFileBytes(out);
+  }
+  EXPECT_EQ(files[1], files[0]);
+}
+
 // A skinned mesh without bones sets no frame after frame 0, so the animated mesh converted next
 // copies frame 0, and the camera after it the mesh's last frame: each record holds the state its
 // predecessor left, taken before its own frames are computed.

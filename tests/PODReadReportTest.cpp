@@ -99,6 +99,9 @@ TEST(PODReadReport, FailuresNameTheirCauseTheRecordAndTheByte) {
   early.version().open(1001).append(emptyMesh).append(podtest::SceneValues(one)).close(1001);
   Bytes uvw;
   uvw.open(2012).blockU32(6002, 2).open(6010).close(6010).close(2012);
+  // One set declared, two held: the second stream has no descriptor to go to.
+  Bytes uvwBeyond;
+  uvwBeyond.open(2012).blockU32(6002, 1).open(6010).close(6010).open(6010);
   const char wrong[11] = "AB.POD.3.0";
 
   const struct {
@@ -112,12 +115,12 @@ TEST(PODReadReport, FailuresNameTheirCauseTheRecordAndTheByte) {
       // Cut 10 bytes into the position payload: the block that cannot be read whole.
       {"payload cut", Cut(full, positionData.begin + 18), EPODReadFailure::Truncated,
        "stream sVertex of mesh 0", positionData.begin + 8, "a block of 36 bytes, 10 left"},
-      {"cut after a start marker", Cut(full, mesh.begin + 8), EPODReadFailure::Truncated,
-       "mesh 0", mesh.begin + 8, ""},
+      {"cut after a start marker", Cut(full, mesh.begin + 8), EPODReadFailure::Truncated, "mesh 0",
+       mesh.begin + 8, ""},
       {"marker cut in two", Cut(full, node.begin + 12), EPODReadFailure::Truncated, "node 0",
        node.begin + 8, ""},
-      {"scene without its end", Cut(full, full.size() - 8), EPODReadFailure::Truncated,
-       "the scene", full.size() - 8, ""},
+      {"scene without its end", Cut(full, full.size() - 8), EPODReadFailure::Truncated, "the scene",
+       full.size() - 8, ""},
       {"counts disagree", podtest::File(two, emptyMesh).v, EPODReadFailure::CountMismatch,
        "the scene", podtest::File(two, emptyMesh).size(), "2 meshes declared, 1 held"},
       {"record ahead of its count", early.v, EPODReadFailure::RecordWithoutSlot, "mesh 0",
@@ -125,10 +128,13 @@ TEST(PODReadReport, FailuresNameTheirCauseTheRecordAndTheByte) {
       {"texture-coordinate streams", podtest::File(one, uvw).v,
        EPODReadFailure::StreamCountMismatch, "mesh 0", podtest::File(one, uvw).size() - 8,
        "2 declared, 1 held"},
+      {"a texture-coordinate stream too many", podtest::File(one, uvwBeyond).v,
+       EPODReadFailure::StreamCountMismatch, "mesh 0", podtest::File(one, uvwBeyond).size() - 8,
+       "more streams than the 1 declared"},
       {"version text", Bytes().block(1000, wrong, 11).open(1001).close(1001).v,
        EPODReadFailure::BadVersion, "the file", 8, ""},
-      {"version length", Bytes().block(1000, wrong, 10).v, EPODReadFailure::BadVersion,
-       "the file", 8, "10 bytes"},
+      {"version length", Bytes().block(1000, wrong, 10).v, EPODReadFailure::BadVersion, "the file",
+       8, "10 bytes"},
       {"no version", Bytes().open(1001).append(podtest::SceneValues(Counts())).close(1001).v,
        EPODReadFailure::NoVersion, "the file", 0, ""},
       {"no scene", Bytes().version().v, EPODReadFailure::NoScene, "the file", 0, ""},

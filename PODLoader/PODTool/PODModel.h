@@ -97,8 +97,9 @@ struct PODVertexStream {
 };
 
 // Which texture-coordinate descriptors ForEachVertexStream visits: every one there is (what a
-// mesh owns), or the ones its count uses, as far as they exist (what a file holds).
-enum class EPODUVSets { Held, Used };
+// mesh owns), the ones its count uses, as far as they exist (what a file holds), or none (for a
+// reader that fills them in turn itself).
+enum class EPODUVSets { Held, Used, None };
 
 // Every per-vertex stream of a mesh, in the order a file holds them: positions, normals,
 // tangents, binormals, the texture-coordinate sets, colours, bone indices, bone weights.
@@ -109,9 +110,10 @@ void ForEachVertexStream(Mesh& mesh, EPODUVSets sets, F&& f) {
   f(mesh.sNormals, PODVertexStream{PODTag::MeshNor, "sNormals", 0});
   f(mesh.sTangents, PODVertexStream{PODTag::MeshTan, "sTangents", 0});
   f(mesh.sBinormals, PODVertexStream{PODTag::MeshBin, "sBinormals", 0});
-  const size_t uvSets = mesh.psUVW == nullptr ? 0
-                        : sets == EPODUVSets::Held ? mesh.nUVWCount
-                                                   : (mesh.nNumUVW < mesh.nUVWCount ? mesh.nNumUVW : mesh.nUVWCount);
+  const size_t uvSets = mesh.psUVW == nullptr || sets == EPODUVSets::None ? 0
+                        : sets == EPODUVSets::Held
+                            ? mesh.nUVWCount
+                            : (mesh.nNumUVW < mesh.nUVWCount ? mesh.nNumUVW : mesh.nUVWCount);
   for (size_t k = 0; k < uvSets; ++k) f(mesh.psUVW[k], PODVertexStream{PODTag::MeshUVW, "psUVW", uint32_t(k)});
   f(mesh.sVtxColours, PODVertexStream{PODTag::MeshVtxCol, "sVtxColours", 0});
   f(mesh.sBoneIdx, PODVertexStream{PODTag::MeshBoneIdx, "sBoneIdx", 0});

@@ -167,15 +167,15 @@ bool ReadPayload(CPODData& s, CSource& src, unsigned int nLen, ReadState& st) {
 // ReadAfterAlloc, which gives an array of nLen elements: wider elements get more room than
 // they need, as the format has always done.
 struct BlockReader : korvex::PODFieldVisitor {
-  static constexpr EPODUVSets kUVSets = EPODUVSets::Held;
+  // Texture-coordinate streams are read by their own hook: see Unmatched.
+  static constexpr EPODUVSets kUVSets = EPODUVSets::None;
   CSource& src;
   ReadState& st;
   const unsigned int tag, nLen;
   bool found = false, ok = true;
 
-  // One entry reads a block: texture-coordinate sets share a tag.
   bool Is(unsigned int t) {
-    if (found || t != tag) return false;
+    if (t != tag) return false;
     found = true;
     return true;
   }
@@ -233,12 +233,8 @@ struct BlockReader : korvex::PODFieldVisitor {
     ReadState inner;
     ok = ReadRecord(array[slot], src, t, inner);
   }
-  // Texture-coordinate streams (one tag for all) fill the descriptors in turn.
   void stream(const PODVertexStream& s, CPODData& d, bool withData) {
-    if (s.tag == PODTag::MeshUVW && s.uvSet != st.uvRead) return;
-    if (!Is(s.tag)) return;
-    if (s.tag == PODTag::MeshUVW) ++st.uvRead;
-    ok = ReadCPODData(d, src, s.tag, withData);
+    if (Is(s.tag)) ok = ReadCPODData(d, src, s.tag, withData);
   }
   void payload(unsigned int t, const char*, CPODData& d) {
     if (Is(t)) ok = ReadPayload(d, src, nLen, st);
@@ -253,14 +249,18 @@ void Start(R&) {}
 void Start(SPODNode& s) { s.nAnimFlags = 0; }
 
 template <class R>
-bool Unmatched(R&, CSource& src, unsigned int, unsigned int nLen) {
+bool Unmatched(R&, CSource& src, unsigned int, unsigned int nLen, ReadState&) {
   return src.SkipBlock(nLen);
 }
-// A texture-coordinate stream beyond the descriptors there are has no slot to go to.
-bool Unmatched(SPODMesh& s, CSource& src, unsigned int nName, unsigned int nLen) {
+// Texture-coordinate streams share one tag and fill the descriptors in turn. The table's walk
+// leaves them out, so that a block costs the same however many sets a mesh has; a stream beyond
+// the descriptors there are has no slot to go to.
+bool Unmatched(SPODMesh& s, CSource& src, unsigned int nName, unsigned int nLen, ReadState& st) {
   if (nName != PODTag::MeshUVW) return src.SkipBlock(nLen);
-  return src.Fail(EPODReadFailure::StreamCountMismatch,
-                  "more streams than the " + std::to_string(s.nNumUVW) + " declared");
+  if (s.psUVW == nullptr || st.uvRead >= s.nUVWCount)
+    return src.Fail(EPODReadFailure::StreamCountMismatch,
+                    "more streams than the " + std::to_string(s.nNumUVW) + " declared");
+  return ReadCPODData(s.psUVW[st.uvRead++], src, nName, s.pInterleaved == nullptr);
 }
 
 template <class R>
@@ -398,7 +398,7 @@ bool ReadRecord(R& r, CSource& src, unsigned int container, ReadState& st) {
     if (nName == (container | kEnd)) return Finish(r, src, st);
     BlockReader reader{{}, src, st, nName, nLen};
     DescribePOD(r, reader);
-    if (!(reader.found ? reader.ok : Unmatched(r, src, nName, nLen))) return false;
+    if (!(reader.found ? reader.ok : Unmatched(r, src, nName, nLen, st))) return false;
   }
   // Running out of data inside a container.
   return src.Fail(EPODReadFailure::Truncated);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "pod/PODModel.h"
+#include "pod/PODReader.h"
 #include "pod/PODSceneBuilder.h"
 
 using korvex::PODSceneBuilder;
@@ -104,6 +105,42 @@ void BM_ReadTextureSets(benchmark::State& state) {
   std::remove(path.c_str());
 }
 BENCHMARK(BM_ReadTextureSets)->Arg(1000)->Arg(16000)->Unit(benchmark::kMillisecond);
+
+// A scene that declares its mesh count `repeats` times, each as large as the meshes read so far and
+// the rest of the file can hold, with an empty mesh after each: the rate of counts read should not
+// fall as their number grows (a count declared again must cost what was read since, not its size).
+void BM_ReadRepeatedCounts(benchmark::State& state) {
+  const uint32_t repeats = uint32_t(state.range(0));
+  std::vector<uint8_t> file;
+  auto word = [&file](uint32_t w) {
+    for (int i = 0; i < 4; ++i) file.push_back(uint8_t(w >> (8 * i)));
+  };
+  auto marker = [&word](uint32_t tag, uint32_t len) { word(tag), word(len); };
+  marker(1000, 11);
+  for (const char c : std::string("AB.POD.2.0", 11)) file.push_back(uint8_t(c));
+  marker(1000 | 0x80000000u, 0);
+  marker(1001, 0);
+  const size_t perRepeat = 20 + 16, size = file.size() + repeats * perRepeat + 20 + 8;
+  for (uint32_t i = 0; i < repeats; ++i) {
+    marker(2004, 4);
+    word(uint32_t(i + (size - file.size() - 12) / 16));  // the meshes read, and all the rest holds
+    marker(2004 | 0x80000000u, 0);
+    marker(2012, 0);
+    marker(2012 | 0x80000000u, 0);
+  }
+  marker(2004, 4);
+  word(repeats);
+  marker(2004 | 0x80000000u, 0);
+  marker(1001 | 0x80000000u, 0);
+  for (auto _ : state) {
+    CPODScene scene;
+    PODReadReport report;
+    if (!PODReadFromBytes(scene, file.data(), file.size(), nullptr, 0, &report))
+      state.SkipWithError(report.DescribeFailure().c_str());
+  }
+  state.SetItemsProcessed(int64_t(state.iterations()) * repeats);
+}
+BENCHMARK(BM_ReadRepeatedCounts)->Arg(1000)->Arg(16000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -1,5 +1,6 @@
 #include "pod/PODReader.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -25,6 +26,19 @@ constexpr unsigned int kEnd = PODTag::End;
 // The smallest record container: its start and end markers.
 constexpr unsigned int kMinRecordBytes = 16;
 
+// Where an array that counts allocate stands: `slots` records in memory, at least as many as the
+// last count, of which only [dirtyFrom, dirtyTo) may hold anything. A count no larger than the
+// room makes the array fresh again by releasing those alone: a count declared many times then
+// costs what was read in between, not its size each time.
+struct Room {
+  size_t slots = 0;
+  size_t dirtyFrom = 0, dirtyTo = 0;
+  static Room Found(const void* array, size_t count) {
+    return array ? Room{count, 0, count} : Room{};
+  }
+  void Written(size_t upTo) { dirtyTo = std::max(dirtyTo, upTo); }
+};
+
 // The records of each kind of the scene being read (indexed by EPODRecord, in the order its
 // table lists the records): the count, how many records its array has room for, and how many
 // were read. Records in the room beyond the count (a count of 0 keeps the array it finds) are
@@ -35,6 +49,7 @@ class SceneBook : public korvex::PODFieldVisitor {
     uint32_t* count = nullptr;
     uint32_t capacity = 0, read = 0;
     const char* name = "";
+    Room room;
     uint32_t Pending() const { return read < *count ? *count - read : 0; }
   };
   explicit SceneBook(SPODScene& s) : m_scene(s) { DescribePOD(s, *this); }
@@ -68,7 +83,7 @@ class SceneBook : public korvex::PODFieldVisitor {
   template <class T>
   void records(unsigned int, const char* name, T*& array, uint32_t& count) {
     Kind& k = Of<T>();
-    if (!m_closing) k = Kind{&count, array ? count : 0, 0, name};
+    if (!m_closing) k = Kind{&count, array ? count : 0, 0, name, Room::Found(array, count)};
     for (uint32_t i = count; m_closing && array != nullptr && i < k.capacity; ++i) PODModelRelease(array[i]);
   }
 
@@ -82,6 +97,7 @@ class SceneBook : public korvex::PODFieldVisitor {
 struct ReadState {
   SceneBook* book = nullptr;  // a scene's record kinds
   unsigned int uvRead = 0;    // a mesh's texture-coordinate streams so far
+  Room uvRoom;                // and where its descriptors stand
   bool older = false;         // a node of the older layout
   bool withData = true;       // a stream holds its data (else an offset)
   bool hasData = false;       // a stream's data block has come
@@ -108,23 +124,37 @@ void ReleaseRecordArray(T*& array, C& capacity) {
 }
 
 // A count that allocates its records (or a mesh's texture-coordinate descriptors): a fresh
-// zeroed array, the earlier one released rather than leaked, for a second count as for the
-// first; a count of 0 allocates nothing and keeps the array. Every record announced and not yet
-// read (`unread` of the count) needs a container of at least 16 bytes in what is left of the
-// file; a count the file cannot hold fails before anything is allocated, unless its array fits
-// in what is left of the read's allowance (CSource::AllowUnbacked).
+// zeroed array, what the earlier one held released rather than leaked, for a second count as for
+// the first; a count of 0 allocates nothing and keeps the array. `written`: the slot the next
+// record read goes to. Every record announced and not yet read (`unread` of the count) needs a
+// container of at least 16 bytes in what is left of the file; a count the file cannot hold fails
+// before anything is allocated, unless its array fits in what is left of the read's allowance
+// (CSource::AllowUnbacked). An array grows to twice its room where the rest of the file backs it,
+// so that counts rising one by one allocate in all about what the largest does.
 template <typename T, typename C, typename Unread>
-bool ReadCount(CSource& src, uint32_t& n, T*& array, C& capacity, Unread&& unread, const char* what) {
+bool ReadCount(CSource& src, uint32_t& n, T*& array, C& capacity, Room& room, size_t written,
+               Unread&& unread, const char* what) {
   unsigned int count;
   if (!src.Read(count)) return false;
   if (count != 0) {
-    if (unread(count) > src.GetRemaining() / kMinRecordBytes &&
-        !src.AllowUnbacked(size_t{count} * sizeof(T)))
+    const size_t backed = src.GetRemaining() / kMinRecordBytes;
+    if (unread(count) > backed && !src.AllowUnbacked(size_t{count} * sizeof(T)))
       return src.Fail(EPODReadFailure::TooManyRecords, std::to_string(count) + what);
-    T* fresh = nullptr;
-    if (!SafeAlloc(fresh, count)) return src.Fail(EPODReadFailure::OutOfMemory, std::to_string(count) + what);
-    ReleaseRecordArray(array, capacity);
-    array = fresh;
+    if (array != nullptr && count <= room.slots) {
+      for (size_t i = room.dirtyFrom; i < std::min(room.dirtyTo, room.slots); ++i) {
+        ReleaseHeld(array[i]);
+        array[i] = T();  // as zeroed as a fresh array (a released descriptor keeps its fields)
+      }
+    } else {
+      const size_t slots = std::max<size_t>(count, std::min(2 * room.slots, written + backed));
+      T* fresh = nullptr;
+      if (!SafeAlloc(fresh, slots))
+        return src.Fail(EPODReadFailure::OutOfMemory, std::to_string(count) + what);
+      ReleaseRecordArray(array, room.slots);
+      array = fresh;
+      room.slots = slots;
+    }
+    room.dirtyFrom = room.dirtyTo = written;
     capacity = count;
   }
   n = count;
@@ -212,10 +242,13 @@ struct BlockReader : korvex::PODFieldVisitor {
     if (!Is(t)) return;
     SceneBook::Kind& k = st.book->Of<T>();
     auto unread = [&](uint32_t c) { return st.book->PendingExcept(k) + (c > k.read ? c - k.read : 0); };
-    ok = ReadCount(src, n, records, k.capacity, unread, " records");
+    ok = ReadCount(src, n, records, k.capacity, k.room, k.read, unread, " records");
   }
   void uvCount(unsigned int t, const char*, uint32_t& n, CPODData*& sets, size_t& held) {
-    if (Is(t)) ok = ReadCount(src, n, sets, held, [](uint32_t c) { return size_t{c}; }, " texture-coordinate streams");
+    if (Is(t))
+      ok = ReadCount(
+          src, n, sets, held, st.uvRoom, st.uvRead, [](uint32_t c) { return size_t{c}; },
+          " texture-coordinate streams");
   }
   // The next record of a kind goes into the slot given by the number read so far; a record with
   // no slot in the array (before its count, or beyond the room there is) fails the scene at once.
@@ -229,7 +262,7 @@ struct BlockReader : korvex::PODFieldVisitor {
       ok = src.Fail(EPODReadFailure::RecordWithoutSlot);
       return;
     }
-    ++kind.read;
+    kind.room.Written(++kind.read);
     ReadState inner;
     ok = ReadRecord(array[slot], src, t, inner);
   }
@@ -244,9 +277,15 @@ struct BlockReader : korvex::PODFieldVisitor {
 // ---- Where records are not regular.
 
 template <class R>
-void Start(R&) {}
+void Start(R&, ReadState&) {}
 // The flags are cleared too: a node without a 5012 block has none.
-void Start(SPODNode& s) { s.nAnimFlags = 0; }
+void Start(SPODNode& s, ReadState&) {
+  s.nAnimFlags = 0;
+}
+// Descriptors found in the slot (a second scene read over a first) may hold arrays.
+void Start(SPODMesh& s, ReadState& st) {
+  st.uvRoom = Room::Found(s.psUVW, s.nUVWCount);
+}
 
 template <class R>
 bool Unmatched(R&, CSource& src, unsigned int, unsigned int nLen, ReadState&) {
@@ -260,6 +299,7 @@ bool Unmatched(SPODMesh& s, CSource& src, unsigned int nName, unsigned int nLen,
   if (s.psUVW == nullptr || st.uvRead >= s.nUVWCount)
     return src.Fail(EPODReadFailure::StreamCountMismatch,
                     "more streams than the " + std::to_string(s.nNumUVW) + " declared");
+  st.uvRoom.Written(st.uvRead + 1);
   return ReadCPODData(s.psUVW[st.uvRead++], src, nName, s.pInterleaved == nullptr);
 }
 
@@ -392,7 +432,7 @@ bool ReadRecord(R& r, CSource& src, unsigned int container, ReadState& st) {
   korvex::PODRecordArraysRelease clear;
   clear.onlyClearedFirst = true;
   DescribePOD(r, clear);
-  Start(r);
+  Start(r, st);
   unsigned int nName, nLen;
   while (src.ReadMarker(nName, nLen)) {
     if (nName == (container | kEnd)) return Finish(r, src, st);

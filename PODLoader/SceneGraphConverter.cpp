@@ -59,6 +59,8 @@ const korvex::SceneRules& SceneGraphConverter::rules() {
 bool SceneGraphConverter::convertFromPOD(CPODScene* scene, const char* fileName) {
   mScene = scene;
   m_joinedUVW.clear();
+  m_materialRecord.clear();
+  m_materialsIndexed = 0;
   const korvex::SceneRules& sceneRules = rules();
   m_volumesAhead = std::make_unique<MeshVolumesAhead>(meshVolumeJobs());
   mSkeletonConverter->keepFrames(scene);

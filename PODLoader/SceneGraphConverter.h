@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "convert/MeshVolumesAhead.h"
@@ -138,6 +139,10 @@ class SceneGraphConverter {
   // Borrowing, a mesh's two texture-coordinate sets end to end, made once for all its nodes (kept
   // by the model), by mesh index.
   std::map<int32_t, uint8_t*> m_joinedUVW;
+  // POD material index -> the first material record made for it, over the model's first
+  // m_materialsIndexed material records.
+  std::unordered_map<int32_t, int32_t> m_materialRecord;
+  size_t m_materialsIndexed = 0;
   std::unique_ptr<korvex::SceneRules> m_rules;
   // The mesh records' volumes, made on a second core during convertFromPOD.
   std::unique_ptr<MeshVolumesAhead> m_volumesAhead;

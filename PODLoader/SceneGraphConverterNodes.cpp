@@ -188,11 +188,15 @@ SSGQelCollisionBoxNodeData* SceneGraphConverter::createBoxColliderNodeData(int n
 
 int32_t SceneGraphConverter::createMaterialData(int nodeIndex) {
   const int32_t podMaterial = mScene->pNode[nodeIndex].nIdxMaterial;
-  // One record per POD material, shared by every node that uses it.
+  // One record per POD material, shared by every node that uses it: the first record made for
+  // it, looked up by index rather than by a scan of every record for every node.
   const std::vector<SSGQelMaterialData*>& records = mModel->material;
-  for (size_t k = 0; k < records.size(); ++k) {
-    if (records[k]->materialIndexOfNode == podMaterial) return static_cast<int32_t>(k);
-  }
+  if (m_materialsIndexed > records.size()) m_materialRecord.clear(), m_materialsIndexed = 0;
+  for (; m_materialsIndexed < records.size(); ++m_materialsIndexed)
+    m_materialRecord.emplace(records[m_materialsIndexed]->materialIndexOfNode,
+                             static_cast<int32_t>(m_materialsIndexed));
+  const auto made = m_materialRecord.find(podMaterial);
+  if (made != m_materialRecord.end()) return made->second;
 
   SSGQelMaterialData* leading = createMaterialNode(nodeIndex);
   SSGQelMaterialData* record = newRecord<SSGQelMaterialData>();

@@ -217,25 +217,32 @@ bool UVsNear(const Corner& b, const Corner& c, uint32_t uvSets) {
 
 // Cells of side 0.002 in each compared coordinate, scaled by 500 (exact for a float) and floored.
 // Two coordinates within 0.001 lie in the same or adjacent cells, on the side of the half-cell
-// the corner sits in. A float of magnitude 2^20 or more is at least 1/16 away from any other
-// float, so only equal values are near it: such values share one far cell. Below 2^20 a cell
-// number stays within +-2^29.
+// the corner sits in. Below 2^20 a cell number stays within +-2^29. A float of magnitude 2^20 or
+// more is at least 1/16 away from any other float, so only equal values are near it: its cell is
+// one of its value alone (up to a few values sharing a hash), numbered below -2^30, so that many
+// distinct far values do not all chain in one cell. (Non-finite coordinates never come here: see
+// CanMatch.)
 constexpr float kFarCoordinate = 1048576.0f;
-constexpr int32_t kFarCell = INT32_MIN;
 // Covers the tolerance's excess over 0.001 and any rounding. A float difference within the
 // tolerance is at most 0.000999999931 (the float below 0.001), so the exact difference is within
 // 0.001 too: the cells hold every candidate.
 constexpr double kSlack = 1e-9;
 
+bool IsFar(float x) {
+  return !(std::fabs(x) < kFarCoordinate);
+}
+
 int32_t CellOf(float x) {
-  if (!(std::fabs(x) < kFarCoordinate)) return kFarCell;
-  return static_cast<int32_t>(std::floor(static_cast<double>(x) * 500.0));
+  if (!IsFar(x)) return static_cast<int32_t>(std::floor(static_cast<double>(x) * 500.0));
+  uint32_t bits;
+  std::memcpy(&bits, &x, 4);
+  return INT32_MIN + static_cast<int32_t>((bits * 0x9E3779B1u) >> 2);
 }
 
 // The cells a kept coordinate near `x` can lie in; returns how many (1 to 3).
 int CellsNear(float x, int32_t* out) {
   const int32_t own = CellOf(x);
-  if (own == kFarCell) {
+  if (IsFar(x)) {
     out[0] = own;
     return 1;
   }

@@ -3,7 +3,8 @@
 // one texture-coordinate set on a node with material. Target: the 65,535-vertex grid in under
 // 50 ms. The last benchmark is the hard case of near mode: every vertex at one position with
 // coordinates too far apart to merge, so one position group holds every kept vertex (searched
-// by cells of coordinates once it is long, instead of one by one).
+// by cells of coordinates once it is long, instead of one by one), also with coordinates beyond
+// 2^20, where each value has a cell of its own.
 //
 // BM_PlanExact and BM_PlanNear time what the tool runs before saving: the weld plan of a scene of
 // 32 meshes shaped like podgen's large-still sheets (4 patches of 125 x 125 vertices whose seams
@@ -73,6 +74,16 @@ Source OnePosition(int vertices) {
   }
   for (int t = 0; t < vertices; ++t)
     s.faces.insert(s.faces.end(), {uint16_t(t), uint16_t((t + 1) % vertices), uint16_t((t + 2) % vertices)});
+  return s;
+}
+
+// The same with coordinates beyond 2^20, where only equal values are near: u = 2^20 + v / 8.
+Source FarCoordinates(int vertices) {
+  Source s = OnePosition(vertices);
+  for (int v = 0; v < vertices; ++v) {
+    s.uvs[2 * size_t(v)] = 1048576.0f + float(v) * 0.125f;
+    s.uvs[2 * size_t(v) + 1] = 0.0f;
+  }
   return s;
 }
 
@@ -203,6 +214,9 @@ void BM_PlanNear(benchmark::State& state) { RunPlan(state, true); }
 void BM_FastNearOnePosition(benchmark::State& state) {
   Run(state, OnePosition(int(state.range(0))), true, reduceVertex);
 }
+void BM_FastNearFarCoordinates(benchmark::State& state) {
+  Run(state, FarCoordinates(int(state.range(0))), true, reduceVertex);
+}
 
 }  // namespace
 
@@ -213,5 +227,10 @@ BENCHMARK(BM_ReferenceNear)->Arg(1000)->Arg(10000)->Arg(65535)->Unit(benchmark::
 BENCHMARK(BM_PlanExact)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PlanNear)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FastNearOnePosition)->Arg(1000)->Arg(10000)->Arg(65535)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FastNearFarCoordinates)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(65535)
+    ->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

@@ -21,8 +21,15 @@ namespace {
 constexpr uint32_t kMaxUVSets = 2;
 // Bone streams are copied once per kept vertex and a vertex with a NaN becomes a new kept vertex
 // at every corner, so a mesh with many bones a vertex could multiply its size by its corners.
-// Meshes whose rebuilt bone streams would pass this size, as the weld keeps them, are left alone.
+// Meshes whose rebuilt bone streams would pass this size, as the weld keeps them, are left alone,
+// and so are those that would make the scene's bone streams, all meshes together, grow by more.
 constexpr uint64_t kMaxRebuiltBoneBytes = uint64_t{256} << 20;
+
+// Bytes of bone indices and weights a vertex of a skinned mesh has; 0 for a mesh without bones.
+uint64_t BoneBytesPerVertex(const SPODMesh& mesh) {
+  if (mesh.sBoneBatches.nBatchCnt <= 0) return 0;
+  return mesh.sBoneIdx.n + 4 * uint64_t{mesh.sBoneWeight.n};
+}
 constexpr double kNearTolerance = 0.001;
 // A position group of near mode this long is searched through its cells instead of one by one.
 constexpr uint32_t kLongGroup = 8;
@@ -670,11 +677,8 @@ MeshWeld MakeWeld(const SPODMesh& mesh, bool useUV, bool nearly, ReductionScratc
 
   const std::vector<buffer>& entries = scratch.entries;
   const size_t n = scratch.kept;
-  if (mesh.sBoneBatches.nBatchCnt > 0) {
-    const uint64_t boneBytes = mesh.sBoneIdx.n + 4 * uint64_t{mesh.sBoneWeight.n};
-    if (n > 0 && boneBytes > kMaxRebuiltBoneBytes / n)
-      return {nullptr, "the rebuilt bone streams would pass 256 MiB"};
-  }
+  if (n > 0 && BoneBytesPerVertex(mesh) > kMaxRebuiltBoneBytes / n)
+    return {nullptr, "the rebuilt bone streams would pass 256 MiB"};
   SPODMeshWeld* weld = PODMeshWeldCreate(static_cast<uint32_t>(n), !scratch.perCorner, addressable, corners);
   weld->nUVW = uvSets;
   weld->bBones = mesh.sBoneBatches.nBatchCnt > 0;
@@ -696,9 +700,11 @@ MeshWeld MakeWeld(const SPODMesh& mesh, bool useUV, bool nearly, ReductionScratc
 
 // Reduces the mesh (mesh `index` of its scene); null when done, otherwise why the mesh was left as
 // it is. With a plan, the weld goes into it and the mesh keeps its streams; without, the streams
-// are rebuilt at once. `ahead`: the weld made of the mesh as it is now, taken over (null: made here).
+// are rebuilt at once. `ahead`: the weld made of the mesh as it is now, taken over (null: made
+// here). `boneGrowth`: what the scene's welds so far add to its bone streams (null: not counted).
 const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useUV, bool nearly,
-                       ReductionScratch& scratch, PODWeldPlan* plan, MeshWeld* ahead = nullptr) {
+                       ReductionScratch& scratch, PODWeldPlan* plan, MeshWeld* ahead = nullptr,
+                       uint64_t* boneGrowth = nullptr) {
   if (mesh == nullptr) return "no mesh";
   // First of all, also for a mesh that is then left as it is.
   if (mesh->nNumUVW > kMaxUVSets) {
@@ -717,6 +723,15 @@ const char* ReduceMesh(SPODNode* node, SPODMesh* mesh, uint32_t index, bool useU
   const MeshWeld made = ahead != nullptr ? *ahead : MakeWeld(*mesh, useUV, nearly, scratch);
   if (ahead != nullptr) *ahead = MeshWeld{};
   if (made.why != nullptr) return made.why;
+  if (boneGrowth != nullptr && made.weld->nKept > mesh->nNumVertex) {
+    const uint64_t growth =
+        (made.weld->nKept - uint64_t{mesh->nNumVertex}) * BoneBytesPerVertex(*mesh);
+    if (growth > kMaxRebuiltBoneBytes - *boneGrowth) {
+      PODMeshWeldFree(made.weld);
+      return "the scene's rebuilt bone streams would grow by more than 256 MiB";
+    }
+    *boneGrowth += growth;
+  }
   if (plan != nullptr) {
     plan->set(index, made.weld);
     return nullptr;
@@ -806,6 +821,7 @@ void ReduceScene(SPODScene* scene, bool nearly, PODWeldPlan* plan) {
   if (plan != nullptr) plan->reserve(scene != nullptr ? scene->nNumMesh : 0);
   WeldsAhead ahead(plan != nullptr ? scene : nullptr, meshNodes, nearly);
   ReductionScratch scratch;
+  uint64_t boneGrowth = 0;
   for (uint32_t k = 0; k < meshNodes; ++k) {
     SPODNode* node = &scene->pNode[k];
     // The check is reduceMeshVertex's, by whichever entry point it is reached.
@@ -819,8 +835,8 @@ void ReduceScene(SPODScene* scene, bool nearly, PODWeldPlan* plan) {
     const uint32_t index = static_cast<uint32_t>(node->nIdx);
     SPODMesh* mesh = &scene->pMesh[index];
     before += CountAfterWelds(*mesh, index, plan);
-    if (const char* why = ReduceMesh(node, mesh, index, node->nIdxMaterial >= 0, nearly, scratch, plan,
-                                     ahead.Of(k)))
+    if (const char* why = ReduceMesh(node, mesh, index, node->nIdxMaterial >= 0, nearly, scratch,
+                                     plan, ahead.Of(k), &boneGrowth))
       NoteUnreduced(node, why);
     after += CountAfterWelds(*mesh, index, plan);
   }

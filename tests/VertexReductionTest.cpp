@@ -217,6 +217,31 @@ TEST(VertexReduction, RebuiltBoneStreamsAreBoundedByTheVerticesKept) {
   FreeScene(scene);
 }
 
+// What the welds add to the scene's bone streams is bounded as a whole: two meshes whose NaN
+// vertex is kept at each of 498 corners grow by 163 MB each, within 256 MiB alone, not together.
+TEST(VertexReduction, TheScenesRebuiltBoneStreamsAreBoundedAsAWhole) {
+  const uint32_t kBones = 65536;  // 327,680 bytes of bones a vertex
+  MeshData m;
+  m.normals = {1, 0, 0, 2, 0, 0};
+  m.boneIdxN = m.boneWeightN = kBones;
+  m.boneIdx.assign(2 * kBones, 0);
+  m.boneWeights.assign(2 * kBones, 0.5f);
+  m.positions = {std::numeric_limits<float>::quiet_NaN(), 4, 5, 3, 4, 5};
+  m.faces.assign(498, 0);
+  SPODScene scene = MakeScene({MakeMesh(m), MakeMesh(m)}, {{0, -1, "first"}, {1, -1, "second"}});
+  CaptureStdout();
+  testing::internal::CaptureStderr();
+  const PODWeldPlan plan = reduceMeshVertexForSave(&scene, false);
+  EXPECT_EQ(GetCapturedStdout(), kSameHeader + Totals(4, 500));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Note: vertices of \"second\" not reduced: the scene's rebuilt bone streams would grow "
+            "by more than 256 MiB\n");
+  ASSERT_NE(plan.weld(0), nullptr);
+  EXPECT_EQ(plan.weld(0)->nKept, 498u);
+  EXPECT_EQ(plan.weld(1), nullptr);
+  FreeScene(scene);
+}
+
 // The vertex count does not bound the indices: vertices are read only where the triangles use
 // them, so streams shorter than the count, or indices past it, are welded as long as every stream
 // read holds each index used. The totals still add up the counts.

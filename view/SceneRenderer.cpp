@@ -5,6 +5,8 @@
 #include <GL/glext.h>
 
 #include <cmath>
+#include <map>
+#include <tuple>
 
 #include "view/GLContext.h"
 
@@ -204,8 +206,21 @@ bool SceneRenderer::Upload(std::string& error) {
   m_lineProgram = Program(kLineVertexShader, kLineFragmentShader, error);
   if (m_lineProgram == 0) return false;
 
+  // What a mesh's buffers are made of: meshes alike in all of it share one set.
+  using Source = std::tuple<const void*, const void*, const void*, const void*, const void*,
+                            const void*, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>;
+  std::map<Source, std::shared_ptr<MeshBuffers>> made;
   for (const DrawMesh& mesh : m_scene.meshes) {
-    auto b = std::make_unique<MeshBuffers>();
+    const Source source{mesh.positions,       mesh.normals,         mesh.uvs,
+                        mesh.boneIndices,     mesh.boneWeights,     mesh.indices,
+                        mesh.vertexCount,     mesh.triangleCount,   mesh.bonesPerVertex,
+                        mesh.boneIndexStride, mesh.boneWeightStride};
+    std::shared_ptr<MeshBuffers>& shared = made[source];
+    if (shared != nullptr) {
+      m_meshes.push_back(shared);
+      continue;
+    }
+    auto b = std::make_shared<MeshBuffers>();
     glGenVertexArrays(1, &b->array);
     glBindVertexArray(b->array);
     const size_t nv = mesh.vertexCount;
@@ -230,6 +245,7 @@ bool SceneRenderer::Upload(std::string& error) {
     }
     b->buffers.push_back(NewBuffer(GL_ELEMENT_ARRAY_BUFFER, mesh.indices, size_t{mesh.triangleCount} * 6));
     glBindVertexArray(0);
+    shared = b;
     m_meshes.push_back(std::move(b));
   }
 

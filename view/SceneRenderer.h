@@ -55,7 +55,8 @@ class SceneRenderer {
 
   const ViewScene& m_scene;
   float m_markerSize = 1;
-  std::vector<std::unique_ptr<MeshBuffers>> m_meshes;
+  // By mesh of the scene; meshes drawn from the same arrays (headers naming one record) share.
+  std::vector<std::shared_ptr<MeshBuffers>> m_meshes;
   unsigned m_meshProgram = 0, m_lineProgram = 0;
   unsigned m_boneBuffer = 0, m_boneTexture = 0;
   unsigned m_lineArray = 0, m_lineBuffer = 0;

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <unordered_map>
 
 #include "pod/IndexRange.h"
 #include "qsn/QelSceneGraphModel.h"
@@ -161,13 +162,16 @@ class Builder {
     const uint32_t slotsStored = s.sBoneIndexbuffer.data != nullptr ? s.sBoneIndexbuffer.length / 4 : 0;
     const uint64_t slotsWithMatrices =
         s.sBoneWorldMatrixbuffer.data != nullptr ? s.sBoneWorldMatrixbuffer.length / (uint64_t{64} * frames) : 0;
+    // Each bone's first slot, found once rather than by a scan of the slots for every entry.
+    std::unordered_map<int32_t, uint32_t> firstSlot;
+    for (uint32_t slot = slotsStored; slot-- > 0;)
+      firstSlot[LoadInt(s.sBoneIndexbuffer.data + 4 * slot)] = slot;
     for (uint32_t j = 0; j < bones; ++j) {
       const int32_t bone = LoadInt(s.Batch.data + 4 * j);
-      uint32_t slot = 0;
-      while (slot < slotsStored && LoadInt(s.sBoneIndexbuffer.data + 4 * slot) != bone) ++slot;
-      if (slot == slotsStored || slot >= slotsWithMatrices)
+      const auto found = firstSlot.find(bone);
+      if (found == firstSlot.end() || found->second >= slotsWithMatrices)
         return Skip("bone " + std::to_string(bone) + " has no matrices");
-      d.batchSlots.push_back(slot);
+      d.batchSlots.push_back(found->second);
     }
     d.boneMatrices = reinterpret_cast<const float*>(s.sBoneWorldMatrixbuffer.data);
     d.frames = frames;

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
@@ -145,13 +146,25 @@ bool QelSceneGraphModel::loadStream(CPODData& stream, uint64_t bytes, uint32_t o
   if (bytes == 0) return true;
   // A stream cannot be longer than the file that holds it; refusing here keeps a corrupt count
   // from turning into an absurd allocation.
-  if (!PODFile || bytes > FileSize(PODFile.get()) || bytes > INT32_MAX) return false;
-  uint8_t* array = korvex::AllocateZeroed<uint8_t>(static_cast<size_t>(bytes), "a mesh stream");
-  m_loadedStreams.push_back(array);
-  stream.pData = array;
+  const uint64_t fileBytes = PODFile ? FileSize(PODFile.get()) : 0;
+  if (!PODFile || bytes > fileBytes || bytes > INT32_MAX) return false;
+  std::pair<uint8_t*, bool>& loaded = m_loadedAt[{offset, bytes}];
+  if (loaded.first == nullptr) {
+    // The streams of a file never overlap, so those in different places come in all to no more
+    // than its size: twice that bounds what records claiming large overlapping streams load.
+    if (bytes > 2 * fileBytes - std::min(m_loadedBytes, 2 * fileBytes)) {
+      m_loadedAt.erase({offset, bytes});
+      return false;
+    }
+    m_loadedBytes += bytes;
+    loaded.first = korvex::AllocateZeroed<uint8_t>(static_cast<size_t>(bytes), "a mesh stream");
+    m_loadedStreams.push_back(loaded.first);
+    // A short read leaves the rest of the array zero.
+    loaded.second = readAt(loaded.first, static_cast<size_t>(bytes), offset) == bytes;
+  }
+  stream.pData = loaded.first;
   stream.nDataSize = static_cast<size_t>(bytes);
-  // A short read leaves the rest of the array zero.
-  return readAt(array, static_cast<size_t>(bytes), offset) == bytes;
+  return loaded.second;
 }
 
 bool QelSceneGraphModel::loadMeshData(SSGQelMeshNode* mesh) {

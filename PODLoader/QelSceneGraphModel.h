@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -121,12 +122,18 @@ class QelSceneGraphModel {
  private:
   // Reads up to `size` bytes at `offset`; returns how many were read.
   size_t readAt(uint8_t* buffer, size_t size, uint32_t offset);
-  // Reads one stream of `bytes` bytes at `offset` into a new zero-filled array kept by the model.
+  // Reads one stream of `bytes` bytes at `offset` into a zero-filled array kept by the model, the
+  // one already read from that place if any. False when the file is not open, the stream is
+  // larger than it, what is loaded in all would pass twice its size, or a read falls short.
   bool loadStream(CPODData& stream, uint64_t bytes, uint32_t offset);
 
   std::vector<std::pair<uint32_t, void*>> m_adopted;  // kind and record
   std::vector<SSGNodeHeader*> m_adoptedHeaders;
   std::vector<uint8_t*> m_loadedStreams;  // arrays made by loadMeshData
+  // The same by place in the POD file (offset, bytes), with whether they were read in full:
+  // records that name the same bytes (nodes on one mesh, headers naming one record) share them.
+  std::map<std::pair<uint32_t, uint64_t>, std::pair<uint8_t*, bool>> m_loadedAt;
+  uint64_t m_loadedBytes = 0;
   std::vector<uint8_t*> m_keptArrays;     // arrays made by keepArray
 };
 

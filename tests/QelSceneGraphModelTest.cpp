@@ -73,6 +73,33 @@ TEST_F(PODFileAccess, LoadsEachStreamFromItsOffset) {
   EXPECT_FALSE(model.PODFile);
 }
 
+// Streams several records name in one place (nodes on one mesh, headers naming one record) are
+// read once and shared. What is read in all stays within twice the file's size (its streams never
+// overlap): past that a stream is left out, as one the file does not hold.
+TEST_F(PODFileAccess, StreamsInOnePlaceAreReadOnceAndAllThatIsReadIsBounded) {
+  QelSceneGraphModel model;
+  SSGQelMeshNodeData* a = AddMesh(model, ESGMeshNode);
+  SSGQelMeshNodeData* b = AddMesh(model, ESGMeshNode);
+  ASSERT_TRUE(model.openPODFile(dir.file("scene.PODx")));
+  EXPECT_TRUE(model.loadMeshData(a));
+  EXPECT_TRUE(model.loadMeshData(b));
+  EXPECT_EQ(a->vertex.pData, b->vertex.pData);
+  EXPECT_EQ(Bytes(b->normal, 24), Pattern(60, 24));
+  // 54 bytes read so far; two more streams of 288 bytes in other places pass 600.
+  SSGQelMeshNodeData* wide[2];
+  for (int k = 0; k < 2; ++k) {
+    wide[k] = AddMesh(model, ESGMeshNode);
+    wide[k]->numVertex = 24;
+    wide[k]->numFace = 0;
+    wide[k]->normal.n = 0;
+    wide[k]->vertexOffset = uint32_t(k);
+  }
+  EXPECT_TRUE(model.loadMeshData(wide[0]));
+  EXPECT_EQ(Bytes(wide[0]->vertex, 288), Pattern(0, 288));
+  EXPECT_FALSE(model.loadMeshData(wide[1]));
+  EXPECT_EQ(wide[1]->vertex.pData, nullptr);
+}
+
 TEST_F(PODFileAccess, LazyLoadingJoinsDirectoryAndFileName) {
   QelSceneGraphModel model;
   SSGQelMeshNodeData* box = AddMesh(model, ESGCollisionBoxNode);

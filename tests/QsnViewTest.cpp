@@ -325,7 +325,10 @@ TEST(QsnView, WrongInputEndsWithStatusOneAndLeavesTheImageAlone) {
     EXPECT_EQ(korvex::test::ReadFileBytes(png), (std::vector<uint8_t>{'o', 'l', 'd'}));
   }
   for (const std::vector<std::string>& args :
-       std::vector<std::vector<std::string>>{{qsn}, {"--size", "0x5", qsn, png}, {"--frame", "2", "--sheet", qsn, png},
+       std::vector<std::vector<std::string>>{{qsn},
+                                             {"--size", "0x5", qsn, png},
+                                             {"--size", "16384x4097", qsn, png},
+                                             {"--frame", "2", "--sheet", qsn, png},
                                              {"--bogus", qsn, png}}) {
     SCOPED_TRACE(args[0]);
     EXPECT_EQ(QsnView(args).exitStatus, 2);

@@ -26,8 +26,11 @@ using namespace korvex::view;
 
 const int kExitFailed = 1;
 const int kExitUsage = 2;
-// Large enough for a poster, small enough that the image always fits in memory.
+// Large enough for a poster, small enough that the image fits in memory: rendering takes about
+// 44 bytes a pixel (multisampled colour and depth, the resolved image, its copies), so 2^26
+// pixels take some 3 GB.
 const uint32_t kMaxSide = 16384;
+const uint64_t kMaxPixels = uint64_t{1} << 26;
 const uint32_t kMaxCells = 1024;
 
 const char* const kUsage =
@@ -117,8 +120,10 @@ int ParseCommandLine(int argc, char** argv, Options& o, bool& help, bool& versio
     } else if (arg == "--size") {
       const char* v = value("a size WxH");
       if (v == nullptr) return kExitUsage;
-      if (!ParsePair(v, o.width, o.height) || o.width > kMaxSide || o.height > kMaxSide)
-        return UsageError("--size takes WxH, each from 1 to " + std::to_string(kMaxSide));
+      if (!ParsePair(v, o.width, o.height) || o.width > kMaxSide || o.height > kMaxSide ||
+          uint64_t{o.width} * o.height > kMaxPixels)
+        return UsageError("--size takes WxH, each from 1 to " + std::to_string(kMaxSide) + ", " +
+                          std::to_string(kMaxPixels) + " pixels at most");
     } else if (arg == "--frame") {
       const char* v = value("a frame number");
       if (v == nullptr) return kExitUsage;

@@ -246,7 +246,11 @@ std::vector<Mat4> BoneMatrices(const DrawMesh& mesh, uint32_t frame) {
   std::vector<Mat4> out;
   if (mesh.boneMatrices == nullptr || mesh.frames == 0) return out;
   const size_t f = std::min(frame, mesh.frames - 1);
-  for (uint32_t slot : mesh.batchSlots) out.push_back(FromFloats(mesh.boneMatrices + 16 * (size_t{mesh.frames} * slot + f)));
+  // Bone indices are bytes: entries past the 256th are never reached, whatever the batch lists.
+  const size_t reachable = std::min<size_t>(mesh.batchSlots.size(), 256);
+  for (size_t j = 0; j < reachable; ++j)
+    out.push_back(
+        FromFloats(mesh.boneMatrices + 16 * (size_t{mesh.frames} * mesh.batchSlots[j] + f)));
   return out;
 }
 

@@ -89,7 +89,7 @@ ViewScene BuildViewScene(QelSceneGraphModel& model, bool podStreams);
 // The node's matrix at a frame (frames beyond its table take its last one).
 Mat4 MeshMatrix(const DrawMesh& mesh, uint32_t frame);
 Mat4 CameraMatrix(const DrawCamera& camera, uint32_t frame);
-// One matrix per batch entry at a frame, ready for the renderer.
+// One matrix per batch entry a vertex can reach (the first 256) at a frame, for the renderer.
 std::vector<Mat4> BoneMatrices(const DrawMesh& mesh, uint32_t frame);
 
 // The mesh's volumes in world space at a frame.

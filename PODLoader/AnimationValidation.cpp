@@ -14,6 +14,14 @@ namespace {
 
 using korvex::Format;
 
+// The bone count of a skinned mesh's first batch; a mesh without batch counts has none (0).
+bool HasBoneCount(const CPODBoneBatches& batches) {
+  return batches.pnBatchBoneCnt != nullptr && batches.nBatchBoneCntSize >= 4;
+}
+int32_t FirstBoneCount(const CPODBoneBatches& batches) {
+  return HasBoneCount(batches) ? batches.pnBatchBoneCnt[0] : 0;
+}
+
 // The skeletal converter evaluates every node with its parents (its frame-0 table), so every
 // chain must stay inside the node array and end at a root.
 std::string CheckParentChains(const CPODScene& scene, const korvex::SceneRules& rules) {
@@ -62,9 +70,8 @@ std::string CheckBoneStream(const SPODMesh& mesh, const CPODData& stream, const 
 std::string CheckSkinnedMesh(const CPODScene& scene, const korvex::SceneRules& rules,
                              const SPODNode& node, const SPODMesh& mesh) {
   const CPODBoneBatches& batches = mesh.sBoneBatches;
-  // The bone count of the first batch; a mesh without batch counts has none.
-  const bool counted = batches.pnBatchBoneCnt != nullptr && batches.nBatchBoneCntSize >= 4;
-  const int32_t k = counted ? batches.pnBatchBoneCnt[0] : 0;
+  const bool counted = HasBoneCount(batches);
+  const int32_t k = FirstBoneCount(batches);
 
   // Each bone's bind pose reads the first keys of the mesh node, without a fallback; with no
   // bones they are never read.
@@ -138,8 +145,7 @@ std::string AnimationBudget::Add(const CPODScene& scene, const korvex::SceneRule
   const SPODNode& node = scene.pNode[nodeIndex];
   if (rules.kind(nodeIndex) == korvex::NodeKind::kSkeletalMesh) {
     const CPODBoneBatches& batches = scene.pMesh[node.nIdx].sBoneBatches;
-    const bool counted = batches.pnBatchBoneCnt != nullptr && batches.nBatchBoneCntSize >= 4;
-    const int32_t k = counted ? batches.pnBatchBoneCnt[0] : 0;
+    const int32_t k = FirstBoneCount(batches);
     // A bone matrix a table entry (the count's low byte of them) and two volumes a frame.
     const uint64_t entries = static_cast<uint32_t>(k) & 0xFFu;
     m_bytes += frames * (entries * 64 + kSGSphereElementSize + kSGAABBElementSize);

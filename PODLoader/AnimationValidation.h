@@ -1,6 +1,7 @@
 #pragma once
-// Up-front check of the nodes whose animation is baked (skinned and animated meshes, animated
-// cameras): whether their conversion can run on this scene without reading outside any array.
+// Up-front checks of the nodes whose animation is baked (skinned and animated meshes, animated
+// cameras): whether their conversion can run on this scene without reading outside any array,
+// and whether what baking them all takes stays within its budget.
 
 #include <cstdint>
 #include <string>
